@@ -1,0 +1,70 @@
+// Differences between the server versions 10 to 18, and nothing else: no other file asks for the version.
+// The code is written for the version-10 interface; each entry is named after the version-10 form where
+// there is one. Included by quelmoraPgServer.h only.
+#pragma once
+
+extern "C" {
+#if PG_VERSION_NUM >= 120000
+#include "access/relation.h"
+#include "access/table.h"
+#include "optimizer/optimizer.h"
+#else
+#include "access/heapam.h"
+#include "optimizer/clauses.h"
+#include "optimizer/var.h"
+#endif
+#if PG_VERSION_NUM >= 180000
+#include "commands/explain_state.h"
+#endif
+}
+
+#if PG_VERSION_NUM >= 120000
+// The descriptor's structure was `tupleDesc` up to version 11.
+using tupleDesc = TupleDescData;
+
+inline Relation heap_open(Oid relationId, LOCKMODE lockMode) { return table_open(relationId, lockMode); }
+#endif
+
+namespace qm::pgCompat
+{
+
+// Reports `text` as an ERROR at the given place; [server side], does not return. From version 13 on the
+// place is handed over when the report is finished, before that when it starts.
+[[noreturn]] inline void raiseError(int sqlState, const char *text, const char *file, int line,
+                                    const char *function)
+{
+#if PG_VERSION_NUM >= 130000
+    if (errstart(ERROR, TEXTDOMAIN)) {
+#else
+    if (errstart(ERROR, file, line, function, TEXTDOMAIN)) {
+#endif
+        errcode(sqlState);
+        if (text)
+            errmsg_internal("%s", text);
+#if PG_VERSION_NUM >= 130000
+        errfinish(file, line, function);
+#else
+        errfinish(0);
+#endif
+    }
+    pg_unreachable();
+}
+
+// A path over a whole foreign table: no sort order, no parameters. Version 17 added a list of clauses,
+// version 18 a count of disabled nodes.
+inline ForeignPath *createForeignScanPath(PlannerInfo *root, RelOptInfo *relation, double rows,
+                                          Cost startupCost, Cost totalCost)
+{
+#if PG_VERSION_NUM >= 180000
+    return create_foreignscan_path(root, relation, nullptr, rows, 0, startupCost, totalCost, NIL, nullptr,
+                                   nullptr, NIL, NIL);
+#elif PG_VERSION_NUM >= 170000
+    return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, nullptr,
+                                   nullptr, NIL, NIL);
+#else
+    return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, nullptr,
+                                   nullptr, NIL);
+#endif
+}
+
+} // namespace qm::pgCompat
