@@ -1,0 +1,68 @@
+// What the connector's own sources share with each other and with nobody else.
+#pragma once
+
+#include "quelmoraPgFdwElasticSearchConnector.h"
+#include "quelmoraPgFdwElasticSearchResultParsers.h"
+
+#include <string>
+
+namespace qm::pgFdwElaticSearch
+{
+
+// The plan-time description: an int64 row limit, six flags, two zero bytes, in host byte order.
+constexpr size_t DescriptionSize = 16;
+constexpr size_t DescriptionFlags = 8;
+
+// ---- clauses -------------------------------------------------------------------------------------------
+
+// The row limit that the planner knows of, -1 for none.
+int64 planRowLimit(const PlannerInfo *root);
+
+// Sets the flags, among the six at `flags`, of the known columns that occur anywhere in the expression; a
+// whole-row reference sets all of them.
+void flagReferencedColumns(Node *expression, tupleDesc *descriptor, void *flags);
+
+// A compression level as options and parameters give it; text that is no number counts as 0.
+// Throws FdwError when it is out of range.
+int parseCompressionLevel(const char *text);
+
+// A copy of `text` in the current memory context in place of `previous` (may be null), which is freed.
+char *replaceString(char *previous, const char *text);
+
+// Appends the string to a list of text datums.
+List *appendText(List *list, const char *string);
+
+// ---- request -------------------------------------------------------------------------------------------
+
+// Appends the elements of a list of text datums as quoted JSON strings; a comma goes before an element when
+// `comma` is true, which it is after each. Throws FdwError HV00B for text that is not valid UTF-8.
+void StringListToJson(std::string &out, List *list, bool &comma);
+
+// Appends the members of the search object to `body`. `hasIds` becomes whether there is anything to ask for:
+// false for an id look-up without ids. `allIds` puts every id into the request, otherwise at most as many as
+// one request may return; the ids sent leave the connector's docNames.
+void AppendBasePostContent(ElasticSearchConnector *connector, std::string &body, bool &hasIds, bool allIds);
+
+// ---- transport -----------------------------------------------------------------------------------------
+
+// libcurl's write callback: feeds the parser (a SearchResultParser, or null to drop the bytes). Returns the
+// number of bytes taken, 0 to end the transfer.
+size_t CurlWriteCallback(char *data, size_t size, size_t count, void *parser);
+
+// Sends one request (POST with a body, else GET; DELETE with the flag), streams the answer into the parser
+// and appends its hits to the connector's queues in the connector's page context. Without a parser the
+// answer is dropped and no failure but an interrupt is reported.
+void DoCurlRequest(ElasticSearchConnector *connector, const std::string &url, const std::string &body,
+                   qm::pgFdw::SearchResultParser *parser, bool deleteRequest);
+
+// ---- fetching ------------------------------------------------------------------------------------------
+
+// Fill the result queues; nothing is added when there is nothing more to fetch.
+void UpdateConnectorCacheStdMode(ElasticSearchConnector *connector);
+void UpdateConnectorCacheScrollMode(ElasticSearchConnector *connector);
+
+// Deletes the scroll context of the connector's scrollId, which must be set, on the search server. A failed
+// deletion is no error: the context expires there.
+void DeleteScroll(ElasticSearchConnector *connector);
+
+} // namespace qm::pgFdwElaticSearch

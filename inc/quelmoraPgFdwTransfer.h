@@ -1,0 +1,26 @@
+// One HTTP transfer that the server can interrupt.
+#pragma once
+
+#include <curl/curl.h>
+#include <memory>
+
+namespace qm::pgFdwElaticSearch
+{
+
+template <auto cleanUp>
+struct CurlDeleter {
+    template <typename Handle>
+    void operator()(Handle *handle) const
+    {
+        cleanUp(handle);
+    }
+};
+using EasyHandle = std::unique_ptr<CURL, CurlDeleter<curl_easy_cleanup>>;
+using HeaderList = std::unique_ptr<curl_slist, CurlDeleter<curl_slist_free_all>>;
+
+// Runs the transfer that `easy` describes and returns libcurl's result code. A cancel request, a time-out or
+// a shutdown ends it within a fraction of a second: throws the server's own error as a ServerError. The
+// handle is free for clean-up afterwards in either case.
+CURLcode runTransfer(CURL *easy);
+
+} // namespace qm::pgFdwElaticSearch

@@ -1,0 +1,167 @@
+// Construction of a scan's connector from the plan, the clauses' values and the table's options.
+#include "quelmoraPgFdwElasticSearchInternal.h"
+#include "quelmoraPgFdwElasticSearchJson.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace qm::pgFdwElaticSearch
+{
+
+using qm::pgFdw::callServer;
+using qm::pgFdw::ConnectorTypes;
+using qm::pgFdw::FdwError;
+
+namespace
+{
+
+struct Option {
+    const char *name;
+    const char *value;
+};
+
+// [server side] The table's own options, in their order; `count` receives their number.
+Option *tableOptions(Oid tableOid, int &count)
+{
+    List *definitions = GetForeignTable(tableOid)->options;
+    count = list_length(definitions);
+    auto *options = static_cast<Option *>(palloc(sizeof(Option) * (count + 1)));
+    Option *next = options;
+    ListCell *cell;
+    foreach (cell, definitions) {
+        auto *definition = static_cast<DefElem *>(lfirst(cell));
+        *next++ = {definition->defname, defGetString(definition)};
+    }
+    return options;
+}
+
+void readOption(ElasticSearchConnector *connector, const Option &option)
+{
+    const std::string name = option.name;
+    if (name == "address") {
+        connector->address = replaceString(connector->address, option.value);
+    } else if (name == "port") {
+        connector->port = replaceString(connector->port, option.value);
+    } else if (name == "indexlist") {
+        connector->indexList = replaceString(connector->indexList, option.value);
+    } else if (name == "scrolltimeout") {
+        connector->scrollTimeout = replaceString(connector->scrollTimeout, option.value);
+    } else if (name == "batchsize") {
+        const auto size = static_cast<int32>(std::strtol(option.value, nullptr, 10));
+        if (size > 0)
+            connector->batchSize = size;
+    } else if (name == "compressionlevel") {
+        connector->compressionLevel = parseCompressionLevel(option.value);
+    } else if (name == "fullerrormsg") {
+        connector->fullErrorMsg = std::strcmp(option.value, "true") == 0;
+    }
+}
+
+std::string docTypeFilter(const std::list<std::string> &docTypes)
+{
+    std::string filter = R"("query":{"bool":{"filter":{"terms":{"type":[)";
+    char separator = ' ';
+    for (const std::string &docType : docTypes) {
+        filter += separator;
+        filter += '"';
+        if (!Utf8ToJson(docType.data(), docType.data() + docType.size(), filter))
+            throw FdwError(ERRCODE_FDW_INVALID_HANDLE, "utf8 to json conversion error");
+        filter += '"';
+        separator = ',';
+    }
+    return filter + "]}},";
+}
+
+// [server side] A zeroed record with its memory contexts below the current one.
+ElasticSearchConnector *allocateConnector()
+{
+    MemoryContext scanContext =
+        AllocSetContextCreate(CurrentMemoryContext, "Elasticsearch scan", ALLOCSET_DEFAULT_SIZES);
+    auto *connector =
+        static_cast<ElasticSearchConnector *>(MemoryContextAllocZero(scanContext, sizeof(ElasticSearchConnector)));
+    connector->scanContext = scanContext;
+    connector->pageContext =
+        AllocSetContextCreate(scanContext, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES);
+    connector->rowContext = AllocSetContextCreate(scanContext, "Elasticsearch row", ALLOCSET_DEFAULT_SIZES);
+    return connector;
+}
+
+void readDescription(ElasticSearchConnector *connector, const char *description)
+{
+    std::memcpy(&connector->limit, description, sizeof connector->limit);
+    for (int column = 0; column < ColumnCount; ++column)
+        connector->requestedColumns[column] |= description[DescriptionFlags + column] != 0;
+}
+
+void appendDocNames(ElasticSearchConnector *connector, const std::list<std::string> &docNames)
+{
+    callServer([&] {
+        connector->docNames.reserve(docNames.size());
+        for (const std::string &name : docNames)
+            connector->docNames.append(
+                DirectFunctionCall1Coll(textin, InvalidOid, CStringGetDatum(name.c_str())));
+    });
+}
+
+} // namespace
+
+ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tableOid, ConnectorTypes type,
+                                             ForeignScanState *node)
+{
+    if (!qm::pgFdw::isValidConnectorType(type))
+        return nullptr;
+
+    ElasticSearchConnector *connector = callServer([] { return allocateConnector(); });
+    qm::pgFdw::MemoryContextScope scope(connector->scanContext);
+
+    std::unique_ptr<std::list<std::string>> docNames;
+    std::list<std::string> params;
+    std::list<std::string> docTypes;
+    List *leftoverExprs = NIL;
+    ScanExpressions(&reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_exprs, tableOid, leftoverExprs,
+                    docNames, params, docTypes, node, false);
+    if (leftoverExprs != NIL)
+        throw FdwError(ERRCODE_FDW_ERROR, "Error while deparsing query clauses");
+
+    connector->connectorType = type;
+    connector->searchMode = SearchByQuery;
+    connector->batchSize = 10;
+    connector->compressionLevel = 5;
+    connector->paramCompressionLevel = -3;
+    connector->tableOid = tableOid;
+    connector->limit = -1;
+
+    ParseParam(params, connector->paramCompressionLevel, connector->query, connector->highlight,
+               connector->sourceIncludeFilter, connector->sourceExcludeFilter);
+    if (docNames && connector->query)
+        throw FdwError(ERRCODE_FDW_ERROR, "docname and query clause not supported on same select");
+    if (connector->highlight && !connector->query)
+        throw FdwError(ERRCODE_FDW_ERROR, "'highlight' param could only be used with 'query' param");
+
+    if (description)
+        readDescription(connector, description);
+    connector->scrollTimeout = replaceString(nullptr, "5m");
+    connector->indexList = replaceString(nullptr, "_all");
+
+    if (!docTypes.empty()) {
+        connector->docTypeFilterOpen = replaceString(nullptr, docTypeFilter(docTypes).c_str());
+        connector->docTypeFilterClose = replaceString(nullptr, "}}");
+    }
+
+    if (!connector->query) {
+        if (!docNames)
+            throw FdwError(ERRCODE_FDW_ERROR, "need docname or query clause");
+        connector->searchMode = SearchByDocName;
+        appendDocNames(connector, *docNames);
+    }
+
+    int optionCount = 0;
+    const Option *options = callServer([&] { return tableOptions(tableOid, optionCount); });
+    for (int i = 0; i < optionCount; ++i)
+        readOption(connector, options[i]);
+    if (!connector->address || !connector->port)
+        throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
+    return connector;
+}
+
+} // namespace qm::pgFdwElaticSearch

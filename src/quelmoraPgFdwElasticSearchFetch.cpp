@@ -1,0 +1,130 @@
+// Where the rows come from: the requests of a scan, one batch or page at a time.
+#include "quelmoraPgFdwElasticSearchInternal.h"
+
+#include <memory>
+
+namespace qm::pgFdwElaticSearch
+{
+
+using qm::pgFdw::FdwError;
+using qm::pgFdw::SearchResultParser;
+
+namespace
+{
+
+std::string clusterUrl(const ElasticSearchConnector *connector)
+{
+    return std::string(connector->address) + ":" + connector->port;
+}
+
+// Sends one search or page request, which appends its hits to the result queues, and returns the collector
+// for what else the answer said.
+std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, const std::string &url,
+                                          const std::string &body)
+{
+    const bool *fill = connector->fillColumns;
+    auto parser = std::make_unique<SearchResultParser>(connector->batchSize, fill[DocContent], fill[Score],
+                                                       fill[DocType], fill[Highlights]);
+    DoCurlRequest(connector, url, body, parser.get(), false);
+    return parser;
+}
+
+int64 hitCount(const SearchResultParser &parser) { return static_cast<int64>(parser.getDocIdList().size()); }
+
+// Neither a part of the hits nor an arbitrary choice among them may pass for the result. `asked` is how many
+// hits the request asked for, `received` how many came.
+void refuseMoreThanABatch(const ElasticSearchConnector *connector, int64 asked, int64 received)
+{
+    const auto exceeds = [&](int64 size) {
+        const bool limitFits = connector->limit != -1 && connector->limit <= size;
+        return size < connector->totalHits && !limitFits;
+    };
+    // One id can stand in several indices: a look-up then finds more documents than it has ids.
+    const bool someAreLost = connector->searchMode == SearchByDocName && received < connector->totalHits;
+    if (exceeds(connector->batchSize) || (someAreLost && exceeds(asked)))
+        throw FdwError(ERRCODE_FDW_ERROR, "es search result bigger than batch size, use a scroll");
+}
+
+// The id must outlive the page: it is kept in the scan's context.
+void keepScrollId(ElasticSearchConnector *connector, const std::string &scrollId)
+{
+    qm::pgFdw::MemoryContextScope scope(connector->scanContext);
+    connector->scrollId = replaceString(connector->scrollId, scrollId.c_str());
+}
+
+void dropScrollId(ElasticSearchConnector *connector)
+{
+    pfree(connector->scrollId);
+    connector->scrollId = nullptr;
+}
+
+void openScroll(ElasticSearchConnector *connector)
+{
+    connector->scrollStarted = true;
+    std::string members;
+    bool hasIds = true;
+    AppendBasePostContent(connector, members, hasIds, true);
+    const std::string url =
+        clusterUrl(connector) + "/" + connector->indexList + "/_search/?scroll=" + connector->scrollTimeout;
+    const auto parser = fetch(connector, url, "{" + members + "}");
+    connector->totalHits = parser->getTotalHitCount();
+    keepScrollId(connector, parser->getScrollId());
+}
+
+void fetchNextPage(ElasticSearchConnector *connector)
+{
+    if (!connector->scrollId || connector->rowsReturned >= connector->totalHits)
+        return;
+    const std::string url = clusterUrl(connector) + "/_search/scroll?scroll=" + connector->scrollTimeout +
+                            "&scroll_id=" + connector->scrollId;
+    const auto parser = fetch(connector, url, "");
+    const int64 hits = hitCount(*parser);
+    if (hits == 0 || connector->rowsReturned + hits == connector->totalHits)
+        dropScrollId(connector);
+    else
+        keepScrollId(connector, parser->getScrollId());
+}
+
+} // namespace
+
+void UpdateConnectorCacheStdMode(ElasticSearchConnector *connector)
+{
+    if (connector->searchMode == SearchByQuery && connector->pagesFetched != 0)
+        return;
+    ++connector->pagesFetched;
+
+    // The doubled slash is the form that the search path has always had here.
+    const std::string url = clusterUrl(connector) + "/" + connector->indexList + "/" + "/_search";
+    do {
+        std::string members;
+        bool hasIds = true;
+        const int64 idsBefore = connector->docNames.length();
+        AppendBasePostContent(connector, members, hasIds, false);
+        if (!hasIds)
+            return;
+        const auto parser = fetch(connector, url, "{" + members + "}");
+        connector->totalHits = parser->getTotalHitCount();
+        refuseMoreThanABatch(connector, idsBefore - connector->docNames.length(),
+                             hitCount(*parser));
+        // A batch of ids of which none exists is no end: go on with the next one.
+    } while (connector->searchMode == SearchByDocName && connector->resultDocNames.isEmpty() &&
+             !connector->docNames.isEmpty());
+}
+
+void UpdateConnectorCacheScrollMode(ElasticSearchConnector *connector)
+{
+    if (!connector->scrollStarted) {
+        openScroll(connector);
+        if (!connector->resultDocNames.isEmpty())
+            return;
+    }
+    fetchNextPage(connector);
+}
+
+void DeleteScroll(ElasticSearchConnector *connector)
+{
+    DoCurlRequest(connector, clusterUrl(connector) + "/_search/scroll?&scroll_id=" + connector->scrollId, "",
+                  nullptr, true);
+}
+
+} // namespace qm::pgFdwElaticSearch
