@@ -1,0 +1,108 @@
+// Decoding of one JSON string.
+#include "jsonString.h"
+
+#include <utf8.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+
+namespace zq::elasticsearch
+{
+
+namespace
+{
+
+constexpr std::size_t hexDigits = 4;
+
+int hexValue(char digit)
+{
+    if (digit >= '0' && digit <= '9') {
+        return digit - '0';
+    }
+    if (digit >= 'a' && digit <= 'f') {
+        return digit - 'a' + 10;
+    }
+    if (digit >= 'A' && digit <= 'F') {
+        return digit - 'A' + 10;
+    }
+    return -1;
+}
+
+/// Takes the four digits at the start of `rest` and appends the code point they name.
+bool appendCodePoint(std::string_view &rest, std::string &decoded)
+{
+    if (rest.size() < hexDigits) {
+        return false;
+    }
+    std::uint32_t codePoint = 0;
+    for (const char digit : rest.substr(0, hexDigits)) {
+        const int value = hexValue(digit);
+        if (value < 0) {
+            return false;
+        }
+        codePoint = codePoint * 16 + static_cast<std::uint32_t>(value);
+    }
+    const bool isSurrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
+    if (isSurrogate) {
+        return false;
+    }
+    utf8::append(codePoint, std::back_inserter(decoded));
+    rest.remove_prefix(hexDigits);
+    return true;
+}
+
+/// Takes the escape, without its backslash, at the start of `rest` and appends what it stands for.
+bool appendEscape(std::string_view &rest, std::string &decoded)
+{
+    constexpr std::string_view letters = "\"/\\bfnrt";
+    constexpr std::string_view meanings = "\"/\\\b\f\n\r\t";
+    if (rest.empty()) {
+        return false;
+    }
+    const char letter = rest.front();
+    rest.remove_prefix(1);
+    if (letter == 'u') {
+        return appendCodePoint(rest, decoded);
+    }
+    const std::size_t index = letters.find(letter);
+    if (index == std::string_view::npos) {
+        return false;
+    }
+    decoded.push_back(meanings[index]);
+    return true;
+}
+
+bool appendDecoded(std::string_view rest, std::string &decoded)
+{
+    while (!rest.empty()) {
+        // No byte of a multi-byte sequence looks like a backslash, so the spans can be judged one by one.
+        const std::string_view plain = rest.substr(0, rest.find('\\'));
+        if (!utf8::is_valid(plain.begin(), plain.end())) {
+            return false;
+        }
+        decoded.append(plain);
+        rest.remove_prefix(plain.size());
+        if (!rest.empty()) {
+            rest.remove_prefix(1);
+            if (!appendEscape(rest, decoded)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+bool decodeJsonString(std::string_view raw, std::string &decoded)
+{
+    decoded.clear();
+    if (!appendDecoded(raw, decoded)) {
+        decoded.clear();
+        return false;
+    }
+    return true;
+}
+
+} // namespace zq::elasticsearch
