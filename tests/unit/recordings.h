@@ -1,0 +1,13 @@
+// The recorded answers of a real Elasticsearch in tests/data/recordings.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct Recording {
+    std::string name; ///< the file's name without its extension
+    std::string text; ///< the exact text of the answer
+};
+
+/// All recordings, by name. Throws std::runtime_error when there are none or one cannot be read.
+const std::vector<Recording> &recordings();
