@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds and runs every test on a bare Debian 12: unit tests, the same under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and the SQL suite against a private cluster.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+install_packages $BUILD_PACKAGES libgtest-dev python3 python3-pytest python3-psycopg2
+
+build() {
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1" -- --quiet
+}
+
+echo "== Unit tests"
+build release
+ctest --test-dir build/release --output-on-failure
+
+echo "== Unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
+build asan
+ctest --test-dir build/asan --output-on-failure
+
+echo "== SQL tests"
+/usr/bin/python3 -m pytest -q -p no:cacheprovider tests/sql

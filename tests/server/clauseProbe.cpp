@@ -1,0 +1,66 @@
+// probe_clause(relation regclass, flavour text, clause text, extract boolean) returns text: the outcome and
+// the value of the integer or boolean analysis of a hand-built clause on the column "a".
+#include "probe.h"
+
+#include <map>
+
+using namespace probe;
+
+namespace
+{
+
+const std::map<std::string, Expr *(*)()> Clauses = {
+    {"a = 7", [] { return op(96, {column(1), number(7)}); }},
+    {"7 = a", [] { return op(96, {number(7), column(1)}); }},
+    {"b = 7", [] { return op(96, {column(2), number(7)}); }},
+    {"a = b", [] { return op(96, {column(1), column(2)}); }},
+    {"b = a", [] { return op(96, {column(2), column(1)}); }},
+    {"f(a) = 7", [] { return op(96, {call({column(1)}), number(7)}); }},
+    {"a = f()", [] { return op(96, {column(1), call({})}); }},
+    {"a = null", [] { return op(96, {column(1), constant(INT4OID, 0, true)}); }},
+    {"a = true by int4", [] { return op(96, {column(1), truth(true)}); }},
+    {"a = true by bool", [] { return op(91, {column(1), truth(true)}); }},
+    {"a < 7", [] { return op(97, {column(1), number(7)}); }},
+    {"not a", [] { return op(96, {column(1)}); }},
+    {"a = 1 or a = 2", [] { return combine(OR_EXPR, {op(96, {column(1), number(1)}), op(96, {column(1), number(2)})}); }},
+    {"a = 1 or (a = 2 or a = 3)",
+     [] {
+         return combine(OR_EXPR, {op(96, {column(1), number(1)}),
+                                  combine(OR_EXPR, {op(96, {column(1), number(2)}), op(96, {column(1), number(3)})})});
+     }},
+    {"a = 1 or b = 2", [] { return combine(OR_EXPR, {op(96, {column(1), number(1)}), op(96, {column(2), number(2)})}); }},
+    {"b = 1 or b = 2", [] { return combine(OR_EXPR, {op(96, {column(2), number(1)}), op(96, {column(2), number(2)})}); }},
+    {"empty or", [] { return combine(OR_EXPR, {}); }},
+    {"a = 1 and a = 2", [] { return combine(AND_EXPR, {op(96, {column(1), number(1)}), op(96, {column(1), number(2)})}); }},
+    {"not a = 1", [] { return combine(NOT_EXPR, {op(96, {column(1), number(1)})}); }},
+    {"a = any(7)", [] { return any(96, {column(1), number(7)}); }},
+    {"a = any(7) by text", [] { return any(98, {column(1), number(7)}); }},
+    {"a = any(f())", [] { return any(98, {column(1), call({})}); }},
+    {"a = $1", [] { return op(96, {column(1), parameter(INT4OID)}); }},
+    {"a = $1::text", [] { return op(96, {column(1), parameter(TEXTOID)}); }},
+    {"a = $exec", [] { return op(96, {column(1), parameter(INT4OID, PARAM_EXEC)}); }},
+    {"a = array[1, 2]", [] { return op(96, {column(1), array(INT4OID, {number(1), number(2)})}); }},
+    {"a = array[]", [] { return op(96, {column(1), array(INT4OID, {})}); }},
+    {"a = array[a = 5, 1]", [] { return op(96, {column(1), array(INT4OID, {op(96, {column(1), number(5)}), number(1)})}); }},
+    {"a = array[a = 5]::text", [] { return op(96, {column(1), array(TEXTOID, {op(96, {column(1), number(5)})})}); }},
+};
+
+} // namespace
+
+PROBE(probe_clause)
+{
+    return qm::pgFdw::guardEntry([&] {
+        const bool integers = textArgument(fcinfo, 1) == "int";
+        Expr *clause = Clauses.at(textArgument(fcinfo, 2))();
+        int integer = -1;
+        bool boolean = true;
+        bool recognised = false;
+        qm::pgFdw::withTupleDesc(PG_GETARG_OID(0), [&](tupleDesc *descriptor) {
+            qm::pgFdw::AnalyseCtx ctx(descriptor, nullptr, PG_GETARG_BOOL(3));
+            recognised = integers ? qm::pgFdw::analyseExprInt(clause, integer, ctx, "a")
+                                  : qm::pgFdw::analyseExprBool(clause, boolean, ctx, "a");
+        });
+        return textResult(std::string(recognised ? "yes " : "no ") +
+                          (integers ? std::to_string(integer) : boolean ? "true" : "false"));
+    });
+}
