@@ -1,17 +1,24 @@
 # Sourced by the other scripts: installs Debian packages that are not there yet, as root or through sudo.
 
-BUILD_PACKAGES="g++ cmake ninja-build pkg-config postgresql-15 postgresql-server-dev-15 libcurl4-openssl-dev libutfcpp-dev zlib1g-dev"
+BUILD_PACKAGES="g++ cmake ninja-build postgresql-15 postgresql-server-dev-15 libcurl4-openssl-dev
+    libutfcpp-dev zlib1g-dev"
+PYTHON_PACKAGES="python3 python3-psycopg2"
 
+# install_packages PACKAGE...
 install_packages() {
-    local missing=() package
+    missing=
     for package in "$@"; do
-        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+        dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+            missing="$missing $package"
     done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    local as_root=()
-    [ "$(id -u)" = 0 ] || as_root=(sudo)
-    echo "Installing: ${missing[*]}"
-    "${as_root[@]}" apt-get update -qq
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-        "${missing[@]}" >/dev/null
+    [ -n "$missing" ] || return 0
+    echo "Installing:$missing" >&2
+    as_root=
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null || { echo "Needs root, or sudo, to install these packages." >&2; exit 1; }
+        as_root=sudo
+    fi
+    $as_root apt-get -qq update >&2
+    # shellcheck disable=SC2086  # the list is meant to be split
+    $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install $missing >&2
 }

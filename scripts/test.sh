@@ -5,7 +5,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-install_packages $BUILD_PACKAGES libgtest-dev python3 python3-pytest python3-psycopg2
+# shellcheck disable=SC2086  # the lists are meant to be split
+install_packages $BUILD_PACKAGES $PYTHON_PACKAGES libgtest-dev python3-pytest
 
 build() {
     cmake --preset "$1" >/dev/null

@@ -1,0 +1,28 @@
+"""Command line: python3 -m searchserver. Prints its port on one line, then serves until told to stop."""
+
+import argparse
+import pathlib
+import signal
+
+from . import SearchServer
+
+
+def main():
+    options = argparse.ArgumentParser(prog="searchserver", description=__doc__)
+    options.add_argument("--port", type=int, default=0, help="0 takes a free one (default)")
+    options.add_argument("--documents", type=pathlib.Path, action="append", default=[], metavar="FILE.ndjson",
+                         help="bulk file to load; the index is named after it unless its lines name one")
+    options.add_argument("--total", choices=("object", "number"), default="object",
+                         help="form of the hit count: object from version 7 on (default), number before")
+    chosen = options.parse_args()
+    stop = {signal.SIGTERM, signal.SIGINT}
+    signal.pthread_sigmask(signal.SIG_BLOCK, stop)
+    with SearchServer(total=chosen.total, port=chosen.port) as server:
+        for path in chosen.documents:
+            server.load(path.read_text(encoding="utf-8"), path.stem)
+        print(server.port, flush=True)
+        signal.sigwait(stop)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,87 @@
+"""Errors as the search interface reports them: a status and a JSON object with "error"."""
+
+NODE = "1bundledSearchServer00"  # node id, of the usual 22 characters
+
+
+class SearchError(Exception):
+    """An answer other than 200; `body` is the JSON object to send with `status`."""
+
+    def __init__(self, status, body):
+        super().__init__(str(body))
+        self.status = status
+        self.body = body
+
+
+class ParseError(Exception):
+    """A fault in the request's JSON at `path`, the keys and positions that lead to the value."""
+
+    def __init__(self, path, reason, unknown=None):
+        super().__init__(reason)
+        self.path = path
+        self.reason = reason
+        self.unknown = unknown
+
+
+class ShardFailure(Exception):
+    """A search that fails on one index while it may succeed on others."""
+
+    def __init__(self, kind, reason, cause=None):
+        super().__init__(reason)
+        self.kind = kind
+        self.reason = reason
+        self.cause = cause
+
+    def entry(self, index):
+        """The failure as an entry of "failures" and "failed_shards"."""
+        reason = {"type": self.kind, "reason": self.reason}
+        if self.kind == "query_shard_exception":
+            reason.update(index_uuid=index.uuid, index=index.name)
+        if self.cause:
+            reason["caused_by"] = self.cause
+        return {"shard": 0, "index": index.name, "node": NODE, "reason": reason}
+
+
+def typed(status, kind, reason, caused_by=None, **more):
+    """A SearchError with type and reason, said twice as the interface does: root cause and error."""
+    cause = {"type": kind, "reason": reason, **more}
+    error = {"root_cause": [cause], **cause}
+    if caused_by:
+        error["caused_by"] = caused_by
+    return SearchError(status, {"error": error, "status": status})
+
+
+def illegal_argument(reason):
+    return typed(400, "illegal_argument_exception", reason)
+
+
+def index_not_found(name):
+    return typed(404, "index_not_found_exception", f"no such index [{name}]",
+                 **{"resource.type": "index_or_alias", "resource.id": name, "index_uuid": "_na_",
+                    "index": name})
+
+
+def parsing(line, column, error):
+    """The SearchError of a ParseError whose place in the body is known."""
+    caused_by = error.unknown and {"type": "named_object_not_found_exception",
+                                   "reason": f"[{line}:{column}] unknown field [{error.unknown}]"}
+    return typed(400, "parsing_exception", error.reason, caused_by, line=line, col=column)
+
+
+def all_shards_failed(entries):
+    """The SearchError of a search that failed on every index; `entries` from ShardFailure.entry."""
+    reasons = [entry["reason"] for entry in entries]
+    error = {
+        "root_cause": [{key: reason[key] for key in reason if key != "caused_by"} for reason in reasons],
+        "type": "search_phase_execution_exception", "reason": "all shards failed",
+        "phase": "query", "grouped": True, "failed_shards": entries,
+    }
+    if reasons[0]["type"] == "illegal_argument_exception":
+        error["caused_by"] = {**reasons[0], "caused_by": reasons[0]}
+    return SearchError(400, {"error": error, "status": 400})
+
+
+def not_a_number(value):
+    """The failure of a value that is no number, asked of a field of numbers."""
+    text = f'For input string: "{value}"'
+    return ShardFailure("query_shard_exception", f"failed to create query: {text}",
+                        {"type": "number_format_exception", "reason": text})

@@ -1,0 +1,177 @@
+"""The endpoints: which function answers a method and a path, and what it answers."""
+
+import json
+import time
+import uuid
+from urllib.parse import parse_qsl, unquote
+
+from . import jsontext
+from .errors import SearchError, illegal_argument, typed
+from .search import SearchRequest
+
+DEPRECATED = ('299 Elasticsearch-7.8.0-bundled "[types removal] Specifying types in search requests'
+              ' is deprecated."')
+SHARDS = {"total": 1, "successful": 1, "failed": 0}
+CONTENT_TYPES = ("application/json", "application/x-ndjson")
+
+
+class Exchange:
+    """One request being answered; handlers may add `headers` to the answer."""
+
+    def __init__(self, cluster, total, request):
+        self.cluster = cluster
+        self.total = total
+        self.method = request.method
+        self.path, _, query_string = request.path.partition("?")
+        self.parameters = dict(parse_qsl(query_string, keep_blank_values=True))
+        self.body = request.body
+        self.content_type = dict((name.lower(), value) for name, value in request.headers).get("content-type")
+        self.headers = []
+
+    def flag(self, name):
+        return self.parameters.get(name) in ("", "true")
+
+
+def respond(cluster, total, request):
+    """(status, headers, text) of the answer to a request."""
+    exchange = Exchange(cluster, total, request)
+    try:
+        handler, parts = find(exchange)
+        content_type = (exchange.content_type or "").partition(";")[0].strip().lower()
+        if exchange.body and content_type not in CONTENT_TYPES:
+            said = f"[{exchange.content_type}] is not supported" if exchange.content_type else "is missing"
+            raise SearchError(406, {"error": f"Content-Type header {said}", "status": 406})
+        unknown = next((name for name in exchange.parameters if name not in handler.parameters), None)
+        if unknown is not None:
+            raise illegal_argument(f"request [{exchange.path}] contains unrecognized parameter: [{unknown}]")
+        with cluster.lock:
+            status, text = handler(exchange, *parts)
+    except SearchError as error:
+        status, text = error.status, jsontext.write(error.body)
+    except Exception as error:  # whatever goes wrong here, the client is owed an answer
+        failure = typed(500, "exception", f"{type(error).__name__}: {error}")
+        status, text = failure.status, jsontext.write(failure.body)
+    return status, exchange.headers, text
+
+
+def endpoint(*parameters):
+    """Marks a handler with the URL parameters it knows."""
+    def marked(handler):
+        handler.parameters = parameters
+        return handler
+    return marked
+
+
+def find(exchange):
+    """The handler of a request and the variable parts of its path; SearchError when there is none."""
+    segments = [unquote(part) for part in exchange.path.split("/") if part]
+    for pattern, methods in ROUTES:
+        parts = match(pattern, segments)
+        if parts is None:
+            continue
+        if exchange.method not in methods:
+            raise SearchError(405, {
+                "error": f"Incorrect HTTP method for uri [{exchange.path}] and method [{exchange.method}],"
+                         f" allowed: [{', '.join(methods)}]", "status": 405})
+        return methods[exchange.method], parts
+    raise SearchError(400, {
+        "error": f"no handler found for uri [{exchange.path}] and method [{exchange.method}]"})
+
+
+def match(pattern, segments):
+    """The segments that stand at the stars of the pattern, or None when the rest differs."""
+    if len(pattern) != len(segments):
+        return None
+    if any(wanted not in ("*", given) for wanted, given in zip(pattern, segments)):
+        return None
+    return [given for wanted, given in zip(pattern, segments) if wanted == "*"]
+
+
+@endpoint()
+def info(exchange):
+    number, lucene = ("6.8.0", "7.7.0") if exchange.total == "number" else ("7.8.0", "8.5.1")
+    about = {"name": "bundled", "cluster_name": "bundled-search-server",
+             "cluster_uuid": "bundledSearchServer001",
+             "version": {"number": number, "build_flavor": "unknown", "build_type": "unknown",
+                         "build_hash": "unknown", "build_date": "unknown", "build_snapshot": True,
+                         "lucene_version": lucene, "minimum_wire_compatibility_version": number,
+                         "minimum_index_compatibility_version": number},
+             "tagline": "A stand-in for tests and demonstrations"}
+    return 200, json.dumps(about, indent=2, separators=(",", " : ")) + "\n"
+
+
+@endpoint("rest_total_hits_as_int")
+def search(exchange, names="_all"):
+    request = SearchRequest(exchange.body)
+    # The empty segment of "books//_search" is taken as the name of a mapping type, as servers did of old.
+    if exchange.path.rstrip("/").endswith("//_search") and exchange.total == "object":
+        exchange.headers.append(("warning", DEPRECATED))
+    indices = exchange.cluster.select(names)
+    return 200, request.answer(indices, exchange.total, exchange.flag("rest_total_hits_as_int"))
+
+
+def written(index, document):
+    """What the interface tells of a document that was stored."""
+    return {"_index": index.name, "_type": "_doc", "_id": document.id, "_version": document.version,
+            "result": "created" if document.version == 1 else "updated", "_shards": SHARDS,
+            "_seq_no": index.next_place - 1, "_primary_term": 1}
+
+
+def status_of(document):
+    return 201 if document.version == 1 else 200
+
+
+@endpoint("refresh")
+def put_document(exchange, name, doc_id):
+    _, text = jsontext.read(exchange.body)
+    index = exchange.cluster.create(name)
+    document = index.put(doc_id, text)
+    return status_of(document), jsontext.write(written(index, document))
+
+
+@endpoint("refresh")
+def bulk(exchange, name=None):
+    started = time.monotonic()
+    items = []
+    for action, target, doc_id, source in bulk_actions(exchange.body.decode("utf-8"), name):
+        index = exchange.cluster.create(target)
+        document = index.put(doc_id, source)
+        items.append({action: {**written(index, document), "status": status_of(document)}})
+    took = int((time.monotonic() - started) * 1000)
+    return 200, jsontext.write({"took": took, "errors": False, "items": items})
+
+
+def bulk_actions(text, name=None):
+    """(action, index, id, source text) of each document in newline-delimited JSON; or SearchError."""
+    if text and not text.endswith("\n"):
+        raise illegal_argument("The bulk request must be terminated by a newline [\\n]")
+    lines = enumerate((line for line in text.split("\n") if line.strip()), 1)
+    for number, line in lines:
+        (action, about), = jsontext.read(line.encode())[0].items()
+        if action not in ("index", "create"):
+            raise illegal_argument(f"Malformed action/metadata line [{number}], expected one of"
+                                   f" [create, index] but found [{action}]")
+        target = about.get("_index", name)
+        if target is None:
+            raise typed(400, "action_request_validation_exception", "Validation Failed: 1: index is missing;")
+        _, source = next(lines, (0, ""))
+        yield action, target, str(about.get("_id") or uuid.uuid4().hex[:20]), source
+
+
+@endpoint()
+def refresh(exchange, names="_all"):
+    exchange.cluster.select(names)  # nothing to do: what is written is found at once
+    return 200, jsontext.write({"_shards": SHARDS})
+
+
+SEARCH = {"POST": search, "GET": search}
+ROUTES = [
+    ((), {"GET": info, "HEAD": info}),
+    (("_search",), SEARCH),
+    (("_bulk",), {"POST": bulk, "PUT": bulk}),
+    (("_refresh",), {"POST": refresh, "GET": refresh}),
+    (("*", "_search"), SEARCH),
+    (("*", "_bulk"), {"POST": bulk, "PUT": bulk}),
+    (("*", "_refresh"), {"POST": refresh, "GET": refresh}),
+    (("*", "_doc", "*"), {"PUT": put_document, "POST": put_document}),
+]
