@@ -1,0 +1,356 @@
+"""The bundled search server: its answers against recorded exchanges, and what its queries find."""
+
+import http.client
+import json
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+RECORDINGS = pathlib.Path(__file__).resolve().parents[1] / "data" / "recordings"
+sys.path.insert(0, str(ROOT / "demo"))
+
+from searchserver import SearchServer  # noqa: E402
+
+JSON = {"Content-Type": "application/json"}
+UNSUPPORTED = ("scroll-", "v8-", "terms-aggregation")
+
+
+def send(server, path, body=None, method="POST", headers=JSON):
+    """(status, headers, text) of one exchange; a body that is no text is sent as JSON."""
+    connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=20)
+    try:
+        data = body if body is None or isinstance(body, (str, bytes)) else json.dumps(body)
+        connection.request(method, path, data.encode() if isinstance(data, str) else data, headers)
+        response = connection.getresponse()
+        return response.status, response.headers, response.read().decode()
+    finally:
+        connection.close()
+
+
+def find(server, body, path="/books//_search"):
+    status, _, text = send(server, path, body)
+    assert status == 200, text
+    return json.loads(text)["hits"]
+
+
+def ids(hits):
+    return [hit["_id"] for hit in hits["hits"]]
+
+
+# Recorded exchanges
+
+def recording(name):
+    return json.loads((RECORDINGS / f"{name}.json").read_text(encoding="utf-8"))
+
+
+def recorded_sources(text):
+    """{id: raw source} of a recorded answer's text."""
+    found = {}
+    for place in re.finditer(r'"_id":("(?:[^"\\]|\\.)*"),"_score":[^,]*,"_source":', text):
+        end = json.JSONDecoder().raw_decode(text, place.end())[1]
+        found[json.loads(place[1])] = text[place.end():end]
+    return found
+
+
+RECORDED = sorted(path.stem for path in RECORDINGS.glob("*.json") if not path.stem.startswith(UNSUPPORTED))
+
+
+@pytest.fixture(scope="module")
+def recorded_server():
+    with SearchServer() as server:
+        books = recorded_sources(recording("search-large")["response"])
+        server.put_many("books", books.items())
+        server.put_many("notes", [(f"n{place}", raw) for place, raw in enumerate(list(books.values())[:50])])
+        server.put_many("emoji", recorded_sources(recording("ids-emoji")["response"]).items())
+        server.put_many("oldbooks", recorded_sources(recording("partial-shard-failure")["response"]).items())
+        yield server
+
+
+def shape(value, key=None):
+    """Member names in their order and JSON types; of a source only that it is an object."""
+    if key == "_source":
+        return "object"
+    if isinstance(value, dict):
+        return [(name, shape(inner, name)) for name, inner in value.items()]
+    if isinstance(value, list):
+        return [shape(inner) for inner in value]
+    return type(value).__name__
+
+
+def masked(value):
+    """An error without names that a server makes up and texts that come from its JSON library."""
+    if isinstance(value, dict):
+        from_library = str(value.get("type", "")).startswith("json_")
+        hidden = {"node", "index_uuid", "reason"} if from_library else {"node", "index_uuid"}
+        return {name: None if name in hidden else masked(inner) for name, inner in value.items()}
+    return [masked(inner) for inner in value] if isinstance(value, list) else value
+
+
+def test_recordings_are_there():
+    assert len(RECORDED) > 25
+
+
+@pytest.mark.parametrize("name", RECORDED)
+def test_answers_like_the_recording(recorded_server, name):
+    recorded = recording(name)
+    request = recorded["request"]
+    status, headers, text = send(recorded_server, request["path"], request["body"], request["method"])
+    assert status == recorded["status"]
+    assert headers["content-type"] == recorded["headers"]["content-type"]
+    assert int(headers["content-length"]) == len(text.encode())
+    assert ("warning" in headers) == ("warning" in recorded["headers"])
+    ours, theirs = json.loads(text), json.loads(recorded["response"])
+    assert shape(ours) == shape(theirs)
+    if "error" in theirs:
+        assert masked(ours) == masked(theirs)
+    elif "hits" in theirs:
+        assert ours["hits"]["total"] == theirs["hits"]["total"]
+        size = json.loads(request["body"]).get("size", 10)
+        if len(theirs["hits"]["hits"]) < size:
+            assert sorted(ids(ours["hits"])) == sorted(ids(theirs["hits"]))
+        # Scores differ, and so does the order: what both answers show must be the same to the byte.
+        mine, sources = {hit["_id"]: hit for hit in ours["hits"]["hits"]}, recorded_sources(text)
+        for hit in (hit for hit in theirs["hits"]["hits"] if hit["_id"] in mine):
+            assert {**mine[hit["_id"]], "_score": 0} == {**hit, "_score": 0}
+        for doc_id, raw in recorded_sources(recorded["response"]).items():
+            assert sources.get(doc_id, raw) == raw
+    if name == "ids-emoji":
+        assert '"_id":"\\uD83D\\uDC0B"' in text
+
+
+# What queries find
+
+BOOKS = {
+    "whale": {"title": "The white whale", "text": "A whale, a whale! The sea hid the Whale.", "year": 1851,
+              "type": "novel", "tags": ["sea", "hunt"], "author": {"name": "Herman", "born": 1819}},
+    "pond": {"title": "Life at a pond", "text": "The pond was still. No whale was seen in it, and no ship.",
+             "year": 1854, "type": "essay", "tags": ["nature"], "author": {"name": "Henry", "born": 1817}},
+    "café": {"title": "Café talk", "text": "Don't shout 漢字 in the café.", "year": 1990.5, "type": "novel",
+             "tags": [], "sold": True},
+    "blank": {"title": "Nothing", "year": None},
+}
+
+
+@pytest.fixture(scope="module")
+def server():
+    with SearchServer() as server:
+        server.put_many("books", BOOKS.items())
+        server.put("notes", "n1", {"title": "A note on the whale", "year": "old"})
+        server.create_index("empty")
+        yield server
+
+
+MATCH_WHALE = {"match": {"text": "whale"}}
+
+
+@pytest.mark.parametrize("query, expected", [
+    ({"match_all": {}}, ["whale", "pond", "café", "blank"]),
+    (MATCH_WHALE, ["whale", "pond"]),
+    ({"match": {"text": {"query": "WHALE ship", "operator": "and"}}}, ["pond"]),
+    ({"match": {"text": "字"}}, ["café"]),
+    ({"match": {"text": "don't"}}, ["café"]),
+    ({"match": {"title": "cafe"}}, []),
+    ({"match": {"text": "!?"}}, []),
+    ({"match": {"text": "\" OR whale"}}, ["whale", "pond"]),
+    ({"match": {"year": "1851"}}, ["whale"]),
+    ({"match": {"author.name": "henry"}}, ["pond"]),
+    ({"term": {"tags": "hunt"}}, ["whale"]),
+    ({"term": {"title.keyword": "Nothing"}}, ["blank"]),
+    ({"term": {"title.keyword": "nothing"}}, []),
+    ({"term": {"sold": {"value": True}}}, ["café"]),
+    ({"terms": {"_id": ["blank", "café", "nope", "blank"]}}, ["café", "blank"]),
+    ({"terms": {"type": ["essay", "poem"]}}, ["pond"]),
+    ({"ids": {"values": ["pond"]}}, ["pond"]),
+    ({"range": {"year": {"gt": 1851, "lte": "1990.5"}}}, ["pond", "café"]),
+    ({"range": {"title.keyword": {"lt": "L"}}}, ["café"]),
+    ({"prefix": {"title": "whi"}}, ["whale"]),
+    ({"exists": {"field": "year"}}, ["whale", "pond", "café"]),
+    ({"exists": {"field": "author"}}, ["whale", "pond"]),
+    ({"bool": {"must": MATCH_WHALE, "filter": [{"term": {"type": "essay"}}]}}, ["pond"]),
+    ({"bool": {"must_not": MATCH_WHALE}}, ["café", "blank"]),
+    ({"bool": {"should": [{"term": {"type": "essay"}}, {"term": {"sold": True}}]}}, ["pond", "café"]),
+    ({"bool": {"filter": {"term": {"type": "novel"}}, "should": {"term": {"sold": True}}}},
+     ["café", "whale"]),
+    ({"bool": {"should": [MATCH_WHALE, {"term": {"type": "essay"}}], "minimum_should_match": "100%"}},
+     ["pond"]),
+], ids=str)
+def test_query(server, query, expected):
+    hits = find(server, {"query": query})
+    assert ids(hits) == expected
+    assert hits["total"] == {"value": len(expected), "relation": "eq"}
+    scores = [hit["_score"] for hit in hits["hits"]]
+    assert scores == sorted(scores, reverse=True) and hits["max_score"] == (scores[0] if scores else None)
+
+
+def test_scores(server):
+    filtered = find(server, {"query": {"bool": {"filter": {"match_all": {}}}}})
+    assert filtered["max_score"] == 0.0
+    assert find(server, {"query": {"bool": {}}})["max_score"] == 1.0
+    first, second = find(server, {"query": MATCH_WHALE})["hits"]
+    assert first["_score"] > second["_score"] > 0
+
+
+@pytest.mark.parametrize("given, expected", [
+    (False, None),
+    (True, BOOKS["whale"]),
+    ("type", {"type": "novel"}),
+    (["title", "author.b*"], {"title": "The white whale", "author": {"born": 1819}}),
+    ({"includes": ["t*"], "excludes": ["text"]},
+     {"title": "The white whale", "type": "novel", "tags": ["sea", "hunt"]}),
+    ({"include": "author", "exclude": "*.name"}, {"author": {"born": 1819}}),
+    ({"excludes": ["text", "tags", "author", "year"]}, {"title": "The white whale", "type": "novel"}),
+    ({"includes": ["nothing"]}, {}),
+], ids=str)
+def test_source_filter(server, given, expected):
+    hit, = find(server, {"query": {"ids": {"values": "whale"}}, "_source": given})["hits"]
+    assert hit.get("_source") == expected
+
+
+LONG = "One whale came first. " + "Then a calm grey winter followed them all. " * 4 + "The last whale left."
+
+
+@pytest.mark.parametrize("query, highlight, expected", [
+    (MATCH_WHALE, {"fields": {"text": {}, "title": {}}},
+     {"text": ["A <em>whale</em>, a <em>whale</em>! The sea hid the <em>Whale</em>."]}),
+    (MATCH_WHALE,
+     {"fields": {"t*": {}}, "require_field_match": False, "pre_tags": ["<b>"], "post_tags": ["</b>"]},
+     {"title": ["The white <b>whale</b>"],
+      "text": ["A <b>whale</b>, a <b>whale</b>! The sea hid the <b>Whale</b>."]}),
+    (MATCH_WHALE, {"fields": [{"text": {"fragment_size": 15, "number_of_fragments": 2}}]},
+     {"text": ["A <em>whale</em>, a", "<em>whale</em>!"]}),
+    ({"bool": {"filter": {"prefix": {"title": "whi"}}, "must_not": {"term": {"title": "pond"}}}},
+     {"fields": {"title": {}}}, {"title": ["The <em>white</em> whale"]}),
+    ({"match_all": {}}, {"fields": {"title": {}}}, None),
+], ids=str)
+def test_highlight(server, query, highlight, expected):
+    assert find(server, {"query": query, "highlight": highlight})["hits"][0].get("highlight") == expected
+
+
+def test_highlight_cuts_a_long_text_into_fragments(server):
+    server.put("long", "1", {"text": LONG})
+
+    def fragments(options):
+        request = {"query": MATCH_WHALE, "highlight": {"fields": {"text": options}}}
+        hit, = find(server, request, "/long/_search")["hits"]
+        return hit["highlight"]["text"]
+
+    first, second = fragments({})
+    assert first.startswith("One <em>whale</em>") and second == "The last <em>whale</em> left."
+    assert fragments({"number_of_fragments": 0}) == [LONG.replace("whale", "<em>whale</em>")]
+
+
+@pytest.mark.parametrize("sort, expected", [
+    ("year", [("whale", 1851), ("pond", 1854), ("café", 1990.5), ("blank", 2 ** 63 - 1)]),
+    ([{"year": {"order": "desc"}}], [("café", 1990.5), ("pond", 1854), ("whale", 1851), ("blank", -2 ** 63)]),
+    ({"title.keyword": "desc"},
+     [("whale", "The white whale"), ("blank", "Nothing"), ("pond", "Life at a pond"), ("café", "Café talk")]),
+], ids=str)
+def test_sort(server, sort, expected):
+    hits = find(server, {"sort": sort})
+    assert [(hit["_id"], *hit["sort"]) for hit in hits["hits"]] == expected
+    assert hits["max_score"] is None and all(hit["_score"] is None for hit in hits["hits"])
+    assert find(server, {"sort": sort, "track_scores": True})["max_score"] == 1.0
+
+
+@pytest.mark.parametrize("path, expected", [
+    ("/books,notes/_search", ["whale", "pond", "café", "blank", "n1"]),
+    ("/notes,books//_search/", ["n1", "whale", "pond", "café", "blank"]),
+    ("/n*/_search", ["n1"]),
+    ("/n%2A/_search", ["n1"]),
+    ("/nothing*/_search", []),
+    ("/empty/_search", []),
+])
+def test_several_indices(server, path, expected):
+    assert ids(find(server, {}, path)) == expected
+
+
+def test_pages_and_totals():
+    documents = [(str(number), {"n": number}) for number in range(10001)]
+    with SearchServer() as new, SearchServer(total="number") as old:
+        for server in (new, old):
+            server.put_many("many", documents)
+        cases = [({}, {"value": 10000, "relation": "gte"}, 10001),
+                 ({"track_total_hits": True}, {"value": 10001, "relation": "eq"}, 10001),
+                 ({"track_total_hits": 5}, {"value": 5, "relation": "gte"}, 10001),
+                 ({"track_total_hits": False}, None, -1)]
+        for body, new_total, old_total in cases:
+            page = find(new, {**body, "from": 9997, "size": 3}, "/many/_search")
+            assert page.get("total") == new_total and ids(page) == ["9997", "9998", "9999"]
+            assert find(old, body, "/many//_search")["total"] == old_total
+
+
+@pytest.mark.parametrize("path, body, status, reason", [
+    ("/books/_search", {"query": {"match": {"a": "x", "b": "y"}}}, 400, "doesn't support multiple fields"),
+    ("/books/_search", {"query": {"match": {"a": {"query": "x", "fuzz": 1}}}}, 400,
+     "does not support [fuzz]"),
+    ("/books/_search", {"query": {"bool": {"must": [{"match_all": {}}, {"nope": {}}]}}}, 400,
+     "unknown query [nope]"),
+    ("/books/_search", {"query": {}}, 400, "empty clause"),
+    ("/books/_search", {"query": {"terms": {"_id": ["x"] * 65537}}}, 400, "allowed maximum of [65536]"),
+    ("/books/_search", {"from": 9999, "size": 2}, 400, "Result window is too large"),
+    ("/books/_search", {"sort": "nowhere"}, 400, "No mapping found for [nowhere]"),
+    ("/books/_search", '{"query":NaN}', 400, "NaN"),
+    ("/books/_search", b'{"query":"\xff"}', 400, "Invalid UTF-8"),
+    ("/books/_search?odd=1", {}, 400, "unrecognized parameter: [odd]"),
+    ("/books/_nothing", {}, 400, "no handler found for uri [/books/_nothing] and method [POST]"),
+    ("/" + "b" * 4096 + "/_search", {}, 400, "An HTTP line is larger than 4096 bytes."),
+])
+def test_refusals(server, path, body, status, reason):
+    answered, _, text = send(server, path, body)
+    assert answered == status and reason in text
+    assert json.loads(text)["error"]
+
+
+def test_a_body_must_say_that_it_is_json(server):
+    form = {"Content-Type": "application/x-www-form-urlencoded"}
+    assert send(server, "/books/_search", "{}", headers=form)[0] == 406
+    assert send(server, "/books/_search", "{}", headers={})[0] == 406
+
+
+def test_sources_come_back_byte_for_byte_and_replaced_ones_are_gone():
+    raw = '{ "title" : "caf\\u00e9 \\ud83d\\udc0b é 🐋",\t"n":1.50 }'
+    with SearchServer() as server:
+        server.put("raw", "1", {"title": "gone"})
+        find(server, {"query": {"match": {"title": "gone"}}}, "/raw/_search")
+        assert send(server, "/raw/_doc/1?refresh=true", raw, "PUT")[0] == 200
+        lines = '{"index":{"_id":"2"}}\n' + raw + '\n{"create":{"_index":"other"}}\n{"title":"gone"}\n'
+        assert json.loads(send(server, "/raw/_bulk", lines)[2])["errors"] is False
+        assert send(server, "/raw/_search", {})[2].count(f'"_source":{raw}') == 2
+        assert ids(find(server, {"query": {"match": {"title": "gone"}}}, "/raw/_search")) == []
+        assert find(server, {"query": {"match": {"title": "gone"}}}, "/_all/_search")["total"]["value"] == 1
+
+
+def test_journal_and_kept_connection():
+    with SearchServer() as server:
+        connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=20)
+        sockets = set()
+        for path in ("//odd//_search?x=%41", "/_search"):
+            connection.request("GET", path, b'{"size":0}', {**JSON, "X-Own": "é".encode("latin-1")})
+            connection.getresponse().read()
+            sockets.add(connection.sock)
+        assert len(sockets) == 1 and None not in sockets
+        assert json.loads(send(server, "/_journal", method="GET")[2])[1]["path"] == "/_search"
+        first, _ = server.take_journal()
+        assert (first.method, first.path, first.body) == ("GET", "//odd//_search?x=%41", b'{"size":0}')
+        assert ("X-Own", "é") in first.headers and server.journal == []
+    assert connection.sock.recv(1) == b""  # the server is gone, and so is its end of the connection
+    connection.close()
+
+
+def test_command_line(tmp_path):
+    (tmp_path / "books.ndjson").write_text('{"index":{"_id":"a"}}\n{"title":"x"}\n', encoding="utf-8")
+    command = [sys.executable, "-m", "searchserver", "--documents", tmp_path / "books.ndjson",
+               "--total", "number"]
+    process = subprocess.Popen(command, cwd=ROOT / "demo", stdout=subprocess.PIPE, text=True)
+    with process:
+        try:
+            process.port = int(process.stdout.readline())
+            assert find(process, {}, "/books//_search")["total"] == 1
+        finally:
+            process.send_signal(signal.SIGTERM)
+        assert process.wait(10) == 0
