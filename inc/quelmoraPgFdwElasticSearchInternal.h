@@ -34,6 +34,9 @@ List *appendText(List *list, const char *string);
 
 // ---- request -------------------------------------------------------------------------------------------
 
+// How many documents one request may return: the batch size, or the row limit where that is smaller.
+int64 requestSize(const ElasticSearchConnector *connector);
+
 // Appends the elements of a list of text datums as quoted JSON strings; a comma goes before an element when
 // `comma` is true, which it is after each. Throws FdwError HV00B for text that is not valid UTF-8.
 void StringListToJson(std::string &out, List *list, bool &comma);

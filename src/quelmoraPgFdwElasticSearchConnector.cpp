@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
+#include <unordered_set>
 
 namespace qm::pgFdwElaticSearch
 {
@@ -95,11 +97,19 @@ void readDescription(ElasticSearchConnector *connector, const char *description)
 
 void appendDocNames(ElasticSearchConnector *connector, const std::list<std::string> &docNames)
 {
+    // Within one request an id that is named twice is found once. In two requests it would be found twice.
+    const bool oneRequest = connector->connectorType == ConnectorTypes::ElasticSearchScroll ||
+                            static_cast<int64>(docNames.size()) <= requestSize(connector);
+    std::unordered_set<std::string_view> seen;
+    std::vector<const char *> names;
+    for (const std::string &name : docNames) {
+        if (oneRequest || seen.insert(name).second)
+            names.push_back(name.c_str());
+    }
     callServer([&] {
-        connector->docNames.reserve(docNames.size());
-        for (const std::string &name : docNames)
-            connector->docNames.append(
-                DirectFunctionCall1Coll(textin, InvalidOid, CStringGetDatum(name.c_str())));
+        connector->docNames.reserve(names.size());
+        for (const char *name : names)
+            connector->docNames.append(DirectFunctionCall1Coll(textin, InvalidOid, CStringGetDatum(name)));
     });
 }
 
@@ -152,7 +162,6 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
         if (!docNames)
             throw FdwError(ERRCODE_FDW_ERROR, "need docname or query clause");
         connector->searchMode = SearchByDocName;
-        appendDocNames(connector, *docNames);
     }
 
     int optionCount = 0;
@@ -161,6 +170,8 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
         readOption(connector, options[i]);
     if (!connector->address || !connector->port)
         throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
+    if (docNames)
+        appendDocNames(connector, *docNames);
     return connector;
 }
 

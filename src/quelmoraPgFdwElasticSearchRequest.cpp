@@ -13,13 +13,6 @@ using qm::pgFdw::FdwError;
 namespace
 {
 
-// How many documents one request may return.
-int64 effectiveSize(const ElasticSearchConnector *connector)
-{
-    return connector->limit >= 0 && connector->limit < connector->batchSize ? connector->limit
-                                                                           : connector->batchSize;
-}
-
 // Reads a text datum without asking the server: ours are never toasted.
 void appendJsonString(std::string &out, Datum value)
 {
@@ -80,7 +73,7 @@ void appendQuery(const ElasticSearchConnector *connector, std::string &body)
         throw std::logic_error("a query search without a query");
     body += connector->query;
     closeQuery(connector, body);
-    body += R"(,"size":)" + std::to_string(effectiveSize(connector));
+    body += R"(,"size":)" + std::to_string(requestSize(connector));
     if (connector->highlight)
         body.append(R"(,"highlight":)").append(connector->highlight);
 }
@@ -91,7 +84,7 @@ int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, bool 
     openQuery(connector, body);
     body += R"({"terms":{"_id":[)";
 
-    const int64 most = allIds ? connector->docNames.length() : effectiveSize(connector);
+    const int64 most = allIds ? connector->docNames.length() : requestSize(connector);
     int64 written = 0;
     for (; written < most && !connector->docNames.isEmpty(); ++written) {
         if (written > 0)
@@ -102,11 +95,17 @@ int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, bool 
     }
     body += "]}}";
     closeQuery(connector, body);
-    body += R"(,"size":)" + std::to_string(allIds ? effectiveSize(connector) : written);
+    body += R"(,"size":)" + std::to_string(allIds ? requestSize(connector) : written);
     return written;
 }
 
 } // namespace
+
+int64 requestSize(const ElasticSearchConnector *connector)
+{
+    return connector->limit >= 0 && connector->limit < connector->batchSize ? connector->limit
+                                                                           : connector->batchSize;
+}
 
 void StringListToJson(std::string &out, List *list, bool &comma)
 {

@@ -1,0 +1,174 @@
+"""What the SQL tests share: a private cluster with the module, search servers, and short ways to ask both."""
+import os
+import re
+import sys
+import time
+from pathlib import Path
+
+import psycopg2
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "demo"))
+
+from privatecluster import PrivateCluster  # noqa: E402
+from scriptedserver import ScriptedServer, answer, hits  # noqa: E402
+from searchserver import SearchServer  # noqa: E402
+
+COLUMNS = "docname text, doccontent bytea, score real, doctype text, highlights bytea, param text"
+CRASH = re.compile(r"terminated by signal|PANIC|TRAP:|AddressSanitizer|runtime error:")
+
+SET_UP = """
+CREATE FUNCTION veltranepgfdwinterfacehandler() RETURNS fdw_handler AS '{module}' LANGUAGE C STRICT;
+CREATE FUNCTION veltranepgfdwinterfacevalidator(text[], oid) RETURNS void AS '{module}' LANGUAGE C STRICT;
+CREATE FOREIGN DATA WRAPPER veltranepgfdw
+    HANDLER veltranepgfdwinterfacehandler VALIDATOR veltranepgfdwinterfacevalidator;
+CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw;
+"""
+
+
+def bodies(server):
+    """Takes the bodies of the requests that a search server has received, as text."""
+    return [request.body.decode() for request in server.take_journal()]
+
+
+def anonymous_memory(pid):
+    """The resident memory of a backend without the shared buffers that it has touched, in KiB."""
+    status = Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
+    return int(re.search(r"^RssAnon:\s+(\d+)", status, re.M).group(1))
+
+
+class Database:
+    """One session of the private cluster, in autocommit mode."""
+
+    def __init__(self, cluster, port):
+        self.cluster = cluster
+        self.port = port
+        self.connection = psycopg2.connect(cluster.dsn)
+        self.connection.autocommit = True
+        self.pid = self.connection.info.backend_pid
+
+    def run(self, statement, values=None):
+        """Runs a statement and returns its rows, or None when it has none."""
+        with self.connection.cursor() as cursor:
+            cursor.execute(statement, values)
+            return cursor.fetchall() if cursor.description else None
+
+    def value(self, statement, values=None):
+        """The only value of the only row."""
+        ((value,),) = self.run(statement, values)
+        return bytes(value) if isinstance(value, memoryview) else value
+
+    def failure(self, statement, values=None):
+        """Runs a statement that must fail and returns (SQLSTATE, message)."""
+        with pytest.raises(psycopg2.Error) as caught:
+            self.run(statement, values)
+        diagnosis = caught.value.diag
+        return diagnosis.sqlstate, diagnosis.message_primary
+
+    def outcome(self, statement, values=None):
+        """The rows of a statement, or its (SQLSTATE, message) when it fails."""
+        try:
+            return self.run(statement, values)
+        except psycopg2.Error as error:
+            return error.diag.sqlstate, error.diag.message_primary
+
+    def make_table(self, name="books", columns=COLUMNS, server="search", **options):
+        """Makes a foreign table, replacing one of that name; an option of None is left out."""
+        options = {"connectortype": "elasticsearch", "address": "127.0.0.1", "port": str(self.port),
+                   "indexlist": "books", "batchsize": "100", **options}
+        texts = ", ".join(f"\"{key}\" '{value}'" for key, value in options.items() if value is not None)
+        self.run(f"DROP FOREIGN TABLE IF EXISTS {name}")
+        self.run(f"CREATE FOREIGN TABLE {name} ({columns}) SERVER {server} OPTIONS ({texts})")
+
+    def log(self):
+        """What this session has written into the server log, with the SQLSTATE of each message."""
+        lines = Path(self.cluster.log_path).read_text(encoding="utf-8", errors="replace").splitlines()
+        return [line.split("] ", 1)[1] for line in lines if f" [{self.pid}] " in line]
+
+
+def module_path():
+    """The module under test, as it was built."""
+    return Path(os.environ.get("VELTRANE_MODULE", ROOT / "build/release/libVeltranePgFdw3_0.so")).resolve()
+
+
+@pytest.fixture(scope="session")
+def cluster():
+    module = module_path()
+    if not module.exists():
+        pytest.fail(f"{module} does not exist: build it first, or name another one in VELTRANE_MODULE")
+    preload = os.environ.get("VELTRANE_SERVER_PRELOAD")
+    with PrivateCluster(module, environment={"LD_PRELOAD": preload} if preload else None) as started:
+        with psycopg2.connect(started.dsn) as connection, connection.cursor() as cursor:
+            cursor.execute(SET_UP.format(module=started.module_path))
+        connection.close()
+        yield started
+
+
+@pytest.fixture(scope="session")
+def library():
+    """The search server with the documents that the tests share."""
+    with SearchServer(total="object") as server:
+        server.put_many("books", [(f"b{n:03}", {"title": "whales" if n % 2 else "letters", "number": n,
+                                                "type": "book" if n % 10 else "essay"}) for n in range(250)])
+        server.create_index("empty")
+        yield server
+
+
+@pytest.fixture
+def search(library):
+    library.take_journal()
+    return library
+
+
+@pytest.fixture
+def scripted():
+    """A scripted server that answers with no hits until the test gives it another script."""
+    with ScriptedServer(answer(hits())) as server:
+        yield server
+
+
+@pytest.fixture
+def db(cluster, search):
+    """A session of its own, with the table `books` on the shared search server."""
+    database = Database(cluster, search.port)
+    database.run("SET client_min_messages = warning")
+    database.make_table()
+    yield database
+    database.connection.close()
+
+
+@pytest.fixture
+def sent(db, scripted):
+    """Moves `books` to the scripted server; sent(statement): the bodies of its requests, or its error."""
+    db.make_table(port=scripted.port)
+
+    def run(statement, values=None):
+        del scripted.requests[:]
+        outcome = db.outcome(statement, values)
+        return outcome if isinstance(outcome, tuple) else [peer.body.decode() for peer in scripted.requests]
+
+    return run
+
+
+@pytest.fixture(autouse=True)
+def no_crash(request):
+    """A crash in one session is one in all of them: each test answers for the server log of its own time."""
+    if "cluster" not in request.fixturenames:
+        yield
+        return
+    started = request.getfixturevalue("cluster")
+    start = os.path.getsize(started.log_path)
+    yield
+    with open(started.log_path, encoding="utf-8", errors="replace") as log:
+        log.seek(start)
+        signs = [line for line in log if CRASH.search(line)]
+    assert not signs, "".join(signs)
+
+
+def wait_until(condition, seconds=10):
+    """Waits until a condition holds."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < deadline, "waited in vain"
+        time.sleep(0.01)

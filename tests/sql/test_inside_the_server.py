@@ -1,0 +1,109 @@
+"""What SQL cannot reach, through a module of the test cluster: hand-built expressions and clauses, compression
+levels out of range, and each kind of failure on its way across the border between C++ and the server."""
+import shutil
+import zlib
+from pathlib import Path
+
+import pytest
+
+from conftest import ROOT, module_path
+
+FUNCTIONS = """
+CREATE FUNCTION probe_compress(bytea, integer) RETURNS bytea AS '{0}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_columns(regclass, text) RETURNS text AS '{0}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_clause(regclass, text, text, boolean) RETURNS text AS '{0}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_boundary(text, integer) RETURNS text AS '{0}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_alive() RETURNS integer AS '{0}' LANGUAGE C STRICT;
+CREATE TABLE abc (a integer, b integer, c integer);
+"""
+
+
+@pytest.fixture
+def probes(db, cluster):
+    """The session with the probe functions."""
+    library = Path(cluster.path_of("veltraneServerTests.so"))
+    if not library.exists():
+        shutil.copy(module_path().with_name(library.name), library)
+        library.chmod(0o755)
+        db.run(FUNCTIONS.format(library))
+    return db
+
+
+def one(probes, statement, *values):
+    return probes.run(statement, values)[0][0]
+
+
+NO_NAME = ("HV000", "fail to retrieve column name")
+
+
+@pytest.mark.parametrize("expression, names", [
+    ("nothing", ""), ("a", "a"), ("f(a, b)", "a b"), ("f(f(b), 1, a)", "b a"), ("a = b", "a b"),
+    ("a = any(b)", "a b"), ("c::text", "c"), ("case when a = 1 then b else c", "c a b"),
+    ("case a when 1 then b else c", "c a b"), ("a and b", ""), ("a::varchar", ""), ("a is null", ""),
+    ("f(a is null, b)", "b"), ("whole row", NO_NAME), ("f(whole row)", NO_NAME), ("system column", NO_NAME),
+    ("beyond", NO_NAME)])
+def test_columns_of_an_expression(probes, expression, names):
+    outcome = probes.outcome("SELECT probe_columns('abc', %s)", (expression,))
+    assert outcome == (names if isinstance(names, tuple) else [(names,)])
+
+
+MIXED = ("HV000", "inconsistant OR clause")
+
+
+# Clause, then what the integer flavour says of it, then what the boolean one says.
+@pytest.mark.parametrize("clause, integer, boolean", [
+    ("a = 7", "yes 7", "no false"), ("7 = a", "yes 7", "no false"), ("b = 7", "no 0", "no false"),
+    ("b = a", "no 0", "no false"), ("f(a) = 7", "no 0", "no false"), ("a = null", "no 0", "no false"),
+    ("a = true by int4", "no 0", "yes true"), ("a = true by bool", "no 0", "no false"),
+    ("a < 7", "no 0", "no false"), ("not a", "no 0", "no false"), ("a = 1 or a = 2", "yes 2", "no false"),
+    ("a = 1 or (a = 2 or a = 3)", "yes 3", "no false"), ("a = 1 or b = 2", MIXED, "no false"),
+    ("b = 1 or b = 2", "no 0", "no false"), ("empty or", "no 0", "no false"),
+    ("a = 1 and a = 2", "no 0", "no false"), ("not a = 1", "no 0", "no false"),
+    ("a = any(7)", "no 0", "no false"), ("a = any(7) by text", "yes 7", "no false"),
+    ("a = any(f())", "no 0", "no false"), ("a = $1", "yes 0", "no false"), ("a = $1::text", "no 0", "no false"),
+    ("a = $exec", "no 0", "no false"), ("a = array[1, 2]", "no 0", "no false"),
+    ("a = array[]", "no 0", "no false"), ("a = array[a = 5, 1]", "yes 5", "no false"),
+    ("a = array[a = 5]::text", "no 0", "no false")])
+def test_integer_and_boolean_clauses(probes, clause, integer, boolean):
+    for flavour, expected in (("int", integer), ("bool", boolean)):
+        outcome = probes.outcome("SELECT probe_clause('abc', %s, %s, true)", (flavour, clause))
+        assert outcome == (expected if isinstance(expected, tuple) else [(expected,)]), flavour
+        if isinstance(expected, tuple):
+            continue
+        shape_only = one(probes, "SELECT probe_clause('abc', %s, %s, false)", flavour, clause)
+        assert shape_only == expected.split()[0] + (" 0" if flavour == "int" else " false"), flavour
+
+
+def test_values_that_are_no_constants(probes):
+    """A value that is no constant is accepted by its shape, and refused when its value is asked for."""
+    for clause in ("a = b", "a = f()"):
+        assert one(probes, "SELECT probe_clause('abc', 'int', %s, false)", clause) == "yes 0"
+        state, message = probes.failure("SELECT probe_clause('abc', 'int', %s, true)", (clause,))
+        assert state == "HV000" and message.startswith("fail to extract clause of type ")
+        assert message.endswith(" for a")
+
+
+@pytest.mark.parametrize("data", [b"", b"x", b"whale " * 10000, bytes(range(256)) * 300], ids=len)
+def test_compression_at_any_level(probes, data):
+    for level in (-2**31, -3, -2, *range(-1, 10), 10, 2**31 - 1):
+        value = bytes(one(probes, "SELECT probe_compress(%s, %s)", data, level))
+        if not data or not -1 <= level <= 9:
+            assert value == data, level
+        else:
+            assert int.from_bytes(value[:4], "little") == len(data)
+            assert zlib.decompress(value[4:]) == data, level
+            # The size of stored blocks depends on the room given, so level 0 may differ.
+            assert level == 0 or value[4:] == zlib.compress(data, level), level
+
+
+@pytest.mark.parametrize("kind, state, message", [
+    ("fdw error", "HV00B", "own failure, cut inside a character: ?"), ("out of memory", "53200", "out of memory"),
+    ("standard exception", "XX000", "broken invariant"), ("foreign exception", "XX000", "unknown exception"),
+    ("server error", "22012", "server's own"),
+    ("nested server error", "22P02", 'invalid input syntax for type real: "null"')])
+def test_failures_cross_the_boundary(probes, kind, state, message):
+    """Each failure arrives as an error of the server, and every object on its way was destroyed."""
+    for _ in range(20):
+        assert probes.failure("SELECT probe_boundary(%s, 50)", (kind,)) == (state, message)
+    assert one(probes, "SELECT probe_alive()") == 0
+    assert one(probes, "SELECT 1 FROM books WHERE docname = 'b001'") == 1
