@@ -67,4 +67,15 @@ inline ForeignPath *createForeignScanPath(PlannerInfo *root, RelOptInfo *relatio
 #endif
 }
 
+// Whether rows that equal the last one of the LIMIT are returned as well (WITH TIES, from version 13 on).
+inline bool limitKeepsTies(const Query *query)
+{
+#if PG_VERSION_NUM >= 130000
+    return query->limitOption == LIMIT_OPTION_WITH_TIES;
+#else
+    (void) query;
+    return false;
+#endif
+}
+
 } // namespace qm::pgCompat

@@ -78,24 +78,16 @@ void flagReferencedColumns(Node *expression, tupleDesc *descriptor, void *flags)
     }
 }
 
-int64 planRowLimit(const PlannerInfo *root)
-{
-    // 2^63, the first double that no int64 holds, would be a limit that no result reaches.
-    constexpr double Unreachable = 9223372036854775808.0;
-    return root->limit_tuples < Unreachable ? static_cast<int64>(root->limit_tuples) : -1;
-}
-
 void CreateConnectorStep1(List **clauses, PathTarget *target, unsigned int foreignTableId,
                           std::vector<char> &description, List *&fdwExprs, PlannerInfo *root)
 {
     description.assign(DescriptionSize, 0);
-    const int64 limit = planRowLimit(root);
-    std::memcpy(description.data(), &limit, sizeof limit);
-
     std::unique_ptr<std::list<std::string>> docNames;
     std::list<std::string> params;
     std::list<std::string> docTypes;
     ScanExpressions(clauses, foreignTableId, fdwExprs, docNames, params, docTypes, nullptr, true);
+    const int64 limit = *clauses == NIL ? planRowLimit(root, foreignTableId) : -1;
+    std::memcpy(description.data(), &limit, sizeof limit);
 
     char *flags = description.data() + DescriptionFlags;
     qm::pgFdw::withTupleDesc(foreignTableId, [&](tupleDesc *descriptor) {
