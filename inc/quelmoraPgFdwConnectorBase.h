@@ -28,12 +28,11 @@ using ColumnNameCallback = void (*)(const char *columnName, void *userData);
 // OpExpr, ScalarArrayOpExpr, CoerceViaIO, CaseExpr and CaseWhen; every other node is skipped with all that
 // is beneath it. Throws FdwError "fail to retrieve column name" for whole-row references, system columns and
 // numbers beyond the descriptor.
-VELTRANE_EXPORT void parseVarName(Expr *expression, tupleDesc *descriptor, ColumnNameCallback callback,
-                                  void *userData);
+void parseVarName(Expr *expression, tupleDesc *descriptor, ColumnNameCallback callback, void *userData);
 
 // Reports every output column of the running statement's plan that originates in the relation.
-VELTRANE_EXPORT void iterateOverRequestedColumns(unsigned int relationId, ForeignScanState *node,
-                                                 ColumnNameCallback callback, void *userData);
+void iterateOverRequestedColumns(unsigned int relationId, ForeignScanState *node, ColumnNameCallback callback,
+                                 void *userData);
 
 // ---- clauses -------------------------------------------------------------------------------------------
 
@@ -50,11 +49,11 @@ struct AnalyseCtx {
 };
 
 // Each returns whether the clause restricts the column to constant values (column op constant, parameter,
-// IN list or ANY array, or an OR of such clauses) and, where the context says so, extracts them. The output is
-// emptied (set to 0, to false) first. Throw FdwError "inconsistant OR clause" for an OR that mixes such
+// IN list or ANY array, or an OR of such clauses) and, where the context says so, extracts them. The output
+// is emptied (set to 0, to false) first. Throw FdwError "inconsistant OR clause" for an OR that mixes such
 // clauses with others, and "fail to extract clause of type %i for %s" for a value that is no constant.
-VELTRANE_EXPORT bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, AnalyseCtx &ctx,
-                                            const char *columnName);
+bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, AnalyseCtx &ctx,
+                            const char *columnName);
 VELTRANE_EXPORT bool analyseExprInt(Expr *clause, int &value, AnalyseCtx &ctx, const char *columnName);
 VELTRANE_EXPORT bool analyseExprBool(Expr *clause, bool &value, AnalyseCtx &ctx, const char *columnName);
 
@@ -63,10 +62,10 @@ VELTRANE_EXPORT bool analyseExprBool(Expr *clause, bool &value, AnalyseCtx &ctx,
 // [server side] Builds a bytea in the current memory context. Levels -1 to 9: the length of `data` as a
 // native unsigned 32-bit integer and a zlib stream (RFC 1950); any other level: the bytes as they are; no
 // bytes: an empty bytea. `out` is null when zlib fails.
-VELTRANE_EXPORT void CompressData(const char *data, unsigned int length, varlena *&out, int level);
+void CompressData(const char *data, unsigned int length, varlena *&out, int level);
 
 } // namespace qm::pgFdw
 
 // The walk of iterateOverRequestedColumns over one plan node, its left subtrees and its chain of right ones.
-void iterateOverPlan(unsigned int relationId, qm::pgFdw::ColumnNameCallback callback, void *userData, Plan *plan,
-                     tupleDesc *const &descriptor);
+void iterateOverPlan(unsigned int relationId, qm::pgFdw::ColumnNameCallback callback, void *userData,
+                     Plan *plan, tupleDesc *const &descriptor);

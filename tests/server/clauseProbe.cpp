@@ -9,41 +9,49 @@ using namespace probe;
 namespace
 {
 
+Expr *equals(Expr *left, Expr *right) { return op(96, {left, right}); }
+
+Expr *either(const Nodes &arms) { return combine(OR_EXPR, arms); }
+
+// clang-format off: a line a clause
 const std::map<std::string, Expr *(*)()> Clauses = {
-    {"a = 7", [] { return op(96, {column(1), number(7)}); }},
-    {"7 = a", [] { return op(96, {number(7), column(1)}); }},
-    {"b = 7", [] { return op(96, {column(2), number(7)}); }},
-    {"a = b", [] { return op(96, {column(1), column(2)}); }},
-    {"b = a", [] { return op(96, {column(2), column(1)}); }},
-    {"f(a) = 7", [] { return op(96, {call({column(1)}), number(7)}); }},
-    {"a = f()", [] { return op(96, {column(1), call({})}); }},
-    {"a = null", [] { return op(96, {column(1), constant(INT4OID, 0, true)}); }},
-    {"a = true by int4", [] { return op(96, {column(1), truth(true)}); }},
+    {"a = 7", [] { return equals(column(1), number(7)); }},
+    {"7 = a", [] { return equals(number(7), column(1)); }},
+    {"b = 7", [] { return equals(column(2), number(7)); }},
+    {"a = b", [] { return equals(column(1), column(2)); }},
+    {"b = a", [] { return equals(column(2), column(1)); }},
+    {"f(a) = 7", [] { return equals(call({column(1)}), number(7)); }},
+    {"a = f()", [] { return equals(column(1), call({})); }},
+    {"a = null", [] { return equals(column(1), constant(INT4OID, 0, true)); }},
+    {"a = true by int4", [] { return equals(column(1), truth(true)); }},
     {"a = true by bool", [] { return op(91, {column(1), truth(true)}); }},
     {"a < 7", [] { return op(97, {column(1), number(7)}); }},
     {"not a", [] { return op(96, {column(1)}); }},
-    {"a = 1 or a = 2", [] { return combine(OR_EXPR, {op(96, {column(1), number(1)}), op(96, {column(1), number(2)})}); }},
+    {"a = 1 or a = 2", [] { return either({equals(column(1), number(1)), equals(column(1), number(2))}); }},
     {"a = 1 or (a = 2 or a = 3)",
      [] {
-         return combine(OR_EXPR, {op(96, {column(1), number(1)}),
-                                  combine(OR_EXPR, {op(96, {column(1), number(2)}), op(96, {column(1), number(3)})})});
+         return either({equals(column(1), number(1)),
+                        either({equals(column(1), number(2)), equals(column(1), number(3))})});
      }},
-    {"a = 1 or b = 2", [] { return combine(OR_EXPR, {op(96, {column(1), number(1)}), op(96, {column(2), number(2)})}); }},
-    {"b = 1 or b = 2", [] { return combine(OR_EXPR, {op(96, {column(2), number(1)}), op(96, {column(2), number(2)})}); }},
-    {"empty or", [] { return combine(OR_EXPR, {}); }},
-    {"a = 1 and a = 2", [] { return combine(AND_EXPR, {op(96, {column(1), number(1)}), op(96, {column(1), number(2)})}); }},
-    {"not a = 1", [] { return combine(NOT_EXPR, {op(96, {column(1), number(1)})}); }},
+    {"a = 1 or b = 2", [] { return either({equals(column(1), number(1)), equals(column(2), number(2))}); }},
+    {"b = 1 or b = 2", [] { return either({equals(column(2), number(1)), equals(column(2), number(2))}); }},
+    {"empty or", [] { return either({}); }},
+    {"a = 1 and a = 2",
+     [] { return combine(AND_EXPR, {equals(column(1), number(1)), equals(column(1), number(2))}); }},
+    {"not a = 1", [] { return combine(NOT_EXPR, {equals(column(1), number(1))}); }},
     {"a = any(7)", [] { return any(96, {column(1), number(7)}); }},
     {"a = any(7) by text", [] { return any(98, {column(1), number(7)}); }},
     {"a = any(f())", [] { return any(98, {column(1), call({})}); }},
-    {"a = $1", [] { return op(96, {column(1), parameter(INT4OID)}); }},
-    {"a = $1::text", [] { return op(96, {column(1), parameter(TEXTOID)}); }},
-    {"a = $exec", [] { return op(96, {column(1), parameter(INT4OID, PARAM_EXEC)}); }},
-    {"a = array[1, 2]", [] { return op(96, {column(1), array(INT4OID, {number(1), number(2)})}); }},
-    {"a = array[]", [] { return op(96, {column(1), array(INT4OID, {})}); }},
-    {"a = array[a = 5, 1]", [] { return op(96, {column(1), array(INT4OID, {op(96, {column(1), number(5)}), number(1)})}); }},
-    {"a = array[a = 5]::text", [] { return op(96, {column(1), array(TEXTOID, {op(96, {column(1), number(5)})})}); }},
+    {"a = $1", [] { return equals(column(1), parameter(INT4OID)); }},
+    {"a = $1::text", [] { return equals(column(1), parameter(TEXTOID)); }},
+    {"a = $exec", [] { return equals(column(1), parameter(INT4OID, PARAM_EXEC)); }},
+    {"a = array[1, 2]", [] { return equals(column(1), array(INT4OID, {number(1), number(2)})); }},
+    {"a = array[]", [] { return equals(column(1), array(INT4OID, {})); }},
+    {"a = array[a = 5, 1]",
+     [] { return equals(column(1), array(INT4OID, {equals(column(1), number(5)), number(1)})); }},
+    {"a = array[a = 5]::text", [] { return equals(column(1), array(TEXTOID, {equals(column(1), number(5))})); }},
 };
+// clang-format on
 
 } // namespace
 

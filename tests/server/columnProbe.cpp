@@ -28,7 +28,10 @@ Expr *throughText(Expr *argument)
     return asExpr(node);
 }
 
-Expr *relabelled(Expr *argument) { return asExpr(makeRelabelType(argument, VARCHAROID, -1, InvalidOid, COERCE_EXPLICIT_CAST)); }
+Expr *relabelled(Expr *argument)
+{
+    return asExpr(makeRelabelType(argument, VARCHAROID, -1, InvalidOid, COERCE_EXPLICIT_CAST));
+}
 
 Expr *isNull(Expr *argument)
 {
@@ -38,6 +41,7 @@ Expr *isNull(Expr *argument)
     return asExpr(node);
 }
 
+// clang-format off: a line an expression
 const std::map<std::string, Expr *(*)()> Expressions = {
     {"nothing", [] { return static_cast<Expr *>(nullptr); }},
     {"a", [] { return column(1); }},
@@ -46,7 +50,8 @@ const std::map<std::string, Expr *(*)()> Expressions = {
     {"a = b", [] { return op(96, {column(1), column(2)}); }},
     {"a = any(b)", [] { return any(96, {column(1), column(2)}); }},
     {"c::text", [] { return throughText(column(3)); }},
-    {"case when a = 1 then b else c", [] { return caseOf(nullptr, op(96, {column(1), number(1)}), column(2), column(3)); }},
+    {"case when a = 1 then b else c",
+     [] { return caseOf(nullptr, op(96, {column(1), number(1)}), column(2), column(3)); }},
     {"case a when 1 then b else c", [] { return caseOf(column(1), number(1), column(2), column(3)); }},
     {"a and b", [] { return combine(AND_EXPR, {column(1), column(2)}); }},
     {"a::varchar", [] { return relabelled(column(1)); }},
@@ -57,6 +62,7 @@ const std::map<std::string, Expr *(*)()> Expressions = {
     {"system column", [] { return column(-1); }},
     {"beyond", [] { return column(4); }},
 };
+// clang-format on
 
 void collect(const char *name, void *names)
 {

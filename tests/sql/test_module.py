@@ -1,0 +1,37 @@
+"""The module as a file: what it exports and what it links to."""
+import re
+import subprocess
+
+from conftest import module_path
+
+ENTRY_POINTS = {"Pg_magic_func", "_PG_init", "_PG_fini", "veltranepgfdwinterfacehandler",
+                "veltranepgfdwinterfacevalidator", "pg_finfo_veltranepgfdwinterfacehandler",
+                "pg_finfo_veltranepgfdwinterfacevalidator"}
+VERSION = {f"VeltranePgFdw3_0::Version::Get{name} const" for name in (
+    "Major()", "Minor()", "Release()", "Revision()", "Year()", "Month()", "DescStringMajorMinor(bool)",
+    "DescStringMajorMinorRelease(bool)", "DescStringMajorMinorReleaseRevision(bool)",
+    "DescStringMajorMinorReleaseRevisionDate()")}
+READER = "zq::elasticsearch::TermAggResultParserInterface"
+COLLECTOR = "qm::pgFdw::TermAggResultParser"
+CLAUSES = {f"qm::pgFdw::analyseExpr{kind}" for kind in ("Int", "Bool")}
+FACILITIES = CLAUSES | {
+    f"{READER}::{name}" for name in (
+        "TermAggResultParserInterface", "~TermAggResultParserInterface", "addData", "finish",
+        "onNextFieldIsAttributeValue")} | {
+    f"{COLLECTOR}::{name}" for name in ("TermAggResultParser", "onAttributes")} | {
+    f"{what} for {name}" for what in ("vtable", "typeinfo", "typeinfo name") for name in (READER, COLLECTOR)}
+
+
+def test_exports():
+    table = subprocess.check_output(["nm", "-D", "-C", "--defined-only", module_path()], text=True)
+    exported = {line.split(" ", 2)[2] for line in table.splitlines()}
+    assert ENTRY_POINTS <= exported and VERSION <= exported
+    rest = {re.sub(r"\(.*", "", name) for name in exported - ENTRY_POINTS - VERSION}
+    assert FACILITIES <= rest
+    assert all(name.startswith((READER + "::", COLLECTOR + "::")) for name in rest - FACILITIES)
+
+
+def test_links_to_what_it_needs_only():
+    table = subprocess.check_output(["objdump", "-p", module_path()], text=True)
+    needed = {name.split(".so")[0] for name in re.findall(r"NEEDED +(\S+)", table)}
+    assert needed <= {"libcurl", "libz", "libstdc++", "libgcc_s", "libc", "libm", "ld-linux-x86-64"}, needed
