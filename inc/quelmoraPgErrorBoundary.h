@@ -43,7 +43,10 @@ class ServerError : public std::exception
 {
 public:
     explicit ServerError(ErrorData *data) : data(data) {}
-    const char *what() const noexcept override { return data && data->message ? data->message : "server error"; }
+    const char *what() const noexcept override
+    {
+        return data && data->message ? data->message : "server error";
+    }
 
     ErrorData *const data;
 };

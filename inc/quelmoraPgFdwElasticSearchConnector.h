@@ -83,8 +83,9 @@ void parseEsSearchVarNameCallback(const char *columnName, void *flags);
 // to `pushedClauses` if `removeMatched`; at scan start (`node` set) their values are extracted. The docname
 // list is created by the first docname clause, even one without values.
 void ScanExpressions(List **clauses, unsigned int relationId, List *&pushedClauses,
-                     std::unique_ptr<std::list<std::string>> &docNameValues, std::list<std::string> &paramValues,
-                     std::list<std::string> &docTypeValues, ForeignScanState *node, bool removeMatched);
+                     std::unique_ptr<std::list<std::string>> &docNameValues,
+                     std::list<std::string> &paramValues, std::list<std::string> &docTypeValues,
+                     ForeignScanState *node, bool removeMatched);
 
 // Reads `name=value` parameters into the connector's settings; strings and lists are allocated in the
 // current memory context.

@@ -69,7 +69,8 @@ void iterateOverRequestedColumns(unsigned int relationId, ForeignScanState *node
                                  void *userData)
 {
     withTupleDesc(relationId, [&](tupleDesc *descriptor) {
-        iterateOverPlan(relationId, callback, userData, node->ss.ps.state->es_plannedstmt->planTree, descriptor);
+        iterateOverPlan(relationId, callback, userData, node->ss.ps.state->es_plannedstmt->planTree,
+                        descriptor);
     });
 }
 
@@ -112,8 +113,8 @@ void CompressData(const char *data, unsigned int length, varlena *&out, int leve
 
 } // namespace qm::pgFdw
 
-void iterateOverPlan(unsigned int relationId, qm::pgFdw::ColumnNameCallback callback, void *userData, Plan *plan,
-                     tupleDesc *const &descriptor)
+void iterateOverPlan(unsigned int relationId, qm::pgFdw::ColumnNameCallback callback, void *userData,
+                     Plan *plan, tupleDesc *const &descriptor)
 {
     for (; plan; plan = plan->righttree) {
         ListCell *cell;

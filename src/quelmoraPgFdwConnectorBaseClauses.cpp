@@ -29,7 +29,8 @@ List *textArrayElements(Datum value)
     bool isNull;
     while (array_iterate(iterator, &element, &isNull)) {
         if (!isNull)
-            strings = lappend(strings, DatumGetCString(DirectFunctionCall1Coll(textout, InvalidOid, element)));
+            strings =
+                lappend(strings, DatumGetCString(DirectFunctionCall1Coll(textout, InvalidOid, element)));
     }
     array_free_iterator(iterator);
     return strings;
@@ -141,7 +142,8 @@ bool analyseParam(Param *param, typename F::value_type &value, const AnalyseCtx 
 // The elements count as clauses in their own right; plain constants are never recognised. It is enough
 // that one element is.
 template <typename F>
-bool analyseArrayExpr(ArrayExpr *array, typename F::value_type &value, AnalyseCtx &ctx, const char *columnName)
+bool analyseArrayExpr(ArrayExpr *array, typename F::value_type &value, AnalyseCtx &ctx,
+                      const char *columnName)
 {
     if (!F::accepts(array->array_typeid) || array->multidims)
         return false;
@@ -159,7 +161,8 @@ bool analyseBoolExpr(BoolExpr *clause, typename F::value_type &value, AnalyseCtx
     bool all = true;
     ListCell *cell;
     foreach (cell, clause->args) {
-        const bool recognised = analyseExprRecurse<F>(static_cast<Expr *>(lfirst(cell)), value, ctx, columnName);
+        const bool recognised =
+            analyseExprRecurse<F>(static_cast<Expr *>(lfirst(cell)), value, ctx, columnName);
         some |= recognised;
         all &= recognised;
     }
@@ -222,7 +225,8 @@ template <typename F>
 bool analyseExprRecurse(Expr *clause, typename F::value_type &value, AnalyseCtx &ctx, const char *columnName)
 {
     if (IsA(clause, ScalarArrayOpExpr))
-        return analyseScalarArrayOpExpr<F>(reinterpret_cast<ScalarArrayOpExpr *>(clause), value, ctx, columnName);
+        return analyseScalarArrayOpExpr<F>(reinterpret_cast<ScalarArrayOpExpr *>(clause), value, ctx,
+                                           columnName);
     if (IsA(clause, BoolExpr)) {
         auto *boolExpr = reinterpret_cast<BoolExpr *>(clause);
         return boolExpr->boolop == OR_EXPR && analyseBoolExpr<F>(boolExpr, value, ctx, columnName);
@@ -235,7 +239,8 @@ bool analyseExprRecurse(Expr *clause, typename F::value_type &value, AnalyseCtx 
 namespace qm::pgFdw
 {
 
-bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, AnalyseCtx &ctx, const char *columnName)
+bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, AnalyseCtx &ctx,
+                            const char *columnName)
 {
     values.clear();
     return analyseExprRecurse<analyseOpExprStringArrayFunctor>(clause, values, ctx, columnName);

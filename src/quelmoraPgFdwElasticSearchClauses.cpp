@@ -57,8 +57,8 @@ void parseEsSearchVarNameCallback(const char *columnName, void *flags)
     if (setColumnFlag(columnName, flags))
         return;
     callServer([&] {
-        ereport(WARNING,
-                (errcode(ERRCODE_INVALID_PARAMETER_VALUE), errmsg_internal("unhandled column %s", columnName)));
+        ereport(WARNING, (errcode(ERRCODE_INVALID_PARAMETER_VALUE),
+                          errmsg_internal("unhandled column %s", columnName)));
     });
 }
 
@@ -93,14 +93,15 @@ void CreateConnectorStep1(List **clauses, PathTarget *target, unsigned int forei
     qm::pgFdw::withTupleDesc(foreignTableId, [&](tupleDesc *descriptor) {
         ListCell *cell;
         foreach (cell, target->exprs)
-            qm::pgFdw::parseVarName(static_cast<Expr *>(lfirst(cell)), descriptor, parseEsSearchVarNameCallback,
-                                    flags);
+            qm::pgFdw::parseVarName(static_cast<Expr *>(lfirst(cell)), descriptor,
+                                    parseEsSearchVarNameCallback, flags);
     });
 }
 
 void ScanExpressions(List **clauses, unsigned int relationId, List *&pushedClauses,
-                     std::unique_ptr<std::list<std::string>> &docNameValues, std::list<std::string> &paramValues,
-                     std::list<std::string> &docTypeValues, ForeignScanState *node, bool removeMatched)
+                     std::unique_ptr<std::list<std::string>> &docNameValues,
+                     std::list<std::string> &paramValues, std::list<std::string> &docTypeValues,
+                     ForeignScanState *node, bool removeMatched)
 {
     const auto scan = [&](tupleDesc *descriptor) {
         if (*clauses == NIL)
@@ -168,7 +169,8 @@ char *replaceString(char *previous, const char *text)
 List *appendText(List *list, const char *string)
 {
     return callServer([&] {
-        return lappend(list, DatumGetPointer(DirectFunctionCall1Coll(textin, InvalidOid, CStringGetDatum(string))));
+        return lappend(list,
+                       DatumGetPointer(DirectFunctionCall1Coll(textin, InvalidOid, CStringGetDatum(string))));
     });
 }
 

@@ -79,11 +79,10 @@ ElasticSearchConnector *allocateConnector()
 {
     MemoryContext scanContext =
         AllocSetContextCreate(CurrentMemoryContext, "Elasticsearch scan", ALLOCSET_DEFAULT_SIZES);
-    auto *connector =
-        static_cast<ElasticSearchConnector *>(MemoryContextAllocZero(scanContext, sizeof(ElasticSearchConnector)));
+    auto *connector = static_cast<ElasticSearchConnector *>(
+        MemoryContextAllocZero(scanContext, sizeof(ElasticSearchConnector)));
     connector->scanContext = scanContext;
-    connector->pageContext =
-        AllocSetContextCreate(scanContext, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES);
+    connector->pageContext = AllocSetContextCreate(scanContext, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES);
     connector->rowContext = AllocSetContextCreate(scanContext, "Elasticsearch row", ALLOCSET_DEFAULT_SIZES);
     return connector;
 }

@@ -104,8 +104,7 @@ void UpdateConnectorCacheStdMode(ElasticSearchConnector *connector)
             return;
         const auto parser = fetch(connector, url, "{" + members + "}");
         connector->totalHits = parser->getTotalHitCount();
-        refuseMoreThanABatch(connector, idsBefore - connector->docNames.length(),
-                             hitCount(*parser));
+        refuseMoreThanABatch(connector, idsBefore - connector->docNames.length(), hitCount(*parser));
         // A batch of ids of which none exists is no end: go on with the next one.
     } while (connector->searchMode == SearchByDocName && connector->resultDocNames.isEmpty() &&
              !connector->docNames.isEmpty());

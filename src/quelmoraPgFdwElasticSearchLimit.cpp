@@ -1,5 +1,6 @@
-// When may the search stop early? The planner's figure is how many rows the whole query returns. It limits the
-// search only where nothing stands in between: no join, no other order, no condition that is checked later.
+// When may the search stop early? The planner's figure is how many rows the whole query returns. It limits
+// the search only where nothing stands in between: no join, no other order, no condition that is checked
+// later.
 #include "quelmoraPgFdwElasticSearchInternal.h"
 
 #include <cstring>
@@ -49,8 +50,7 @@ bool isOrderOfSearch(PlannerInfo *root, Oid foreignTableId)
     if (list_length(query->sortClause) != 1)
         return false;
     auto *key = static_cast<SortGroupClause *>(linitial(query->sortClause));
-    const Oid descending =
-        callServer([] { return lookup_type_cache(FLOAT4OID, TYPECACHE_GT_OPR)->gt_opr; });
+    const Oid descending = callServer([] { return lookup_type_cache(FLOAT4OID, TYPECACHE_GT_OPR)->gt_opr; });
     if (key->sortop != descending)
         return false;
     const Node *expression = callServer([&] { return get_sortgroupclause_expr(key, query->targetList); });

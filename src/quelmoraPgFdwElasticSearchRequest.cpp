@@ -104,7 +104,7 @@ int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, bool 
 int64 requestSize(const ElasticSearchConnector *connector)
 {
     return connector->limit >= 0 && connector->limit < connector->batchSize ? connector->limit
-                                                                           : connector->batchSize;
+                                                                            : connector->batchSize;
 }
 
 void StringListToJson(std::string &out, List *list, bool &comma)

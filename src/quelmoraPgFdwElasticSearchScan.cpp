@@ -17,8 +17,8 @@ enum class Fit { No, Yes, AsArrayElement };
 
 bool holdsBytes(Oid type)
 {
-    return type == TEXTOID || type == BYTEAOID || type == VARCHAROID || type == BPCHAROID || type == JSONOID ||
-           type == XMLOID;
+    return type == TEXTOID || type == BYTEAOID || type == VARCHAROID || type == BPCHAROID ||
+           type == JSONOID || type == XMLOID;
 }
 
 // [server side]
@@ -156,7 +156,8 @@ void BeginScan(ElasticSearchConnector *connector, ForeignScanState *node)
 {
     qm::pgFdw::MemoryContextScope scope(connector->scanContext);
     bool *requested = connector->requestedColumns;
-    qm::pgFdw::iterateOverRequestedColumns(connector->tableOid, node, parseEsSearchVarNameCallback, requested);
+    qm::pgFdw::iterateOverRequestedColumns(connector->tableOid, node, parseEsSearchVarNameCallback,
+                                           requested);
     tupleDesc *descriptor = RelationGetDescr(node->ss.ss_currentRelation);
     // The conditions that the server checks on each row need their columns too.
     flagReferencedColumns(reinterpret_cast<Node *>(node->ss.ps.plan->qual), descriptor, requested);

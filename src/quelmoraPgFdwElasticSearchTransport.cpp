@@ -88,7 +88,8 @@ void appendTexts(DatumQueue &queue, const std::vector<std::string> &strings)
     for (const std::string &string : strings) {
         if (string.size() >= MaxAllocSize - VARHDRSZ)
             elog(ERROR, "a document of %zu bytes does not fit into a value", string.size());
-        queue.append(PointerGetDatum(cstring_to_text_with_len(string.data(), static_cast<int>(string.size()))));
+        queue.append(
+            PointerGetDatum(cstring_to_text_with_len(string.data(), static_cast<int>(string.size()))));
     }
 }
 

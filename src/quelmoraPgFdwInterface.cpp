@@ -21,13 +21,16 @@ constexpr Cost TotalCost = 20000000.0;
 
 // ---- planning ------------------------------------------------------------------------------------------
 
-void quelmoraPgFdwGetForeignRelSize(PlannerInfo *, RelOptInfo *baserel, Oid) { baserel->rows = EstimatedRows; }
+void quelmoraPgFdwGetForeignRelSize(PlannerInfo *, RelOptInfo *baserel, Oid)
+{
+    baserel->rows = EstimatedRows;
+}
 
 void quelmoraPgFdwGetForeignPaths(PlannerInfo *root, RelOptInfo *baserel, Oid)
 {
     // Nothing of C++ is alive here: the server's errors may pass.
-    add_path(baserel, reinterpret_cast<Path *>(qm::pgCompat::createForeignScanPath(root, baserel, baserel->rows,
-                                                                                   StartupCost, TotalCost)));
+    add_path(baserel, reinterpret_cast<Path *>(qm::pgCompat::createForeignScanPath(
+                          root, baserel, baserel->rows, StartupCost, TotalCost)));
 }
 
 // [server side] The table's connector type, 0 when its options name none.
@@ -54,12 +57,12 @@ Const *packPrivateData(int32 connectorType, const char *description, Size length
     qm::pgFdw::allocateBytea(sizeof connectorType + length, packed);
     std::memcpy(VARDATA(packed), &connectorType, sizeof connectorType);
     std::memcpy(VARDATA(packed) + sizeof connectorType, description, length);
-    return makeConst(BYTEAOID, -1, InvalidOid, static_cast<int>(VARSIZE(packed)), PointerGetDatum(packed), false,
-                     false);
+    return makeConst(BYTEAOID, -1, InvalidOid, static_cast<int>(VARSIZE(packed)), PointerGetDatum(packed),
+                     false, false);
 }
 
-ForeignScan *quelmoraPgFdwGetForeignPlan(PlannerInfo *root, RelOptInfo *baserel, Oid foreignTableId, ForeignPath *,
-                                         List *targetList, List *scanClauses, Plan *)
+ForeignScan *quelmoraPgFdwGetForeignPlan(PlannerInfo *root, RelOptInfo *baserel, Oid foreignTableId,
+                                         ForeignPath *, List *targetList, List *scanClauses, Plan *)
 {
     return guardEntry([&] {
         List *clauses = callServer([&] { return extract_actual_clauses(scanClauses, false); });
@@ -71,12 +74,13 @@ ForeignScan *quelmoraPgFdwGetForeignPlan(PlannerInfo *root, RelOptInfo *baserel,
         List *fdwExprs = NIL;
         qm::pgFdwElaticSearch::CreateConnectorStep1(&clauses, baserel->reltarget, foreignTableId, description,
                                                     fdwExprs, root);
-        Const *packed = callServer([&] { return packPrivateData(type, description.data(), description.size()); });
+        Const *packed =
+            callServer([&] { return packPrivateData(type, description.data(), description.size()); });
         if (!packed)
             throw FdwError(ERRCODE_FDW_INVALID_OPTION_NAME, "need valid connectortype option");
         return callServer([&] {
-            return make_foreignscan(targetList, clauses, baserel->relid, fdwExprs, lappend(NIL, packed), NIL, NIL,
-                                    nullptr);
+            return make_foreignscan(targetList, clauses, baserel->relid, fdwExprs, lappend(NIL, packed), NIL,
+                                    NIL, nullptr);
         });
     });
 }
@@ -90,7 +94,10 @@ void quelmoraPgFdwExplainForeignScan(ForeignScanState *, ExplainState *) {}
     throw FdwError(ERRCODE_FDW_INVALID_HANDLE, message, function);
 }
 
-MemoryContext queryContextOf(ForeignScanState *node) { return node->ss.ps.ps_ExprContext->ecxt_per_query_memory; }
+MemoryContext queryContextOf(ForeignScanState *node)
+{
+    return node->ss.ps.ps_ExprContext->ecxt_per_query_memory;
+}
 
 ElasticSearchConnector *&connectorOf(ForeignScanState *node)
 {
@@ -109,8 +116,8 @@ void begin(ForeignScanState *node)
         throwInvalidHandle("fdw ctx is null");
     if (list_length(privateData) != 1)
         throwInvalidHandle("null connector pointer");
-    auto *packed = reinterpret_cast<varlena *>(
-        DatumGetPointer(static_cast<Const *>(linitial(privateData))->constvalue));
+    auto *packed =
+        reinterpret_cast<varlena *>(DatumGetPointer(static_cast<Const *>(linitial(privateData))->constvalue));
     const int length = static_cast<int>(VARSIZE(packed)) - VARHDRSZ;
     ConnectorTypes type{};
     if (length < static_cast<int>(sizeof type))
@@ -199,7 +206,7 @@ void _PG_fini(void) {}
 // Returns a new routine table in the current memory context.
 Datum veltranepgfdwinterfacehandler(PG_FUNCTION_ARGS)
 {
-    (void) fcinfo;
+    (void)fcinfo;
     FdwRoutine *routine = makeNode(FdwRoutine);
     routine->GetForeignRelSize = quelmoraPgFdwGetForeignRelSize;
     routine->GetForeignPaths = quelmoraPgFdwGetForeignPaths;
@@ -215,7 +222,7 @@ Datum veltranepgfdwinterfacehandler(PG_FUNCTION_ARGS)
 // Accepts every option; they are checked when a query uses them.
 Datum veltranepgfdwinterfacevalidator(PG_FUNCTION_ARGS)
 {
-    (void) fcinfo;
+    (void)fcinfo;
     return 0;
 }
 

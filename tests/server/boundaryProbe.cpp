@@ -1,6 +1,6 @@
-// probe_boundary(kind text, times integer) returns text: lets each kind of failure cross the error boundary, with
-// objects alive on the C++ side, `times` times caught on the way and once into the server.
-// probe_alive() returns integer: how many of those objects were never destroyed.
+// probe_boundary(kind text, times integer) returns text: lets each kind of failure cross the error boundary,
+// with objects alive on the C++ side, `times` times caught on the way and once into the server. probe_alive()
+// returns integer: how many of those objects were never destroyed.
 #include "probe.h"
 
 #include <new>
@@ -38,7 +38,10 @@ void fail(const std::string &kind)
     if (kind == "foreign exception")
         throw 42;
     if (kind == "server error")
-        callServer([] { ereport(ERROR, (errcode(ERRCODE_DIVISION_BY_ZERO), errmsg("server's own"), errdetail("detail"), errhint("hint"))); });
+        callServer([] {
+            ereport(ERROR, (errcode(ERRCODE_DIVISION_BY_ZERO), errmsg("server's own"), errdetail("detail"),
+                            errhint("hint")));
+        });
     if (kind == "nested server error") {
         // An error on the way out of a handler of another one.
         try {
@@ -69,6 +72,6 @@ PROBE(probe_boundary)
 
 PROBE(probe_alive)
 {
-    (void) fcinfo;
+    (void)fcinfo;
     return Int32GetDatum(alive);
 }
