@@ -1,11 +1,14 @@
-// The collectors: readers of search answers that keep what a scan asked for.
+// The collectors: readers of answers that keep what the caller asked for.
 #pragma once
 
 #include "searchResultParserInterface.h"
+#include "termAggResultParserInterface.h"
 
 #include <exception>
 #include <string>
 #include <vector>
+
+struct varlena; // the server's; its headers are not needed to read search answers
 
 namespace qm::pgFdw
 {
@@ -41,6 +44,31 @@ private:
     const bool wantHighlight;
     const bool wantScore;
     const bool wantDocType;
+};
+
+// Stores the terms aggregations of one answer into two arrays of the caller's, which must live as long as the
+// collector. An aggregation goes to the slot that its name tells as a decimal number, counted from 1; a later
+// one of the same number replaces it.
+//
+// addData throws FdwError "Parsing error" (HV00B) for a name that tells no slot, and ServerError when there
+// is no memory for a value; inside the server, call it within guardEntry.
+class VELTRANE_EXPORT TermAggResultParser : public zq::elasticsearch::TermAggResultParserInterface
+{
+public:
+    // Both arrays have `attributeCount` entries, which are set to null and 0. With `collectValues` the keys
+    // are stored too, as a JSON array that CompressData packs at `compressionLevel` into a bytea (null when
+    // zlib fails) in the memory context that is current during addData.
+    TermAggResultParser(int attributeCount, int compressionLevel, varlena **valueSlots, int *countSlots,
+                        bool collectValues);
+
+    void onAttributes(const std::string &name, int count, const std::string &values) override;
+
+private:
+    varlena **const valueSlots;
+    int *const countSlots;
+    const int compressionLevel;
+    const int attributeCount;
+    const bool collectValues;
 };
 
 } // namespace qm::pgFdw

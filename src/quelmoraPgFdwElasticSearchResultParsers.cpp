@@ -1,7 +1,9 @@
 // The collectors.
+#include "quelmoraPgFdwConnectorBase.h"
 #include "quelmoraPgFdwElasticSearchResultParsers.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace qm::pgFdw
 {
@@ -35,6 +37,32 @@ void SearchResultParser::onNewDocument(const std::string &docId, const std::stri
         scores.push_back(score);
     if (wantDocType)
         docTypes.push_back(docType);
+}
+
+TermAggResultParser::TermAggResultParser(int attributeCount, int compressionLevel, varlena **valueSlots,
+                                         int *countSlots, bool collectValues)
+    : TermAggResultParserInterface(collectValues), valueSlots(valueSlots), countSlots(countSlots),
+      compressionLevel(compressionLevel), attributeCount(attributeCount), collectValues(collectValues)
+{
+    std::fill_n(valueSlots, attributeCount, nullptr);
+    std::fill_n(countSlots, attributeCount, 0);
+}
+
+void TermAggResultParser::onAttributes(const std::string &name, int count, const std::string &values)
+{
+    const int number = static_cast<int>(std::strtol(name.c_str(), nullptr, 10));
+    if (number < 1 || number > attributeCount)
+        throw FdwError(ERRCODE_FDW_INVALID_HANDLE, "Parsing error");
+    countSlots[number - 1] = count;
+    if (!collectValues)
+        return;
+    callServer([&] {
+        // The length that CompressData takes has fewer bits than a string may have bytes.
+        if (!AllocSizeIsValid(values.size()))
+            elog(ERROR, "invalid memory alloc request size %zu", values.size());
+        CompressData(values.data(), static_cast<unsigned int>(values.size()), valueSlots[number - 1],
+                     compressionLevel);
+    });
 }
 
 } // namespace qm::pgFdw

@@ -1,5 +1,6 @@
 """What SQL cannot reach, through a module of the test cluster: hand-built expressions and clauses, compression
-levels out of range, and each kind of failure on its way across the border between C++ and the server."""
+levels out of range, terms aggregations, and each kind of failure on its way across the border between C++ and
+the server."""
 import shutil
 import zlib
 from pathlib import Path
@@ -13,6 +14,7 @@ CREATE FUNCTION probe_compress(bytea, integer) RETURNS bytea AS '{0}' LANGUAGE C
 CREATE FUNCTION probe_columns(regclass, text) RETURNS text AS '{0}' LANGUAGE C STRICT;
 CREATE FUNCTION probe_clause(regclass, text, text, boolean) RETURNS text AS '{0}' LANGUAGE C STRICT;
 CREATE FUNCTION probe_boundary(text, integer) RETURNS text AS '{0}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_term_agg(text, integer, integer, integer, boolean) RETURNS text AS '{0}' LANGUAGE C STRICT;
 CREATE FUNCTION probe_alive() RETURNS integer AS '{0}' LANGUAGE C STRICT;
 CREATE TABLE abc (a integer, b integer, c integer);
 """
@@ -94,6 +96,54 @@ def test_compression_at_any_level(probes, data):
             assert zlib.decompress(value[4:]) == data, level
             # The size of stored blocks depends on the room given, so level 0 may differ.
             assert level == 0 or value[4:] == zlib.compress(data, level), level
+
+
+def read_aggregations(probes, answer, level=-2, collect=True, chunk=1):
+    """Reads an answer into three slots: the verdict, and the count and the value of each slot."""
+    lines = one(probes, "SELECT probe_term_agg(%s, %s, 3, %s, %s)", answer, chunk, level, collect).split("\n")
+    slots = [line.split(" ") for line in lines[1:]]
+    assert slots.pop() == ["-1", "stale"]
+    return lines[0], [(int(count), None if value == "null" else bytes.fromhex(value[2:])) for count, value in slots]
+
+
+def aggregations(*named_keys):
+    """The answer that holds these lists of raw keys."""
+    lists = (f'"{name}":{{"buckets":[{",".join(f"""{{"key":{key},"doc_count":1}}""" for key in keys)}]}}'
+             for name, *keys in named_keys)
+    return f'{{"aggregations":{{"rootagg":{{"doc_count":9,{",".join(lists)}}}}}}}'
+
+
+TWO = aggregations(("3", '"red"', '"bl\\u00fce"'), ("1",))
+RED, EMPTY = b'["red","bl\\u00fce"]', b"[]"
+
+
+@pytest.mark.parametrize("answer, slots", [
+    (TWO, [(0, EMPTY), (0, None), (2, RED)]),
+    (aggregations((" 2x", 1, 2), ("2", 3)), [(0, None), (1, b"[3]"), (0, None)]),
+    (aggregations(("4294967297", "null")), [(1, b"[null]"), (0, None), (0, None)]),
+    ("{}", [(0, None)] * 3)])
+def test_slots_of_aggregations(probes, answer, slots):
+    for chunk in (1, 10, 1000):
+        assert read_aggregations(probes, answer, chunk=chunk) == ("on good ", slots)
+    assert read_aggregations(probes, answer, collect=False) == ("on good ", [(count, None) for count, _ in slots])
+    packed = [(count, value and len(value).to_bytes(4, "little") + zlib.compress(value, 5)) for count, value in slots]
+    assert read_aggregations(probes, answer, level=5) == ("on good ", packed)
+
+
+@pytest.mark.parametrize("name", ["0", "4", "-1", "abc", "2147483648", "-2147483648", "99999999999999999999999"])
+def test_aggregations_without_a_slot(probes, name):
+    answer = aggregations(("1", 5), (name, 6), ("2", 7))
+    for collect in ("true", "false"):
+        for chunk in (1, 1000):
+            statement = f"SELECT probe_term_agg(%s, {chunk}, 3, 5, {collect})"
+            assert probes.failure(statement, (answer,)) == ("HV00B", "Parsing error")
+
+
+def test_errors_instead_of_aggregations(probes):
+    error = '{"error":"no such index","status":404}'
+    assert read_aggregations(probes, error) == ("stop bad no such index", [(0, None)] * 3)
+    key_last = TWO.replace('"key":"red","doc_count":1', '"doc_count":1,"key":"red"')
+    assert read_aggregations(probes, key_last)[0] == "stop bad Parsing error, fail to retrieve field value"
 
 
 @pytest.mark.parametrize("kind, state, message", [

@@ -1,0 +1,228 @@
+// What the terms-aggregation reader makes of whole answers, against expectations worked out by hand, and of
+// answers cut anywhere, against the reference reader.
+#include "randomAnswers.h"
+#include "recordings.h"
+#include "referenceTermAggReader.h"
+#include "termAggResultParserInterface.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace
+{
+
+/// Writes down all that a reader shows: its events as `name=count[keys]`, the verdict of each chunk, and the
+/// end.
+template <class Reader>
+class Transcript : public Reader
+{
+public:
+    using Reader::Reader;
+
+    void onAttributes(const std::string &name, int count, const std::string &values) override
+    {
+        text += name + "=" + std::to_string(count) + values + " ";
+    }
+
+    void feed(std::string_view chunk, bool showVerdict)
+    {
+        // A copy of its own that dies at once: a look beyond the chunk, or back into it later, is a memory
+        // error.
+        const std::vector<char> bytes(chunk.begin(), chunk.end());
+        const bool verdict = this->addData(bytes.data(), bytes.size());
+        if (showVerdict) {
+            text += std::string(verdict ? "on" : "stop") + (this->finish() ? "! " : " ");
+        }
+    }
+
+    std::string text;
+};
+
+using Chunks = std::vector<std::string_view>;
+
+template <class Reader>
+std::string transcript(const Chunks &chunks, bool collectValues, bool showVerdicts)
+{
+    Transcript<Reader> reader(collectValues);
+    for (const std::string_view chunk : chunks) {
+        reader.feed(chunk, showVerdicts);
+    }
+    return reader.text + (reader.finish() ? "good" : "bad ") + reader.getErrorMessage();
+}
+
+using Fast = zq::elasticsearch::TermAggResultParserInterface;
+
+/// What the reader makes of an uncut answer: its events, then "good", or "bad" with the error text.
+std::string outcome(std::string_view text, bool collectValues = true)
+{
+    return transcript<Fast>({text}, collectValues, false);
+}
+
+void expectAgreement(const Chunks &chunks)
+{
+    for (const bool collectValues : {true, false}) {
+        ASSERT_EQ(transcript<Fast>(chunks, collectValues, true),
+                  transcript<ReferenceTermAggReader>(chunks, collectValues, true))
+            << "in " << chunks.size() << " chunks, the first one: " << chunks.front();
+    }
+}
+
+Chunks chunksOf(std::string_view text, std::size_t size)
+{
+    Chunks chunks;
+    for (; text.size() > size; text.remove_prefix(size)) {
+        chunks.push_back(text.substr(0, size));
+    }
+    chunks.push_back(text);
+    return chunks;
+}
+
+/// The body of "rootagg".
+std::string inRoot(const std::string &subAggs) { return R"({"aggregations":{"rootagg":{)" + subAggs + "}}}"; }
+
+/// One bucket behind an ordinary one.
+std::string withBucket(const std::string &members)
+{
+    return inRoot(R"("1":{"buckets":[{"key":0,"doc_count":2},{)" + members + "}]}");
+}
+
+struct TermAggAnswer {
+    std::string text;
+    std::string expected;
+};
+
+const std::string keyIsLast = "bad Parsing error, fail to retrieve field value";
+
+const std::vector<TermAggAnswer> termAggAnswers = {
+    // Several aggregations, with what stands around their buckets.
+    {inRoot(R"("doc_count":7,"3":{"buckets":[{"key":"red","doc_count":5},{"key":"blue","doc_count":2}]})"),
+     R"(3=2["red","blue"] good)"},
+    {R"({"took":1,"hits":{"total":{"value":9},"hits":[{"_source":{"a":{"key":1,"b":2}}}]},"aggregations":{"rootagg":)"
+     R"({"1":{"doc_count_error_upper_bound":0,"buckets":[]},"x" : {"buckets" : [ { "key" : 1.50 , "doc_count" : 1 } ],"z":0},)"
+     R"("doc_count":7},"other":{"4":{"buckets":[{"key":1,"n":2}]}}},"status":200})",
+     "1=0[] x=1[ 1.50 ] good"},
+    {inRoot(R"("1":{"buckets":[{"key":1,"n":2}]},"1":{"buckets":[{"key":2,"n":2},{"key":3,"n":1}]})"),
+     "1=1[1] 1=2[2,3] good"},
+    {inRoot(R"("1":{"meta":{"key":5,"n":1},"buckets":[{"key":1,"sub":{"buckets":[{"key":9,"n":1}]}}]})"),
+     "1=1[1] good"},
+    // Keys of every kind.
+    {withBucket(R"("key":"a,b}]:[{\"","n":1)"), R"(1=2[0,"a,b}]:[{\""] good)"},
+    {withBucket(R"("n":1,"key":"\u00e9\\","m":1)"), R"(1=2[0,"\u00e9\\"] good)"},
+    {withBucket(R"("key":"key","key_as_string":"key","n":1)"), R"(1=3[0,"key","key"] good)"},
+    {withBucket(R"("key":null,"n":1)"), "1=2[0,null] good"},
+    {withBucket(R"("key":,"n":1)"), "1=2[0,] good"},
+    {withBucket(R"("key":{"a":1,"b":"x"},"n":1)"), R"(1=2[0,"x"] good)"},
+    {withBucket(R"("key":{"a":{"b":1}},"n":5,"m":6)"), "1=2[0,5] good"},
+    {withBucket(R"("key":["a","b"],"n":5,"m":6)"), "1=2[0,5] good"},
+    {withBucket(R"("key":[1],"n":5)"), keyIsLast},
+    {withBucket(R"("n":1,"key":"x")"), keyIsLast},
+    {withBucket(R"("key")"), keyIsLast},
+    {withBucket(R"("n":"key")"), keyIsLast},
+    {withBucket(R"("n":"key","m":3)"), R"(1=2[0,"key"] good)"},
+    {withBucket(R"("Key":1,"k":{"key":1},"l":[{"key":1,"n":2}])"), "1=1[0] good"},
+    // Names in and out of their places.
+    {R"({"aggregations":{"other":{"1":{"buckets":[{"key":1,"n":1}]}}},"rootagg":{"rootagg":{"2":{}}}})",
+     "good"},
+    {R"({"aggregations":"x","y":{"rootagg":{"1":{}}}})", "good"},
+    {R"({"aggregations":{"rootagg":"x","y":{"1":{}}}})", "good"},
+    {R"({"aggregations":{"a":{"b":1}},"x":{"rootagg":{"1":{}}}})", "good"},
+    {R"({"aggregations":{"rootagg":{},"x":{"1":{}}}})", "good"},
+    {R"([{"aggregations":{"rootagg":{"1":{}}}}])", "good"},
+    {R"({"a":"aggregations":{"b":"rootagg":{"1":{}}}})", "1=0[] good"},
+    {R"({"aggregations":{"rootagg":{"1":{}})", "1=0[] bad "},
+    {R"({"aggregations":{"rootagg":{"1":{"key":1},"2":"x","":{},"3":5,"doc_count":1,"4":[{}],"5":["6"]}}})",
+     "1=0[] 2=0[] x=0[] 3=0[] 4=0[] 5=0[] good"},
+    {R"({"aggregations":{"rootagg":{"1":5}},"a":{"b":{"c":1}}})", "1=0[] good"},
+    {R"({"aggregations":{"rootagg":{"1":{"bucket":[{"key":1,"n":2}]},"2":{"buckets":"x"},"3":{"a":[{"key":1,"n":2}]}}}})",
+     "1=0[] 2=0[] 3=1[1] good"},
+    {R"({"aggregations":{"rootagg":{"1":{"a":["buckets",{"key":1,"n":2}]},"2":{"buckets":{"a":{"key":1,"n":2}}}}}})",
+     "1=0[] 2=0[] good"},
+    // Buckets once seen, the keys of later objects at that depth count as well.
+    {R"({"aggregations":{"rootagg":{"1":{"buckets":[]}}},"x":[{"a":{"b":{"c":{"key":1}}}}]})",
+     "1=0[] " + keyIsLast},
+    // Errors; of an object, the next member's name is all that is seen.
+    {R"({"error":"no \"such\" index","status":404})", R"(bad no \"such\" index)"},
+    {R"({"error":{"reason":"y","error":"z"},"status":404})", "bad status"},
+    {R"({"error":{"reason":"y"}})", "good"},
+    {R"({"error":["a"],"error":"error","aggregations":"","x":1})", "bad "},
+    {R"({"a":"error","b":1})", "bad b"},
+    {R"([{"error":"x"}])", "good"},
+    {R"({"aggregations":{"rootagg":{"1":{}},"error":{"error":{}}},"x":1})", "1=0[] good"},
+    // Junk.
+    {"", "good"},
+    {R"({"aggregations":{"rootagg":{"1":{"buckets":[{"key":"x)", "bad "},
+    {"}}]]", "bad "},
+    {R"(}{{"error":"x"})", "bad x"},
+    {R"(]{"error":"x"}[)", "good"},
+    {R"({\"error":"x"})", "bad "},
+};
+
+TEST(TermAggReader, ReadsHandMadeAnswers)
+{
+    for (const TermAggAnswer &answer : termAggAnswers) {
+        EXPECT_EQ(outcome(answer.text), answer.expected) << answer.text;
+    }
+    EXPECT_EQ(outcome(withBucket(R"("key":"a","n":1)"), false), "1=2[] good");
+    EXPECT_EQ(outcome(withBucket(R"("n":1,"key":"a")"), false), keyIsLast);
+}
+
+TEST(TermAggReader, ReadsARecordedAnswer)
+{
+    const auto recording = std::find_if(recordings().begin(), recordings().end(),
+                                        [](const Recording &one) { return one.name == "terms-aggregation"; });
+    ASSERT_NE(recording, recordings().end());
+    EXPECT_EQ(
+        outcome(recording->text),
+        R"(1=3["manual","novel","essay"] 2=10[1800,1807,1814,1821,1835,1849,1856,1863,1884,1898] 3=0[] good)");
+}
+
+TEST(TermAggReader, SeesTheSameHoweverTheAnswerIsCut)
+{
+    std::vector<std::string> texts;
+    for (const TermAggAnswer &answer : termAggAnswers) {
+        texts.push_back(answer.text);
+    }
+    for (const Recording &recording : recordings()) {
+        if (recording.name == "terms-aggregation" || recording.name.rfind("error", 0) == 0) {
+            texts.push_back(recording.text);
+        }
+    }
+    for (const std::string_view text : texts) {
+        SCOPED_TRACE(text);
+        for (std::size_t at = 0; at <= text.size(); ++at) {
+            // An empty chunk in the middle only asks for the verdict.
+            ASSERT_NO_FATAL_FAILURE(expectAgreement({text.substr(0, at), "", text.substr(at), "", "}"}));
+        }
+        for (const std::size_t size : {1, 2, 7, 64}) {
+            ASSERT_NO_FATAL_FAILURE(expectAgreement(chunksOf(text, size)));
+        }
+    }
+}
+
+TEST(TermAggReader, SeesTheSameInRandomTexts)
+{
+    AnswerKind kind{{R"("key")", R"("key":"a")", R"("key":1,)", R"("key":"a,}",)", R"("buckets":[{)",
+                     R"("buckets":[],)", R"("n":5)", R"("rootagg":{)", R"("rootagg")", R"("aggregations":{)",
+                     R"("aggregations")", R"("1":{)", R"("doc_count")", "}}"},
+                    {"", "{", R"({"aggregations":{)", R"({"aggregations":{"rootagg":{)",
+                     R"({"aggregations":{"rootagg":{"1":{)",
+                     R"({"aggregations":{"rootagg":{"1":{"buckets":[{)"},
+                    {}};
+    for (const TermAggAnswer &answer : termAggAnswers) {
+        kind.answers.push_back(answer.text);
+    }
+    for (unsigned seed = 1; seed <= 20000; ++seed) {
+        std::mt19937 random(seed);
+        const std::string text = randomAnswer(kind, random);
+        SCOPED_TRACE("seed " + std::to_string(seed) + ", text:\n" + text);
+        for (const std::size_t size : {std::size_t{1}, 1 + std::size_t{below(20, random)}, text.size() + 1}) {
+            ASSERT_NO_FATAL_FAILURE(expectAgreement(chunksOf(text, size)));
+        }
+    }
+}
+
+} // namespace
