@@ -54,6 +54,12 @@ def illegal_argument(reason):
     return typed(400, "illegal_argument_exception", reason)
 
 
+def invalid(*faults):
+    """The SearchError of a request whose parts do not go together."""
+    said = "".join(f"{number}: {fault};" for number, fault in enumerate(faults, 1))
+    return typed(400, "action_request_validation_exception", f"Validation Failed: {said}")
+
+
 def index_not_found(name):
     return typed(404, "index_not_found_exception", f"no such index [{name}]",
                  **{"resource.type": "index_or_alias", "resource.id": name, "index_uuid": "_na_",
@@ -67,8 +73,8 @@ def parsing(line, column, error):
     return typed(400, "parsing_exception", error.reason, caused_by, line=line, col=column)
 
 
-def all_shards_failed(entries):
-    """The SearchError of a search that failed on every index; `entries` from ShardFailure.entry."""
+def all_shards_failed(entries, status=400, cause=None):
+    """The SearchError of a search that failed on every index; `entries` as ShardFailure.entry makes them."""
     reasons = [entry["reason"] for entry in entries]
     error = {
         "root_cause": [{key: reason[key] for key in reason if key != "caused_by"} for reason in reasons],
@@ -76,8 +82,10 @@ def all_shards_failed(entries):
         "phase": "query", "grouped": True, "failed_shards": entries,
     }
     if reasons[0]["type"] == "illegal_argument_exception":
-        error["caused_by"] = {**reasons[0], "caused_by": reasons[0]}
-    return SearchError(400, {"error": error, "status": 400})
+        cause = {**reasons[0], "caused_by": reasons[0]}
+    if cause:
+        error["caused_by"] = cause
+    return SearchError(status, {"error": error, "status": status})
 
 
 def not_a_number(value):

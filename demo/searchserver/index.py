@@ -10,6 +10,7 @@ import threading
 
 from .analysis import flatten, is_number, term_key, tokens
 from .errors import index_not_found, not_a_number, typed
+from .scroll import Scrolls
 
 
 class Document:
@@ -134,10 +135,11 @@ class Index:
 
 
 class Cluster:
-    """All indices by name; whoever reads or changes them holds `lock`."""
+    """All indices by name and all scroll contexts; whoever reads or changes them holds `lock`."""
 
     def __init__(self):
         self.indices = {}
+        self.scrolls = Scrolls()
         self.lock = threading.RLock()
 
     def create(self, name):

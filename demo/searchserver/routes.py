@@ -5,7 +5,7 @@ import time
 import uuid
 from urllib.parse import parse_qsl, unquote
 
-from . import jsontext
+from . import jsontext, scroll
 from .errors import SearchError, illegal_argument, typed
 from .search import SearchRequest
 
@@ -100,14 +100,46 @@ def info(exchange):
     return 200, json.dumps(about, indent=2, separators=(",", " : ")) + "\n"
 
 
-@endpoint("rest_total_hits_as_int")
+@endpoint("rest_total_hits_as_int", "scroll")
 def search(exchange, names="_all"):
-    request = SearchRequest(exchange.body)
+    started = time.monotonic()
+    keep_alive = scroll.seconds(exchange.parameters["scroll"]) if "scroll" in exchange.parameters else None
+    request = SearchRequest(exchange.body, keep_alive)
     # The empty segment of "books//_search" is taken as the name of a mapping type, as servers did of old.
     if exchange.path.rstrip("/").endswith("//_search") and exchange.total == "object":
         exchange.headers.append(("warning", DEPRECATED))
     indices = exchange.cluster.select(names)
-    return 200, request.answer(indices, exchange.total, exchange.flag("rest_total_hits_as_int"))
+    found = request.find(indices)
+    if keep_alive is None:
+        scroll_id, hits = None, found.hits[request.start:request.start + request.size]
+    else:
+        scroll_id, hits = exchange.cluster.scrolls.open(request, found, len(indices), keep_alive)
+    plain = exchange.flag("rest_total_hits_as_int")
+    return 200, request.write(found, hits, exchange.total, plain, started, scroll_id)
+
+
+def scroll_members(exchange):
+    body = jsontext.read(exchange.body)[0] if exchange.body else {}
+    if not isinstance(body, dict):
+        raise illegal_argument("Malformed content, must start with an object")
+    return scroll.members(exchange.parameters, body)
+
+
+@endpoint("rest_total_hits_as_int", "scroll", "scroll_id")
+def next_page(exchange):
+    started = time.monotonic()
+    (scroll_id, *_), time_value = scroll_members(exchange)
+    keep_alive = None if time_value is None else scroll.seconds(time_value)
+    context, hits = exchange.cluster.scrolls.next_page(scroll_id, keep_alive)
+    plain = exchange.flag("rest_total_hits_as_int")
+    return 200, context.request.write(context.found, hits, exchange.total, plain, started,
+                                      None if keep_alive is None else scroll_id, later_page=True)
+
+
+@endpoint("scroll_id")
+def delete_scroll(exchange):
+    freed = exchange.cluster.scrolls.delete(scroll_members(exchange)[0])
+    return 200 if freed else 404, jsontext.write({"succeeded": True, "num_freed": freed})
 
 
 def written(index, document):
@@ -168,6 +200,7 @@ SEARCH = {"POST": search, "GET": search}
 ROUTES = [
     ((), {"GET": info, "HEAD": info}),
     (("_search",), SEARCH),
+    (("_search", "scroll"), {"POST": next_page, "GET": next_page, "DELETE": delete_scroll}),
     (("_bulk",), {"POST": bulk, "PUT": bulk}),
     (("_refresh",), {"POST": refresh, "GET": refresh}),
     (("*", "_search"), SEARCH),

@@ -2,22 +2,32 @@
 
 import functools
 import time
+from collections import namedtuple
 
 from . import highlight, jsontext, query, source
 from .analysis import is_number
-from .errors import ParseError, ShardFailure, all_shards_failed, illegal_argument, parsing
+from .errors import ParseError, ShardFailure, all_shards_failed, illegal_argument, invalid, parsing
 
-MAX_WINDOW = 10000  # the furthest hit that a search may show
+MAX_WINDOW = 10000  # the furthest hit that a search may show, and the most hits of a page
+MAX_KEEP_ALIVE = 86400  # seconds that a scroll context may live
 COUNT_LIMIT = 10000  # hits are counted up to here unless the request asks for more
 TOKENS = {dict: "START_OBJECT", list: "START_ARRAY", str: "VALUE_STRING", bool: "VALUE_BOOLEAN",
           int: "VALUE_NUMBER", float: "VALUE_NUMBER", type(None): "VALUE_NULL"}
 KEYS = ("query", "size", "from", "sort", "_source", "highlight", "track_total_hits", "track_scores")
 
 
-class SearchRequest:
-    """A search body, checked; SearchError 400 when it is not in order."""
+# All hits in their order, their count, the account of the indices, the highest score or None.
+Found = namedtuple("Found", "hits count shards highest")
 
-    def __init__(self, data):
+
+class SearchRequest:
+    """A search body, checked; SearchError 400 when it is not in order.
+
+    `keep_alive` is the time in seconds of the scroll context that the search opens, or None.
+    """
+
+    def __init__(self, data, keep_alive=None):
+        self.keep_alive = keep_alive
         body, text = jsontext.read(data) if data.strip() else ({}, "")
         try:
             self.read(body)
@@ -45,15 +55,38 @@ class SearchRequest:
         self.scored = sorted_by_score or body.get("track_scores") is True
         if self.sort == [("_score", True)]:
             self.sort = []
+        if self.keep_alive is not None:
+            self.check_scroll()
 
-    def answer(self, indices, total, plain_total):
-        """The answer's text; `total` is the server's form, `plain_total` asks for a number in any case."""
-        started = time.monotonic()
+    def check_scroll(self):
+        faults = {"disabling [track_total_hits] is not allowed in a scroll context": self.count is False,
+                  "using [from] is not allowed in a scroll context": self.start > 0,
+                  "[size] cannot be [0] in a scroll context": self.size == 0}
+        if any(faults.values()):
+            raise invalid(*(fault for fault, made in faults.items() if made))
+        self.count = True
+
+    def check_window(self):
+        """What each index refuses for itself; ShardFailure."""
+        if self.keep_alive is None and self.start + self.size > MAX_WINDOW:
+            raise too_large("Result window is too large, from + size", self.start + self.size, (
+                "See the scroll api for a more efficient way to request large data sets. This limit can be"
+                " set by changing the [index.max_result_window] index level setting."))
+        if self.keep_alive is not None and self.size > MAX_WINDOW:
+            raise too_large("Batch size is too large, size", self.size, (
+                "Scroll batch sizes cost as much memory as result windows so they are controlled by the"
+                " [index.max_result_window] index level setting."))
+        if self.keep_alive is not None and self.keep_alive > MAX_KEEP_ALIVE:
+            raise ShardFailure("illegal_argument_exception", (
+                f"Keep alive for scroll ({self.keep_alive:g}s) is too large. It must be less than (1d). This"
+                " limit can be set by changing the [search.max_keep_alive] cluster level setting."))
+
+    def find(self, indices):
+        """The Found of a search; SearchError when it fails on every index."""
         hits, failures, count = [], [], 0
         for index in indices:
             try:
-                if self.start + self.size > MAX_WINDOW:
-                    raise too_large(self.start + self.size)
+                self.check_window()
                 scores = self.query.evaluate(index)
                 hits += self.ordered(index, scores)
                 count += len(scores)
@@ -71,11 +104,17 @@ class SearchRequest:
             highest = 0.0
         elif hits and self.size and self.scored:
             highest = max(score for _, score, *_ in hits)
-        shown = ",".join(self.write_hit(*hit[1:]) for hit in hits[self.start:self.start + self.size])
+        return Found(hits, count, shards, highest)
+
+    def write(self, found, hits, total, plain_total, started, scroll_id=None, later_page=False):
+        """The answer's text; `total` is the server's form, `plain_total` asks for a number in any case."""
+        head = f'"_scroll_id":"{scroll_id}",' if scroll_id else ""
         took = int((time.monotonic() - started) * 1000)
-        return (f'{{"took":{took},"timed_out":false,"_shards":{jsontext.write(shards)},"hits":{{'
-                f'{self.write_total(count, total == "number", plain_total)}'
-                f'"max_score":{jsontext.write_score(highest)},"hits":[{shown}]}}}}')
+        ended = '"terminated_early":true,' if later_page else ""
+        return (f'{{{head}"took":{took},"timed_out":false,{ended}"_shards":{jsontext.write(found.shards)},'
+                f'"hits":{{{self.write_total(found.count, total == "number", plain_total)}'
+                f'"max_score":{jsontext.write_score(found.highest)},'
+                f'"hits":[{",".join(self.write_hit(*hit[1:]) for hit in hits)}]}}}}')
 
     def ordered(self, index, scores):
         """(sort key, score, index, document, sort values) of an index's hits, not yet in order."""
@@ -121,11 +160,9 @@ def window_bound(body, key, default):
     return value
 
 
-def too_large(wanted):
+def too_large(what, wanted, advice):
     return ShardFailure("illegal_argument_exception", (
-        f"Result window is too large, from + size must be less than or equal to: [{MAX_WINDOW}] but was"
-        f" [{wanted}]. See the scroll api for a more efficient way to request large data sets. This limit can"
-        " be set by changing the [index.max_result_window] index level setting."))
+        f"{what} must be less than or equal to: [{MAX_WINDOW}] but was [{wanted}]. {advice}"))
 
 
 def parse_sort(given):

@@ -138,6 +138,22 @@ class SearchServer:
             for _, name, doc_id, source in bulk_actions(text, index):
                 self.cluster.create(name).put(doc_id, source)
 
+    @property
+    def opened_scrolls(self):
+        """How many scroll contexts were ever opened."""
+        return self.cluster.scrolls.opened
+
+    def open_scrolls(self):
+        """How many scroll contexts are open."""
+        with self.cluster.lock:
+            self.cluster.scrolls.drop_expired()
+            return len(self.cluster.scrolls.contexts)
+
+    def expire_scrolls(self):
+        """Drops all scroll contexts, as if their time had run out."""
+        with self.cluster.lock:
+            self.cluster.scrolls.contexts.clear()
+
     def take_journal(self):
         """The requests that came since the last call."""
         taken, self.journal = self.journal, []

@@ -94,11 +94,19 @@ class ScriptedServer:
         return self
 
     def __exit__(self, *failure):
-        for each in (self._listener, *self._connections):
+        self.stop_listening()
+        for each in list(self._connections):
             try:
                 each.shutdown(socket.SHUT_RDWR)
             except OSError:
                 pass
+
+    def stop_listening(self):
+        """Refuses all further connections; those that are open go on."""
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
         self._listener.close()
 
     def _accept(self):

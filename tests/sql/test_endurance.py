@@ -12,6 +12,7 @@ from scriptedserver import answer, drip, hits, silence
 
 MIB = 1024  # in KiB, as the kernel counts
 QUERY = "SELECT docname, doccontent FROM {} WHERE param = 'query=q'"
+SCROLL = {"connectortype": "elasticsearchscroll"}
 PATIENCE = 1.5  # seconds that a cancelled query may take to end
 
 LONG = '{"text":"' + "lorem ipsum " * 200 + '"}'
@@ -48,7 +49,8 @@ def test_failures_leave_no_memory_behind(db, scripted):
 
 @pytest.mark.parametrize("column, values, rescans", [
     ("param", ["query=q"], 100), ("docname", ["x", "y"], 100),
-    ("docname", [f"x{n}" for n in range(10000)], 1)], ids=["searches", "look-ups", "one look-up of many batches"])
+    ("docname", [f"x{n}" for n in range(10000)], 1)],
+    ids=["searches", "look-ups", "one look-up of many batches"])
 def test_rows_leave_no_memory_behind(db, scripted, column, values, rescans):
     scripted.script = answer(hits(*[f'"_id":"a{n}","_score":1,"_source":{LONG}' for n in range(100)]))
     db.make_table(port=scripted.port, compressionlevel=-2)
@@ -100,19 +102,24 @@ REQUEST = "canceling statement due to user request"
 @pytest.mark.parametrize("arrange, message", [
     (by_timeout, TIMEOUT), (by_signal("pg_cancel_backend"), REQUEST)], ids=["timeout", "request"])
 @pytest.mark.parametrize("script", [silence, drip])
-def test_cancel(db, scripted, script, arrange, message):
-    scripted.script = script
-    db.make_table(port=scripted.port)
+@pytest.mark.parametrize("verb, options, limit", [
+    ("POST", {}, ""), ("GET", SCROLL, ""), ("DELETE", SCROLL, " LIMIT 1")])
+def test_cancel(db, scripted, verb, options, limit, script, arrange, message):
+    page = answer('{"_scroll_id":"s",' + hits('"_id":"a","_score":1,"_source":{}', total="2")[1:])
+    scripted.script = lambda peer: (script if peer.request_line.startswith(verb) else page)(peer)
+    db.make_table(port=scripted.port, **options)
     act_after = 0.5
     arrange(db, act_after)
     start = time.monotonic()
-    assert db.failure(QUERY.format("books")) == ("57014", message)
+    assert db.failure(QUERY.format("books") + limit) == ("57014", message)
     assert act_after <= time.monotonic() - start + 0.1 and time.monotonic() - start < act_after + PATIENCE
-    assert len(scripted.requests) == 1
+    # Nothing is tried twice, and no deletion, which might hang too, goes before the error.
+    verbs = [peer.request_line.split(" ")[0] for peer in scripted.requests]
+    assert verbs == ["POST", verb][:1 if verb == "POST" else 2]
     assert connections_to(db.pid, scripted.port) == 0
     db.run("RESET statement_timeout")
-    scripted.script = answer(hits('"_id":"a","_score":1,"_source":{}'))
-    assert len(db.run(QUERY.format("books"))) == 1
+    scripted.script = page
+    assert len(db.run(QUERY.format("books") + " LIMIT 1")) == 1
 
 
 def test_termination(db, scripted):
