@@ -68,6 +68,9 @@ struct ElasticSearchConnector {
 
 // ---- planning ------------------------------------------------------------------------------------------
 
+// [server side] The table's connector type, 0 when its options name none.
+int32 findConnectorType(Oid foreignTableId);
+
 // Moves the clauses that the connector carries out from `clauses` to `fdwExprs`, and packs what the planner
 // knows into the 16 bytes of `description`: the row limit, one flag for each column that the target list
 // references, two zero bytes.

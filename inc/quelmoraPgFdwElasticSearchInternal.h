@@ -16,9 +16,9 @@ constexpr size_t DescriptionFlags = 8;
 // ---- clauses -------------------------------------------------------------------------------------------
 
 // How many rows of the scan the whole query needs at most, if its LIMIT says so: -1 unless every row that the
-// search returns is a row of the query, in the query's order. The scan must have no conditions of its own
-// left.
-int64 planRowLimit(PlannerInfo *root, Oid foreignTableId);
+// search returns is a row of the query, in the query's order. The scan must have no conditions of its own left;
+// `pushed` are those that the search carries out.
+int64 planRowLimit(PlannerInfo *root, Oid foreignTableId, List *pushed);
 
 // Sets the flags, among the six at `flags`, of the known columns that occur anywhere in the expression; a
 // whole-row reference sets all of them.

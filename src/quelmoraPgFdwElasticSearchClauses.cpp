@@ -86,7 +86,7 @@ void CreateConnectorStep1(List **clauses, PathTarget *target, unsigned int forei
     std::list<std::string> params;
     std::list<std::string> docTypes;
     ScanExpressions(clauses, foreignTableId, fdwExprs, docNames, params, docTypes, nullptr, true);
-    const int64 limit = *clauses == NIL ? planRowLimit(root, foreignTableId) : -1;
+    const int64 limit = *clauses == NIL ? planRowLimit(root, foreignTableId, fdwExprs) : -1;
     std::memcpy(description.data(), &limit, sizeof limit);
 
     char *flags = description.data() + DescriptionFlags;

@@ -114,6 +114,22 @@ void appendDocNames(ElasticSearchConnector *connector, const std::list<std::stri
 
 } // namespace
 
+int32 findConnectorType(Oid foreignTableId)
+{
+    ListCell *cell;
+    foreach (cell, GetForeignTable(foreignTableId)->options) {
+        auto *option = static_cast<DefElem *>(lfirst(cell));
+        if (std::strcmp(option->defname, "connectortype") != 0)
+            continue;
+        const char *value = defGetString(option);
+        if (std::strcmp(value, "elasticsearch") == 0)
+            return static_cast<int32>(ConnectorTypes::ElasticSearchStd);
+        if (std::strcmp(value, "elasticsearchscroll") == 0)
+            return static_cast<int32>(ConnectorTypes::ElasticSearchScroll);
+    }
+    return 0;
+}
+
 ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tableOid, ConnectorTypes type,
                                              ForeignScanState *node)
 {

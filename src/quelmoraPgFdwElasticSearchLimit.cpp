@@ -40,9 +40,23 @@ bool isScore(const Node *expression, PlannerInfo *root, Oid foreignTableId)
     return isNamedScore;
 }
 
+// Whether the rows have scores. In scrolls and look-ups by id they are all 0, so a sort by them reads all
+// rows anyway; a limit would only make the requests smaller and more.
+bool hasScores(Oid foreignTableId, List *pushed)
+{
+    const int32 type = callServer([&] { return findConnectorType(foreignTableId); });
+    if (type != static_cast<int32>(qm::pgFdw::ConnectorTypes::ElasticSearchStd))
+        return false;
+    bool used[ColumnCount] = {};
+    qm::pgFdw::withTupleDesc(foreignTableId, [&](tupleDesc *descriptor) {
+        flagReferencedColumns(reinterpret_cast<Node *>(pushed), descriptor, used);
+    });
+    return !used[DocName];
+}
+
 // Whether the search returns its hits in the order that the query wants: any, or by descending score alone.
 // A second key decides between equal scores, which the search does in its own way.
-bool isOrderOfSearch(PlannerInfo *root, Oid foreignTableId)
+bool isOrderOfSearch(PlannerInfo *root, Oid foreignTableId, List *pushed)
 {
     const Query *query = root->parse;
     if (query->sortClause == NIL)
@@ -54,19 +68,19 @@ bool isOrderOfSearch(PlannerInfo *root, Oid foreignTableId)
     if (key->sortop != descending)
         return false;
     const Node *expression = callServer([&] { return get_sortgroupclause_expr(key, query->targetList); });
-    return isScore(expression, root, foreignTableId);
+    return isScore(expression, root, foreignTableId) && hasScores(foreignTableId, pushed);
 }
 
 } // namespace
 
-int64 planRowLimit(PlannerInfo *root, Oid foreignTableId)
+int64 planRowLimit(PlannerInfo *root, Oid foreignTableId, List *pushed)
 {
     // 2^63, the first double that no int64 holds, is no limit that a result reaches.
     constexpr double Unreachable = 9223372036854775808.0;
     if (root->limit_tuples < 0 || root->limit_tuples >= Unreachable)
         return -1;
     if (bms_membership(root->all_baserels) != BMS_SINGLETON || !hasFixedLimit(root->parse) ||
-        !isOrderOfSearch(root, foreignTableId))
+        !isOrderOfSearch(root, foreignTableId, pushed))
         return -1;
     return static_cast<int64>(root->limit_tuples);
 }

@@ -33,23 +33,6 @@ void quelmoraPgFdwGetForeignPaths(PlannerInfo *root, RelOptInfo *baserel, Oid)
                           root, baserel, baserel->rows, StartupCost, TotalCost)));
 }
 
-// [server side] The table's connector type, 0 when its options name none.
-int32 findConnectorType(Oid foreignTableId)
-{
-    ListCell *cell;
-    foreach (cell, GetForeignTable(foreignTableId)->options) {
-        auto *option = static_cast<DefElem *>(lfirst(cell));
-        if (std::strcmp(option->defname, "connectortype") != 0)
-            continue;
-        const char *value = defGetString(option);
-        if (std::strcmp(value, "elasticsearch") == 0)
-            return static_cast<int32>(ConnectorTypes::ElasticSearchStd);
-        if (std::strcmp(value, "elasticsearchscroll") == 0)
-            return static_cast<int32>(ConnectorTypes::ElasticSearchScroll);
-    }
-    return 0;
-}
-
 // [server side] The plan's private data: a bytea of the connector type and the description.
 Const *packPrivateData(int32 connectorType, const char *description, Size length)
 {
@@ -66,7 +49,8 @@ ForeignScan *quelmoraPgFdwGetForeignPlan(PlannerInfo *root, RelOptInfo *baserel,
 {
     return guardEntry([&] {
         List *clauses = callServer([&] { return extract_actual_clauses(scanClauses, false); });
-        const int32 type = callServer([&] { return findConnectorType(foreignTableId); });
+        const int32 type =
+            callServer([&] { return qm::pgFdwElaticSearch::findConnectorType(foreignTableId); });
         if (type == 0)
             throw FdwError(ERRCODE_FDW_INVALID_OPTION_NAME, "unsupported connector type");
 

@@ -152,6 +152,13 @@ def test_an_id_in_several_indices(db, search):
     assert db.run(statement + " LIMIT 1", (["same"],)) == [("same",)]
 
 
+def test_a_sort_of_lookups_reads_them_in_full_batches(db, search):
+    """Look-ups have no scores: the sort reads all of them, a few at a time would only be more requests."""
+    assert len(db.run("SELECT docname, score FROM books WHERE docname = ANY('{b000,b001,b002,b003}') "
+                      "ORDER BY score DESC LIMIT 2")) == 2
+    assert batches(search) == [4]
+
+
 @pytest.mark.parametrize("limit, names, sizes", [
     # A batch is never greater than the rows that are still wanted at most; an early end asks no more.
     (2, ["b000", "b001", "b002"], [2]),

@@ -98,6 +98,7 @@ NOTHING = "param = 'query={\"match\":{\"title\":\"zeppelin\"}}'"
 
 # batch size, what follows SELECT, number of rows, requests
 READS = [
+    (100, f"docname, score FROM books WHERE {ALL} ORDER BY score DESC LIMIT 2", 2, "first next next"),
     (50, f"docname FROM books WHERE {ALL}", 250, "first next next next next"),
     (125, f"docname FROM books WHERE {ALL}", 250, "first next"),
     (250, f"docname FROM books WHERE {ALL}", 250, "first delete"),
