@@ -18,10 +18,19 @@ extern "C" {
 #endif
 }
 
-#if PG_VERSION_NUM >= 120000
-// The descriptor's structure was `tupleDesc` up to version 11.
-using tupleDesc = TupleDescData;
+#include <type_traits>
 
+// The descriptor's structure is named `tupleDesc` in some versions and TupleDescData in the others.
+using tupleDesc = std::remove_pointer_t<TupleDesc>;
+
+// Releases of version 10 may lack it.
+#if PG_VERSION_NUM < 110000 && !defined(TupleDescAttr)
+#define TupleDescAttr(descriptor, index) ((descriptor)->attrs[index])
+#endif
+
+#if PG_VERSION_NUM >= 120000
+// Version 12 still has a macro of this name, which would turn the definition into one of table_open.
+#undef heap_open
 inline Relation heap_open(Oid relationId, LOCKMODE lockMode) { return table_open(relationId, lockMode); }
 #endif
 
@@ -68,12 +77,11 @@ inline ForeignPath *createForeignScanPath(PlannerInfo *root, RelOptInfo *relatio
 }
 
 // Whether rows that equal the last one of the LIMIT are returned as well (WITH TIES, from version 13 on).
-inline bool limitKeepsTies(const Query *query)
+inline bool limitKeepsTies([[maybe_unused]] const Query *query)
 {
 #if PG_VERSION_NUM >= 130000
     return query->limitOption == LIMIT_OPTION_WITH_TIES;
 #else
-    (void) query;
     return false;
 #endif
 }
