@@ -2,6 +2,7 @@
 #include "quelmoraPgErrorBoundary.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <new>
 
