@@ -1,5 +1,6 @@
 // A scan from its begin to its end, and how a hit becomes a row.
 #include "quelmoraPgFdwElasticSearchInternal.h"
+#include "quelmoraPgFdwEncoding.h"
 
 namespace qm::pgFdwElaticSearch
 {
@@ -17,8 +18,7 @@ enum class Fit { No, Yes, AsArrayElement };
 
 bool holdsBytes(Oid type)
 {
-    return type == TEXTOID || type == BYTEAOID || type == VARCHAROID || type == BPCHAROID ||
-           type == JSONOID || type == XMLOID;
+    return type == TEXTOID || type == BYTEAOID || type == VARCHAROID || type == BPCHAROID || type == JSONOID;
 }
 
 // [server side]
@@ -53,6 +53,8 @@ void checkColumns(ElasticSearchConnector *connector, tupleDesc *descriptor)
                                                   "\" at position " + std::to_string(column + 1) +
                                                   " should be of type " + ValueTypes[column]);
         connector->wrapInArray[column] = fit == Fit::AsArrayElement;
+        connector->holdsText[column] =
+            callServer([&] { return getBaseType(attribute->atttypid); }) != BYTEAOID;
     }
 }
 
@@ -83,6 +85,9 @@ struct Value {
 
 constexpr Value Null = {0, true};
 
+// The compression level that leaves values as they are.
+constexpr int RawLevel = -2;
+
 // [server side] A text or number of its own.
 Value plainValue(const ElasticSearchConnector *connector, Column column, Datum datum)
 {
@@ -91,16 +96,21 @@ Value plainValue(const ElasticSearchConnector *connector, Column column, Datum d
     return {datum, false};
 }
 
-// [server side] The compressed form of a fetched text; NULL for an empty one.
-Value compressedValue(const ElasticSearchConnector *connector, Datum fetched)
+// [server side] The compressed form of a fetched text; NULL for an empty one. In a column of a text type only
+// what is text may arrive: an uncompressed value in the database's encoding.
+Value compressedValue(const ElasticSearchConnector *connector, Column column, Datum fetched)
 {
     const auto *source = reinterpret_cast<const text *>(DatumGetPointer(fetched));
-    const int level = connector->paramCompressionLevel >= -2 ? connector->paramCompressionLevel
-                                                             : connector->compressionLevel;
+    const int level = connector->paramCompressionLevel >= RawLevel ? connector->paramCompressionLevel
+                                                                   : connector->compressionLevel;
     if (VARSIZE_ANY_EXHDR(source) == 0)
         return Null;
+    if (connector->holdsText[column] && level == RawLevel)
+        return {utf8ToText(VARDATA_ANY(source), static_cast<int>(VARSIZE_ANY_EXHDR(source))), false};
     varlena *compressed = nullptr;
     qm::pgFdw::CompressData(VARDATA_ANY(source), VARSIZE_ANY_EXHDR(source), compressed, level);
+    if (connector->holdsText[column] && compressed)
+        checkText(compressed);
     return {PointerGetDatum(compressed), compressed == nullptr};
 }
 
@@ -113,7 +123,8 @@ Value nextValue(ElasticSearchConnector *connector, Column column)
     case DocName:
         return plainValue(connector, column, connector->resultDocNames.take());
     case DocContent:
-        return requested && filled ? compressedValue(connector, connector->resultDocContents.take()) : Null;
+        return requested && filled ? compressedValue(connector, column, connector->resultDocContents.take())
+                                   : Null;
     case Score:
         if (!requested)
             return Null;
@@ -124,7 +135,8 @@ Value nextValue(ElasticSearchConnector *connector, Column column)
         return plainValue(connector, column,
                           filled ? connector->resultDocTypes.take() : PointerGetDatum(cstring_to_text("")));
     case Highlights:
-        return requested && filled ? compressedValue(connector, connector->resultHighlights.take()) : Null;
+        return requested && filled ? compressedValue(connector, column, connector->resultHighlights.take())
+                                   : Null;
     default:
         return Null;
     }

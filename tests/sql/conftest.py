@@ -41,10 +41,10 @@ def anonymous_memory(pid):
 class Database:
     """One session of the private cluster, in autocommit mode."""
 
-    def __init__(self, cluster, port):
+    def __init__(self, cluster, port, dbname="postgres"):
         self.cluster = cluster
         self.port = port
-        self.connection = psycopg2.connect(cluster.dsn)
+        self.connection = psycopg2.connect(cluster.dsn, dbname=dbname)
         self.connection.autocommit = True
         self.pid = self.connection.info.backend_pid
 
