@@ -63,6 +63,11 @@ bool SearchResultParserInterface::addData(const char *data, std::size_t length)
     return !errorFlag;
 }
 
+std::size_t SearchResultParserInterface::pendingBytes() const
+{
+    return content.size() + highlight.size() + scalarText.size() + jsonCtx->stringText.text.size();
+}
+
 bool SearchResultParserInterface::finish(std::string *message)
 {
     if (jsonCtx->objectDepth == 0 && jsonCtx->arrayDepth == 0 && hitTag == 0 &&
@@ -124,6 +129,7 @@ void SearchResultParserInterface::takeEvent(const char *at)
     } else if (jsonCtx->arrayDepth < jsonCtx->prevArrayDepth && jsonCtx->arrayDepth == 0 &&
                hitTag == insideHitArray) {
         hitTag = insideHits;
+        hitsEnded = true;
     }
 }
 

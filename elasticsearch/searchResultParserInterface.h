@@ -41,6 +41,11 @@ public:
     /// What is known about the failure, once addData has returned false; may be empty.
     const std::string &getErrorMessage() const { return content; }
 
+    /// Whether the array of hits came to its end: what is no search response has none.
+    bool hasHits() const { return hitsEnded; }
+    /// The bytes held for values that are still growing, so that a caller can set them a bound.
+    std::size_t pendingBytes() const;
+
     /// Takes one hit: its decoded id, the raw texts of its `_source` object, score and highlight object, and
     /// the raw text of its `type` field. What a hit lacks is passed as an earlier hit left it. The strings
     /// are valid only during the call.
@@ -78,6 +83,7 @@ private:
     int totalHitCount = 0;
     int hitTag = 0; ///< how many "hits" we are inside of: 1 the outer object, 2 the array of hits
     NextString nextIs = NextString::Nothing;
+    bool hitsEnded = false;
     bool errorFlag = false;
     bool inSource = false;    ///< the bytes are being copied into `content`
     bool inHighlight = false; ///< into `highlight`, unless inSource

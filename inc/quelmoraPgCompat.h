@@ -86,4 +86,17 @@ inline bool limitKeepsTies([[maybe_unused]] const Query *query)
 #endif
 }
 
+// The user whose rights the scan has: not the caller's where it is within a view. From version 16 on the plan
+// knows it.
+inline Oid userOfScan(ForeignScanState *node)
+{
+#if PG_VERSION_NUM >= 160000
+    const Oid user = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->checkAsUser;
+#else
+    const Index relation = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->scan.scanrelid;
+    const Oid user = rt_fetch(relation, node->ss.ps.state->es_range_table)->checkAsUser;
+#endif
+    return OidIsValid(user) ? user : GetUserId();
+}
+
 } // namespace qm::pgCompat

@@ -2,6 +2,7 @@
 // Unless a comment says "[server side]", a function throws FdwError or ServerError and raises nothing.
 #pragma once
 
+#include "quelmoraPgFdwConnection.h"
 #include "quelmoraPgFdwConnectorBase.h"
 #include "quelmoraPgFdwDatumQueue.h"
 
@@ -60,7 +61,10 @@ struct ElasticSearchConnector {
     bool requestedColumns[ColumnCount]; // referenced by the query
     bool fullErrorMsg;
 
+    Oid serverOid;                 // the table's foreign server
+    ConnectionSettings connection; // what it and the user mapping add
     bool wrapInArray[ColumnCount]; // the table declares this column as an array of the value's type
+    bool holdsText[ColumnCount];   // the table declares this column as something else than bytea
     MemoryContext scanContext;     // holds the record and what lives as long as it
     MemoryContext pageContext;     // the rows in the queues; emptied before each refill
     MemoryContext rowContext;      // the values of the current row; emptied for each row

@@ -16,8 +16,8 @@ constexpr size_t DescriptionFlags = 8;
 // ---- clauses -------------------------------------------------------------------------------------------
 
 // How many rows of the scan the whole query needs at most, if its LIMIT says so: -1 unless every row that the
-// search returns is a row of the query, in the query's order. The scan must have no conditions of its own left;
-// `pushed` are those that the search carries out.
+// search returns is a row of the query, in the query's order. The scan must have no conditions of its own
+// left; `pushed` are those that the search carries out.
 int64 planRowLimit(PlannerInfo *root, Oid foreignTableId, List *pushed);
 
 // Sets the flags, among the six at `flags`, of the known columns that occur anywhere in the expression; a
@@ -33,6 +33,12 @@ char *replaceString(char *previous, const char *text);
 
 // Appends the string to a list of text datums.
 List *appendText(List *list, const char *string);
+
+// ---- options -------------------------------------------------------------------------------------------
+
+// Reads the options of the connector's table into the record, in the current memory context. Throws FdwError
+// for a value that an option does not take.
+void readTableOptions(ElasticSearchConnector *connector);
 
 // ---- request -------------------------------------------------------------------------------------------
 

@@ -19,7 +19,8 @@ class SearchResultParser : public zq::elasticsearch::SearchResultParserInterface
 {
 public:
     // `expectedCount` only sizes the lists; more hits are welcome. Throws std::length_error when negative.
-    SearchResultParser(int expectedCount, bool wantContent, bool wantScore, bool wantDocType, bool wantHighlight);
+    SearchResultParser(int expectedCount, bool wantContent, bool wantScore, bool wantDocType,
+                       bool wantHighlight);
 
     void onNewDocument(const std::string &docId, const std::string &content, const std::string &score,
                        const std::string &highlight, const std::string &docType) override;
@@ -30,16 +31,22 @@ public:
     const std::vector<std::string> &getDocTypeList() const { return docTypes; }
     const std::vector<std::string> &getHighlightList() const { return highlights; }
 
+    // The bytes that the hits so far and the one being read take, with what each costs beside its texts.
+    size_t heldBytes() const { return collectedBytes + pendingBytes(); }
+
     // An exception that reading raised inside a callback of the transport library, whose frames it must not
     // cross: kept until the transfer has ended, then thrown on by the transport. Null when there was none.
     std::exception_ptr readFailure;
 
 private:
+    void keep(std::vector<std::string> &list, const std::string &value);
+
     std::vector<std::string> docIds;
     std::vector<std::string> docContents;
     std::vector<std::string> highlights;
     std::vector<std::string> scores;
     std::vector<std::string> docTypes;
+    size_t collectedBytes = 0;
     const bool wantContent;
     const bool wantHighlight;
     const bool wantScore;

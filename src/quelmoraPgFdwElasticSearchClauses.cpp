@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "quelmoraPgFdwElasticSearchInternal.h"
+#include "quelmoraPgFdwEncoding.h"
 
 namespace qm::pgFdwElaticSearch
 {
@@ -174,6 +175,16 @@ List *appendText(List *list, const char *string)
     });
 }
 
+namespace
+{
+
+const char *toUtf8(const char *string)
+{
+    return callServer([&] { return serverToUtf8(string); });
+}
+
+} // namespace
+
 void ParseParam(const std::list<std::string> &paramValues, int &paramCompressionLevel, char *&query,
                 char *&highlight, List *&sourceIncludeFilter, List *&sourceExcludeFilter)
 {
@@ -185,15 +196,15 @@ void ParseParam(const std::list<std::string> &paramValues, int &paramCompression
         const char *value = param.c_str() + equals + 1;
 
         if (name == "query")
-            query = replaceString(query, value);
+            query = replaceString(query, toUtf8(value));
         else if (name == "sourceincludefilter")
-            sourceIncludeFilter = appendText(sourceIncludeFilter, value);
+            sourceIncludeFilter = appendText(sourceIncludeFilter, toUtf8(value));
         else if (name == "sourceexcludefilter")
-            sourceExcludeFilter = appendText(sourceExcludeFilter, value);
+            sourceExcludeFilter = appendText(sourceExcludeFilter, toUtf8(value));
         else if (name == "compressionlevel")
             paramCompressionLevel = parseCompressionLevel(value);
         else if (name == "highlight")
-            highlight = replaceString(highlight, value);
+            highlight = replaceString(highlight, toUtf8(value));
         else
             throw FdwError(ERRCODE_FDW_ERROR, "Unknown fdw param " + param + " ");
     }

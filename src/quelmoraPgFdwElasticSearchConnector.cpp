@@ -1,8 +1,8 @@
 // Construction of a scan's connector from the plan, the clauses' values and the table's options.
 #include "quelmoraPgFdwElasticSearchInternal.h"
 #include "quelmoraPgFdwElasticSearchJson.h"
+#include "quelmoraPgFdwEncoding.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <unordered_set>
@@ -17,48 +17,6 @@ using qm::pgFdw::FdwError;
 namespace
 {
 
-struct Option {
-    const char *name;
-    const char *value;
-};
-
-// [server side] The table's own options, in their order; `count` receives their number.
-Option *tableOptions(Oid tableOid, int &count)
-{
-    List *definitions = GetForeignTable(tableOid)->options;
-    count = list_length(definitions);
-    auto *options = static_cast<Option *>(palloc(sizeof(Option) * (count + 1)));
-    Option *next = options;
-    ListCell *cell;
-    foreach (cell, definitions) {
-        auto *definition = static_cast<DefElem *>(lfirst(cell));
-        *next++ = {definition->defname, defGetString(definition)};
-    }
-    return options;
-}
-
-void readOption(ElasticSearchConnector *connector, const Option &option)
-{
-    const std::string name = option.name;
-    if (name == "address") {
-        connector->address = replaceString(connector->address, option.value);
-    } else if (name == "port") {
-        connector->port = replaceString(connector->port, option.value);
-    } else if (name == "indexlist") {
-        connector->indexList = replaceString(connector->indexList, option.value);
-    } else if (name == "scrolltimeout") {
-        connector->scrollTimeout = replaceString(connector->scrollTimeout, option.value);
-    } else if (name == "batchsize") {
-        const auto size = static_cast<int32>(std::strtol(option.value, nullptr, 10));
-        if (size > 0)
-            connector->batchSize = size;
-    } else if (name == "compressionlevel") {
-        connector->compressionLevel = parseCompressionLevel(option.value);
-    } else if (name == "fullerrormsg") {
-        connector->fullErrorMsg = std::strcmp(option.value, "true") == 0;
-    }
-}
-
 std::string docTypeFilter(const std::list<std::string> &docTypes)
 {
     std::string filter = R"("query":{"bool":{"filter":{"terms":{"type":[)";
@@ -66,7 +24,8 @@ std::string docTypeFilter(const std::list<std::string> &docTypes)
     for (const std::string &docType : docTypes) {
         filter += separator;
         filter += '"';
-        if (!Utf8ToJson(docType.data(), docType.data() + docType.size(), filter))
+        const char *utf8 = callServer([&] { return serverToUtf8(docType.c_str()); });
+        if (!Utf8ToJson(utf8, utf8 + std::strlen(utf8), filter))
             throw FdwError(ERRCODE_FDW_INVALID_HANDLE, "utf8 to json conversion error");
         filter += '"';
         separator = ',';
@@ -108,7 +67,7 @@ void appendDocNames(ElasticSearchConnector *connector, const std::list<std::stri
     callServer([&] {
         connector->docNames.reserve(names.size());
         for (const char *name : names)
-            connector->docNames.append(DirectFunctionCall1Coll(textin, InvalidOid, CStringGetDatum(name)));
+            connector->docNames.append(PointerGetDatum(cstring_to_text(serverToUtf8(name))));
     });
 }
 
@@ -179,12 +138,10 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
         connector->searchMode = SearchByDocName;
     }
 
-    int optionCount = 0;
-    const Option *options = callServer([&] { return tableOptions(tableOid, optionCount); });
-    for (int i = 0; i < optionCount; ++i)
-        readOption(connector, options[i]);
+    readTableOptions(connector);
     if (!connector->address || !connector->port)
         throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
+    readConnectionOptions(connector->connection, connector->serverOid, qm::pgCompat::userOfScan(node));
     if (docNames)
         appendDocNames(connector, *docNames);
     return connector;

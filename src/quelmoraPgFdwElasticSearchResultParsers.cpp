@@ -24,19 +24,25 @@ SearchResultParser::SearchResultParser(int expectedCount, bool wantContent, bool
         docTypes.reserve(capacity);
 }
 
+void SearchResultParser::keep(std::vector<std::string> &list, const std::string &value)
+{
+    list.push_back(value);
+    collectedBytes += value.size() + sizeof value;
+}
+
 void SearchResultParser::onNewDocument(const std::string &docId, const std::string &content,
                                        const std::string &score, const std::string &highlight,
                                        const std::string &docType)
 {
-    docIds.push_back(docId);
+    keep(docIds, docId);
     if (wantContent)
-        docContents.push_back(content);
+        keep(docContents, content);
     if (wantHighlight)
-        highlights.push_back(highlight);
+        keep(highlights, highlight);
     if (wantScore)
-        scores.push_back(score);
+        keep(scores, score);
     if (wantDocType)
-        docTypes.push_back(docType);
+        keep(docTypes, docType);
 }
 
 TermAggResultParser::TermAggResultParser(int attributeCount, int compressionLevel, varlena **valueSlots,

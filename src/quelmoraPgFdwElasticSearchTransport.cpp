@@ -1,6 +1,7 @@
 // Every exchange with the search cluster: one request, its answer read as a stream, its outcome judged, its
 // hits turned into datums.
 #include "quelmoraPgFdwElasticSearchInternal.h"
+#include "quelmoraPgFdwEncoding.h"
 #include "quelmoraPgFdwTransfer.h"
 
 #include <new>
@@ -15,6 +16,10 @@ using qm::pgFdw::SearchResultParser;
 namespace
 {
 
+// What one answer may hold in memory: as much as fits into one value of the server, with room for the slack
+// of compression. It also ends answers that never end.
+constexpr size_t MostBytesOfAnAnswer = size_t{1023} << 20;
+
 // Whatever the address says, nothing but http and https leaves the server's machine.
 void allowHttpOnly(CURL *easy)
 {
@@ -23,10 +28,54 @@ void allowHttpOnly(CURL *easy)
 #else
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS, CURLPROTO_HTTP | CURLPROTO_HTTPS);
 #endif
+    // A host name that begins with "ftp." is no reason to speak another protocol.
+    curl_easy_setopt(easy, CURLOPT_DEFAULT_PROTOCOL, "http");
 }
 
-CURLcode sendRequest(const std::string &url, const std::string &body, SearchResultParser *parser,
-                     bool deleteRequest)
+// A cancelled query must not wait for a name that a thread of libcurl's is still being told.
+void leaveResolverBehind(CURL *easy)
+{
+#if LIBCURL_VERSION_NUM >= 0x075700
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+#else
+    (void)easy;
+#endif
+}
+
+void apply(const ConnectionSettings &settings, CURL *easy)
+{
+    if (settings.connectTimeoutMs > 0)
+        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeoutMs));
+    if (settings.timeoutMs > 0)
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.timeoutMs));
+    if (settings.caFile)
+        curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile);
+    if (settings.skipTlsVerification) {
+        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
+    }
+    if (settings.userName) {
+        curl_easy_setopt(easy, CURLOPT_USERNAME, settings.userName);
+        curl_easy_setopt(easy, CURLOPT_PASSWORD, settings.password ? settings.password : "");
+    }
+}
+
+void append(HeaderList &headers, const char *line)
+{
+    curl_slist *longer = curl_slist_append(headers.get(), line);
+    if (!longer)
+        throw std::bad_alloc();
+    (void)headers.release();
+    headers.reset(longer);
+}
+
+struct Outcome {
+    CURLcode code;
+    long status; // of HTTP; 0 without an answer
+};
+
+Outcome sendRequest(const ConnectionSettings &settings, const std::string &url, const std::string &body,
+                    SearchResultParser *parser, bool deleteRequest)
 {
     const EasyHandle easy(curl_easy_init());
     if (!easy)
@@ -37,34 +86,49 @@ CURLcode sendRequest(const std::string &url, const std::string &body, SearchResu
     curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, parser);
     curl_easy_setopt(easy.get(), CURLOPT_NOSIGNAL, 1L);
     allowHttpOnly(easy.get());
+    leaveResolverBehind(easy.get());
+    apply(settings, easy.get());
 
     HeaderList headers;
     if (!body.empty()) {
         curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, body.c_str());
-        headers.reset(curl_slist_append(nullptr, "Content-Type:application/json"));
-        curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
+        append(headers, "Content-Type:application/json");
     }
+    if (settings.authorization)
+        append(headers, settings.authorization);
+    if (headers)
+        curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
     if (deleteRequest)
         curl_easy_setopt(easy.get(), CURLOPT_CUSTOMREQUEST, "DELETE");
-    return runTransfer(easy.get());
+    Outcome outcome{runTransfer(easy.get()), 0};
+    curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &outcome.status);
+    return outcome;
 }
 
-// Throws unless the transfer succeeded and the answer was read to its proper end.
-void judge(CURLcode code, const std::string &body, SearchResultParser *parser, bool fullErrorMsg)
+[[noreturn]] void throwRefusal(const std::string &body, const std::string &error, bool fullErrorMsg,
+                               const char *function = __builtin_FUNCTION())
 {
-    if (code != CURLE_OK && !parser->getErrorMessage().empty()) {
-        std::string message = "ElasticSearch error";
-        if (fullErrorMsg)
-            message += ", query was '" + body + "', error was '" + parser->getErrorMessage() + "'";
-        throw FdwError(ERRCODE_FDW_ERROR, message);
-    }
-    if (code != CURLE_OK) {
-        std::string message = "Curl error (" + std::to_string(code) + ")";
+    std::string message = "ElasticSearch error";
+    if (fullErrorMsg)
+        message += ", query was '" + body + "', error was '" + error + "'";
+    throw FdwError(ERRCODE_FDW_ERROR, message, function);
+}
+
+// Throws unless the transfer succeeded and the answer is a search answer, read to its proper end.
+void judge(const Outcome &outcome, const std::string &body, SearchResultParser *parser, bool fullErrorMsg)
+{
+    if (outcome.code != CURLE_OK && !parser->getErrorMessage().empty())
+        throwRefusal(body, parser->getErrorMessage(), fullErrorMsg);
+    if (outcome.code != CURLE_OK) {
+        std::string message = "Curl error (" + std::to_string(outcome.code) + ")";
         if (fullErrorMsg)
             message += ", query was " + body + ", ";
         throw FdwError(ERRCODE_FDW_ERROR, message);
     }
-    if (!parser->finish(nullptr)) {
+    if (outcome.status < 200 || outcome.status > 299)
+        throwRefusal(body, "HTTP status " + std::to_string(outcome.status), fullErrorMsg);
+    // Nothing, or something else than a search answer, is not the same as an answer without hits.
+    if (!parser->finish(nullptr) || !parser->hasHits()) {
         std::string message = "Elasticsearhc result parser error";
         if (fullErrorMsg)
             message += ", query was " + body;
@@ -81,16 +145,21 @@ void refuseNulCharacters(const std::vector<std::string> &texts, const char *what
     }
 }
 
-// [server side]
+// [server side] Ids and types, in the database's encoding.
 void appendTexts(DatumQueue &queue, const std::vector<std::string> &strings)
 {
     queue.reserve(strings.size());
-    for (const std::string &string : strings) {
-        if (string.size() >= MaxAllocSize - VARHDRSZ)
-            elog(ERROR, "a document of %zu bytes does not fit into a value", string.size());
+    for (const std::string &string : strings)
+        queue.append(utf8ToText(string.data(), static_cast<int>(string.size())));
+}
+
+// [server side] Sources and highlights, byte by byte.
+void appendContents(DatumQueue &queue, const std::vector<std::string> &strings)
+{
+    queue.reserve(strings.size());
+    for (const std::string &string : strings)
         queue.append(
             PointerGetDatum(cstring_to_text_with_len(string.data(), static_cast<int>(string.size()))));
-    }
 }
 
 // [server side]
@@ -109,10 +178,10 @@ void moveResults(ElasticSearchConnector *connector, const SearchResultParser &pa
     qm::pgFdw::MemoryContextScope scope(connector->pageContext);
     callServer([&] {
         appendTexts(connector->resultDocNames, parser.getDocIdList());
-        appendTexts(connector->resultDocContents, parser.getDocContentList());
+        appendContents(connector->resultDocContents, parser.getDocContentList());
         appendScores(connector->resultScores, parser.getScoreList());
         appendTexts(connector->resultDocTypes, parser.getDocTypeList());
-        appendTexts(connector->resultHighlights, parser.getHighlightList());
+        appendContents(connector->resultHighlights, parser.getHighlightList());
     });
 }
 
@@ -125,7 +194,12 @@ size_t CurlWriteCallback(char *data, size_t size, size_t count, void *parser)
         return length;
     auto *reader = static_cast<SearchResultParser *>(parser);
     try {
-        return reader->addData(data, length) ? length : 0;
+        if (!reader->addData(data, length))
+            return 0;
+        if (reader->heldBytes() > MostBytesOfAnAnswer)
+            throw FdwError(ERRCODE_FDW_ERROR,
+                           "ElasticSearch answer larger than 1023 MiB, ask for less at once");
+        return length;
     } catch (...) {
         reader->readFailure = std::current_exception();
         return 0;
@@ -135,12 +209,12 @@ size_t CurlWriteCallback(char *data, size_t size, size_t count, void *parser)
 void DoCurlRequest(ElasticSearchConnector *connector, const std::string &url, const std::string &body,
                    SearchResultParser *parser, bool deleteRequest)
 {
-    const CURLcode code = sendRequest(url, body, parser, deleteRequest);
+    const Outcome outcome = sendRequest(connector->connection, url, body, parser, deleteRequest);
     if (!parser)
         return;
     if (parser->readFailure)
         std::rethrow_exception(parser->readFailure);
-    judge(code, body, parser, connector->fullErrorMsg);
+    judge(outcome, body, parser, connector->fullErrorMsg);
     moveResults(connector, *parser);
 }
 

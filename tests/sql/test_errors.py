@@ -72,10 +72,15 @@ def test_refused_connection(db):
             assert db.failure(QUERY) == ("HV000", curl_error(7)[full])
 
 
-@pytest.mark.parametrize("address", ["file:///etc", "gopher://127.0.0.1", "ftp://127.0.0.1"])
-def test_only_http_is_spoken(db, scripted, address):
-    db.make_table(address=address, port=scripted.port)
-    assert db.failure(QUERY) == ("HV000", "Curl error (1)")
+@pytest.mark.parametrize("options, name, takes", [
+    *(({"address": address}, "address", "addresses of the schemes http and https only")
+      for address in ("file:///etc", "FILE:/etc", "gopher://127.0.0.1", "dict://127.0.0.1", "ftp://127.0.0.1")),
+    *(({name: value}, name, "no blanks, line breaks or other control characters")
+      for name, value in (("address", "127.0.0.1\r\nX: y"), ("port", "1 HTTP/1.1"), ("port", "80\n"),
+                          ("indexlist", "a\tb"), ("scrolltimeout", "1m \x7f")))])
+def test_no_way_out(db, scripted, options, name, takes):
+    db.make_table(**{"port": scripted.port, **options})
+    assert db.failure(QUERY) == ("HV000", f"option '{name}' takes {takes}")
     assert scripted.requests == []
 
 
@@ -97,7 +102,7 @@ def test_redirects_are_not_followed(db, scripted):
             answer("<html>{</html>", "302 Found", [f"Location: http://127.0.0.1:{scripted.port}/found"])(peer)
     scripted.script = script
     db.make_table(port=scripted.port)
-    assert db.failure(QUERY) == ("HV000", PARSER[0])
+    assert db.failure(QUERY) == ("HV000", "ElasticSearch error")
     assert [peer.path for peer in scripted.requests] == ["/books//_search"]
 
 
