@@ -24,17 +24,17 @@ namespace detail
 
 constexpr std::array<unsigned char, 256> makeMembership()
 {
-    std::array<unsigned char, 256> membership{};
+    std::array<unsigned char, 256> table{};
     for (unsigned char byte : {'"', '\\'}) {
-        membership[byte] = 1 | 2 | 4;
+        table[byte] = 1 | 2 | 4;
     }
     for (unsigned char byte : {'[', ']', '{', '}'}) {
-        membership[byte] = 2 | 4;
+        table[byte] = 2 | 4;
     }
     for (unsigned char byte : {':', ','}) {
-        membership[byte] = 4;
+        table[byte] = 4;
     }
-    return membership;
+    return table;
 }
 
 inline constexpr std::array<unsigned char, 256> membership = makeMembership();

@@ -19,7 +19,8 @@ constexpr Oid Int4EqualOperator = 96;
 // [server side] The elements of a one-dimensional text[] that are not NULL, as C strings.
 List *textArrayElements(Datum value)
 {
-    auto *array = reinterpret_cast<ArrayType *>(pg_detoast_datum(reinterpret_cast<varlena *>(value)));
+    auto *array =
+        reinterpret_cast<ArrayType *>(pg_detoast_datum(reinterpret_cast<varlena *>(DatumGetPointer(value))));
     if (ARR_NDIM(array) != 1 || ARR_ELEMTYPE(array) != TEXTOID)
         return NIL;
 
@@ -42,7 +43,7 @@ List *cStringsOf(Datum value, Oid type)
     if (type == TEXTARRAYOID)
         return textArrayElements(value);
     if (type == TEXTOID)
-        return lappend(NIL, text_to_cstring(reinterpret_cast<text *>(value)));
+        return lappend(NIL, text_to_cstring(reinterpret_cast<text *>(DatumGetPointer(value))));
     return NIL;
 }
 

@@ -2,10 +2,10 @@
 // plan-time description.
 #include "quelmoraPgFdwElasticSearchConnector.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "quelmoraPgFdwElasticSearchInternal.h"
+#include "quelmoraPgFdwElasticSearchParams.h"
 #include "quelmoraPgFdwEncoding.h"
 
 namespace qm::pgFdwElaticSearch
@@ -152,8 +152,8 @@ void ScanExpressions(List **clauses, unsigned int relationId, List *&pushedClaus
 
 int parseCompressionLevel(const char *text)
 {
-    const auto level = static_cast<int32>(std::strtol(text, nullptr, 10));
-    if (level < -2 || level > 9)
+    int level = 0;
+    if (!readCompressionLevel(text, level))
         throw FdwError(ERRCODE_FDW_ERROR, "'compressionlevel' should be in range [-2;9]");
     return level;
 }
@@ -189,24 +189,28 @@ void ParseParam(const std::list<std::string> &paramValues, int &paramCompression
                 char *&highlight, List *&sourceIncludeFilter, List *&sourceExcludeFilter)
 {
     for (const std::string &param : paramValues) {
-        const size_t equals = param.find('=');
-        if (equals == std::string::npos)
+        const auto [name, value] = splitParam(param);
+        switch (name) {
+        case ParamName::Malformed:
             throw FdwError(ERRCODE_FDW_ERROR, "Malformed fdw param " + param + " ");
-        const std::string name = param.substr(0, equals);
-        const char *value = param.c_str() + equals + 1;
-
-        if (name == "query")
-            query = replaceString(query, toUtf8(value));
-        else if (name == "sourceincludefilter")
-            sourceIncludeFilter = appendText(sourceIncludeFilter, toUtf8(value));
-        else if (name == "sourceexcludefilter")
-            sourceExcludeFilter = appendText(sourceExcludeFilter, toUtf8(value));
-        else if (name == "compressionlevel")
-            paramCompressionLevel = parseCompressionLevel(value);
-        else if (name == "highlight")
-            highlight = replaceString(highlight, toUtf8(value));
-        else
+        case ParamName::Unknown:
             throw FdwError(ERRCODE_FDW_ERROR, "Unknown fdw param " + param + " ");
+        case ParamName::Query:
+            query = replaceString(query, toUtf8(value));
+            break;
+        case ParamName::SourceIncludeFilter:
+            sourceIncludeFilter = appendText(sourceIncludeFilter, toUtf8(value));
+            break;
+        case ParamName::SourceExcludeFilter:
+            sourceExcludeFilter = appendText(sourceExcludeFilter, toUtf8(value));
+            break;
+        case ParamName::CompressionLevel:
+            paramCompressionLevel = parseCompressionLevel(value);
+            break;
+        case ParamName::Highlight:
+            highlight = replaceString(highlight, toUtf8(value));
+            break;
+        }
     }
 }
 

@@ -27,7 +27,7 @@ SearchResultParser::SearchResultParser(int expectedCount, bool wantContent, bool
 void SearchResultParser::keep(std::vector<std::string> &list, const std::string &value)
 {
     list.push_back(value);
-    collectedBytes += value.size() + sizeof value;
+    collectedBytes += value.size() + sizeof(std::string);
 }
 
 void SearchResultParser::onNewDocument(const std::string &docId, const std::string &content,

@@ -1,0 +1,16 @@
+// What is fuzzed. Each target takes one input and tells what is wrong with what the code under test made of
+// it; the answer is empty when nothing is.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// The streaming readers against the reference readers; the input is a chunkedText.
+std::string searchReader(std::string_view input);
+std::string termAggReader(std::string_view input);
+/// The decoder of document ids; the input is what stands between the quotes.
+std::string idDecoder(std::string_view input);
+/// The encoder of JSON strings; the input is the text.
+std::string jsonEscaper(std::string_view input);
+/// The parser of one param value; the input is the value.
+std::string params(std::string_view input);
