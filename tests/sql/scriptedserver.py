@@ -1,6 +1,7 @@
 """An HTTP peer that plays a script on each connection: for the answers that no search server would give."""
 import json
 import socket
+import struct
 import threading
 import time
 
@@ -43,6 +44,11 @@ class Peer:
         self.request_line, self.headers, self.body = "", [], b""
 
     @property
+    def verb(self):
+        """The method of the request."""
+        return self.request_line.split(" ")[0]
+
+    @property
     def path(self):
         """The raw target of the request."""
         return self.request_line.split(" ")[1]
@@ -66,6 +72,18 @@ class Peer:
     def send(self, data):
         """Sends raw bytes."""
         self._connection.sendall(data)
+
+    def trickle(self, data):
+        """Sends bytes one by one, each in a packet of its own."""
+        self._connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for byte in data:
+            self.send(bytes([byte]))
+            time.sleep(0.0002)
+
+    def reset(self):
+        """Breaks the connection off with a reset instead of an orderly end."""
+        self._connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self._connection.close()
 
     def wait_for_close(self, seconds):
         """Waits until the other side closes the connection; False when the time ran out first."""

@@ -1,5 +1,11 @@
 """One backend at length: its memory after failures and over many rows, and how soon a cancel is heeded."""
+import contextlib
+import ctypes
 import os
+import re
+import socket
+import subprocess
+import tempfile
 import threading
 import time
 from pathlib import Path
@@ -7,8 +13,8 @@ from pathlib import Path
 import psycopg2
 import pytest
 
-from conftest import anonymous_memory, wait_until
-from scriptedserver import answer, drip, hits, silence
+from conftest import CRASH, SET_UP, Database, PrivateCluster, anonymous_memory, module_path, wait_until
+from scriptedserver import ScriptedServer, answer, drip, hits, silence
 
 MIB = 1024  # in KiB, as the kernel counts
 QUERY = "SELECT docname, doccontent FROM {} WHERE param = 'query=q'"
@@ -67,18 +73,19 @@ def test_rows_leave_no_memory_behind(db, scripted, column, values, rescans):
     db.connection.commit()
 
 
+def descriptors(pid):
+    """What the open descriptors of a process lead to."""
+    for entry in Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):
+            yield os.readlink(entry)
+
+
 def connections_to(pid, port):
     """How many sockets of a process lead to a port of this machine."""
     with open(f"/proc/{pid}/net/tcp", encoding="ascii") as table:
         rows = [line.split() for line in table.readlines()[1:]]
     ours = {f"socket:[{row[9]}]" for row in rows if int(row[2].split(":")[1], 16) == port}
-    links = []
-    for entry in Path(f"/proc/{pid}/fd").iterdir():
-        try:
-            links.append(os.readlink(entry))
-        except FileNotFoundError:
-            pass
-    return sum(link in ours for link in links)
+    return sum(link in ours for link in descriptors(pid))
 
 
 def by_timeout(db, act_after):
@@ -97,41 +104,181 @@ def by_signal(function):
 
 TIMEOUT = "canceling statement due to statement timeout"
 REQUEST = "canceling statement due to user request"
+TERMINATED = "57P01 FATAL:  terminating connection due to administrator command"
+
+
+PAGE = answer('{"_scroll_id":"s",' + hits('"_id":"a","_score":1,"_source":{}', total="2")[1:])
+# Where a query hangs: in which request and how, the options of the table, the LIMIT; or while it connects.
+HANGING = [pytest.param(verb, script, options, limit, id=f"{verb} {script.__name__}")
+           for verb, options, limit in (("POST", {}, ""), ("GET", SCROLL, ""), ("DELETE", SCROLL, " LIMIT 1"))
+           for script in (silence, drip)] + [pytest.param(None, None, {}, "", id="connecting")]
+
+
+@pytest.fixture
+def full_port():
+    """A port whose queue is full of connections that nobody accepts: any further one waits."""
+    with contextlib.ExitStack() as stack:
+        listener = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
+        for _ in range(100):
+            filler = stack.enter_context(socket.socket())
+            filler.settimeout(0.2)
+            try:
+                filler.connect(listener.getsockname())
+            except socket.timeout:
+                break
+        else:
+            pytest.fail("the queue does not fill")
+        yield listener.getsockname()[1]
+
+
+def hang(db, scripted, full_port, verb, script, options, limit):
+    """Arranges for a query to hang; returns it."""
+    scripted.script = lambda peer: (script if peer.request_line.startswith(verb) else PAGE)(peer)
+    db.make_table(port=scripted.port if verb else full_port, **options)
+    return QUERY.format("books") + limit
 
 
 @pytest.mark.parametrize("arrange, message", [
     (by_timeout, TIMEOUT), (by_signal("pg_cancel_backend"), REQUEST)], ids=["timeout", "request"])
-@pytest.mark.parametrize("script", [silence, drip])
-@pytest.mark.parametrize("verb, options, limit", [
-    ("POST", {}, ""), ("GET", SCROLL, ""), ("DELETE", SCROLL, " LIMIT 1")])
-def test_cancel(db, scripted, verb, options, limit, script, arrange, message):
-    page = answer('{"_scroll_id":"s",' + hits('"_id":"a","_score":1,"_source":{}', total="2")[1:])
-    scripted.script = lambda peer: (script if peer.request_line.startswith(verb) else page)(peer)
-    db.make_table(port=scripted.port, **options)
-    act_after = 0.5
+@pytest.mark.parametrize("verb, script, options, limit", HANGING)
+def test_cancel(db, scripted, full_port, verb, script, options, limit, arrange, message):
+    query = hang(db, scripted, full_port, verb, script, options, limit)
+    act_after = 0.8  # a busy machine needs some time to come to where the query hangs
     arrange(db, act_after)
     start = time.monotonic()
-    assert db.failure(QUERY.format("books") + limit) == ("57014", message)
+    assert db.failure(query) == ("57014", message)
     assert act_after <= time.monotonic() - start + 0.1 and time.monotonic() - start < act_after + PATIENCE
     # Nothing is tried twice, and no deletion, which might hang too, goes before the error.
     verbs = [peer.request_line.split(" ")[0] for peer in scripted.requests]
-    assert verbs == ["POST", verb][:1 if verb == "POST" else 2]
-    assert connections_to(db.pid, scripted.port) == 0
+    assert verbs == {None: [], "POST": ["POST"]}.get(verb, ["POST", verb])
+    assert connections_to(db.pid, scripted.port) == connections_to(db.pid, full_port) == 0
     db.run("RESET statement_timeout")
-    scripted.script = page
+    scripted.script = PAGE
+    db.make_table(port=scripted.port, **options)
     assert len(db.run(QUERY.format("books") + " LIMIT 1")) == 1
 
 
-def test_termination(db, scripted):
-    scripted.script = silence
-    db.make_table(port=scripted.port)
+@pytest.mark.parametrize("verb, script, options, limit", HANGING)
+def test_termination(db, scripted, full_port, verb, script, options, limit):
+    query = hang(db, scripted, full_port, verb, script, options, limit)
     by_signal("pg_terminate_backend")(db, 0.3)
     start = time.monotonic()
     with pytest.raises(psycopg2.OperationalError):
-        db.run(QUERY.format("books"))
-    assert "57P01 FATAL:  terminating connection due to administrator command" in db.log()
+        db.run(query)
+    assert TERMINATED in db.log()
     wait_until(lambda: not Path(f"/proc/{db.pid}").exists())
     assert time.monotonic() - start < 0.3 + PATIENCE
+
+
+# Stands in for the name service, so that no test asks a real one: "slow.invalid" is looked up for long, no
+# name of that domain is found, and anything else is resolved as ever.
+NAME_SERVICE = """
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <netdb.h>
+#include <string.h>
+#include <unistd.h>
+int getaddrinfo(const char *node, const char *service, const struct addrinfo *hints, struct addrinfo **result)
+{
+    int (*real)(const char *, const char *, const struct addrinfo *, struct addrinfo **);
+    if (node && strstr(node, ".invalid")) {
+        if (strcmp(node, "slow.invalid") == 0)
+            sleep(%d);
+        return EAI_NONAME;
+    }
+    *(void **)&real = dlsym(RTLD_NEXT, "getaddrinfo");
+    return real(node, service, hints, result);
+}
+"""
+SLOW = 4  # seconds
+
+
+@pytest.fixture
+def own_cluster():
+    """A private cluster of the test's own with a name service of its own."""
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)  # the server runs as another user
+        library = os.path.join(folder, "names.so")
+        subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", library, "-ldl"], check=True,
+                       text=True, input=NAME_SERVICE % SLOW)
+        preload = ":".join(filter(None, [os.environ.get("VELTRANE_SERVER_PRELOAD"), library]))
+        with PrivateCluster(module_path(), environment={"LD_PRELOAD": preload}) as cluster:
+            db = Database(cluster, 0)
+            db.run(SET_UP.format(module=cluster.module_path))
+            db.connection.close()
+            yield cluster
+            assert not CRASH.search(Path(cluster.log_path).read_text(encoding="utf-8"))
+
+
+def threads_and_sockets(pid):
+    """How many of each a process has."""
+    return len(os.listdir(f"/proc/{pid}/task")), sum(link.startswith("socket:") for link in descriptors(pid))
+
+
+def test_names(own_cluster, scripted, full_port):
+    """Nothing waits for a name that is slow, and what is left of the look-up goes away unnoticed."""
+    db = Database(own_cluster, scripted.port)
+    query = QUERY.format("books")
+    libcurl = ctypes.CDLL("libcurl.so.4").curl_version
+    libcurl.restype = ctypes.c_char_p
+    # The transport library can leave a look-up behind from this version on; before it has to wait.
+    can_leave = [int(part) for part in re.findall(rb"\d+", libcurl())[:2]] >= [7, 87]
+    patience = PATIENCE if can_leave else SLOW + PATIENCE
+    db.make_table("good")
+    for table, address in (("unknown", "no-such-host.invalid"), ("slow", "slow.invalid")):
+        db.make_table(table, address=address)
+    assert db.failure(QUERY.format("unknown")) == ("HV000", "Curl error (6)")
+    db.run("CREATE SERVER impatient FOREIGN DATA WRAPPER veltranepgfdw OPTIONS (connecttimeout '300')")
+    before = threads_and_sockets(db.pid)
+    for arrange, message in ((by_timeout, TIMEOUT), (by_signal("pg_cancel_backend"), REQUEST)):
+        arrange(db, 0.3)
+        start = time.monotonic()
+        assert db.failure(QUERY.format("slow")) == ("57014", message)
+        assert time.monotonic() - start < 0.3 + patience
+        db.run("RESET statement_timeout")
+        assert db.run(QUERY.format("good")) == []
+    for where in ({"address": "slow.invalid"}, {"port": full_port}):
+        db.make_table("impatient", server="impatient", **where)
+        start = time.monotonic()
+        assert db.failure(QUERY.format("impatient")) == ("HV000", "Curl error (28)")
+        assert time.monotonic() - start < 0.3 + patience
+    wait_until(lambda: threads_and_sockets(db.pid) == before)
+    assert db.run(QUERY.format("good")) == []
+    db.connection.close()
+
+
+def test_fast_shutdown(own_cluster, full_port):
+    """It ends every session at once, whatever its query waits for."""
+    ends = []
+
+    def end(db, query):
+        outcome = db.outcome(query)
+        ends.append((time.monotonic(), outcome))
+
+    with contextlib.ExitStack() as stack:
+        sessions = []
+        for verb, script, options, limit in [each.values for each in HANGING] + [("name", None, {}, "")]:
+            server = stack.enter_context(ScriptedServer(None))
+            db = Database(own_cluster, server.port)
+            table = f"t{len(sessions)}"
+            query = hang(db, server, full_port, verb, script, options, limit)
+            if verb == "name":
+                db.run("ALTER FOREIGN TABLE books OPTIONS (SET address 'slow.invalid')")
+            db.run(f"ALTER FOREIGN TABLE books RENAME TO {table}")
+            sessions.append((db, verb, server))
+            threading.Thread(target=end, args=(db, query.replace("books", table)), daemon=True).start()
+        for db, verb, server in sessions:
+            if verb in ("POST", "GET", "DELETE"):
+                wait_until(lambda: server.requests and server.requests[-1].request_line.startswith(verb))
+        time.sleep(0.5)
+        assert ends == []
+        start = time.monotonic()
+        stopping = own_cluster.run_as([f"{own_cluster.pg_bindir}/pg_ctl", "stop", "--mode", "fast",
+                                       "--silent", "--pgdata", f"{own_cluster.directory}/data"])
+        wait_until(lambda: len(ends) == len(sessions))
+        assert max(moment for moment, _ in ends) - start < PATIENCE
+        assert stopping.wait() == 0
+        assert [db.log()[-2:].count(TERMINATED) for db, _, _ in sessions] == [1] * len(sessions)
 
 
 def test_an_abandoned_cursor_and_a_savepoint_leave_no_connection(db, scripted):
