@@ -92,6 +92,13 @@ def module_path():
     return Path(os.environ.get("VELTRANE_MODULE", ROOT / "build/release/libVeltranePgFdw3_0.so")).resolve()
 
 
+def crash_signs(log_path, start=0):
+    """The lines of a server log, from an offset on, that tell of a crash or come from a sanitizer."""
+    with open(log_path, encoding="utf-8", errors="replace") as log:
+        log.seek(start)
+        return [line for line in log if CRASH.search(line)]
+
+
 @pytest.fixture(scope="session")
 def cluster():
     module = module_path()
@@ -103,6 +110,7 @@ def cluster():
             cursor.execute(SET_UP.format(module=started.module_path))
         connection.close()
         yield started
+        assert not crash_signs(started.log_path), "".join(crash_signs(started.log_path))
 
 
 @pytest.fixture(scope="session")
@@ -160,9 +168,7 @@ def no_crash(request):
     started = request.getfixturevalue("cluster")
     start = os.path.getsize(started.log_path)
     yield
-    with open(started.log_path, encoding="utf-8", errors="replace") as log:
-        log.seek(start)
-        signs = [line for line in log if CRASH.search(line)]
+    signs = crash_signs(started.log_path, start)
     assert not signs, "".join(signs)
 
 

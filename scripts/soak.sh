@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Eight backends search, look up, scroll, join and fail on a private cluster, and the search server dies under
+# them twice. Checks every answer, and at the end memory, connections and scroll contexts; prints a summary.
+#
+#   scripts/soak.sh [MINUTES]     10 by default
+#
+# VELTRANE_MODULE names the module to run; without it the release build is made.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+case "${1:-}" in
+-h | --help)
+    sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"
+    exit
+    ;;
+esac
+if ! [[ ${1:-10} =~ ^[0-9]+(\.[0-9]+)?$ ]]; then
+    echo "usage: ${0##*/} [MINUTES]" >&2
+    exit 2
+fi
+
+# shellcheck disable=SC2086  # the lists are meant to be split
+install_packages $BUILD_PACKAGES $PYTHON_PACKAGES python3-pytest
+if [ -z "${VELTRANE_MODULE:-}" ]; then
+    cmake --preset release -DBUILD_TESTING=OFF -B build/soak >/dev/null
+    cmake --build build/soak -- --quiet
+    export VELTRANE_MODULE=build/soak/libVeltranePgFdw3_0.so
+fi
+VELTRANE_SOAK_MINUTES=${1:-10} /usr/bin/python3 -B -m pytest -q -s -p no:cacheprovider tests/sql/test_soak.py

@@ -1,0 +1,239 @@
+"""What the backends of an endurance run ask: queries with their right answers, and queries that must fail.
+
+A query is a function of (db, rng). Those in ANSWERED yield pairs of what came back and what is right, worked
+out from the documents themselves; those in FAILING an error as it came, (SQLSTATE, message), and the right
+one with a pattern in place of the message.
+"""
+import hashlib
+import json
+import struct
+import threading
+import time
+import zlib
+
+WORDS = ["whale", "letter", "harbour", "winter", "garden"]
+TYPES = ["novel", "poetry", "essay"]
+NUMBERS = range(600)
+PAGE = 100
+
+
+def name_of(number):
+    return f"d{number:04}"
+
+
+def document(number):
+    return {"title": f"{WORDS[number % 5]} number {number}", "number": number, "type": TYPES[number % 3],
+            "text": "lorem ipsum dolor sit amet " * (number % 17)}
+
+
+def bulk_text():
+    """All documents, as a bulk file."""
+    return "".join(json.dumps(line) + "\n" for number in NUMBERS
+                   for line in ({"index": {"_id": name_of(number)}}, document(number)))
+
+
+# Contexts of `pages` may be left to expire, those of `early` never: they would be there at the end.
+TABLES = {
+    "found": {"batchsize": "1000"},
+    "batches": {"batchsize": "50"},
+    "pages": {"connectortype": "elasticsearchscroll", "scrolltimeout": "5s"},
+    "early": {"connectortype": "elasticsearchscroll", "scrolltimeout": "12h"},
+    "brief": {"connectortype": "elasticsearchscroll", "scrolltimeout": "50ms"},
+    "bad_index": {"indexlist": "nothere"},
+    "bad_level": {"compressionlevel": "10"},
+    "bad_mode": {"connectortype": "x"},
+}
+SCROLL_SECONDS = 5
+SUMMARY = "count(*)::int, md5(coalesce(string_agg(docname, ',' ORDER BY docname), ''))"
+ALL = 'query={"match_all":{}}'
+
+
+def summary(numbers):
+    """What SUMMARY gives for these documents."""
+    names = sorted(map(name_of, numbers))
+    return [(len(names), hashlib.md5(",".join(names).encode()).hexdigest())]
+
+
+def search_of(rng):
+    """A search parameter and the numbers of the documents that it finds."""
+    low, high = sorted(rng.sample(NUMBERS, 2))
+    word = rng.randrange(5)
+    return rng.choice([
+        (ALL, list(NUMBERS)),
+        (f'query={{"match":{{"title":"{WORDS[word]}"}}}}', list(NUMBERS[word::5])),
+        (f'query={{"range":{{"number":{{"gte":{low},"lt":{high}}}}}}}', list(NUMBERS[low:high])),
+        ('query={"match":{"title":"zeppelin"}}', [])])
+
+
+# ---- queries with an answer ----------------------------------------------------------------------------
+
+
+def search(table):
+    def run(db, rng):
+        param, numbers = search_of(rng)
+        yield db.run(f"SELECT {SUMMARY} FROM {table} WHERE param = %s", (param,)), summary(numbers)
+    return run
+
+
+def look_up(table):
+    def run(db, rng):
+        wanted = rng.sample(range(900), 230)
+        names = list(map(name_of, wanted))
+        yield (db.run(f"SELECT {SUMMARY} FROM {table} WHERE docname = ANY(%s)", (names,)),
+               summary(number for number in wanted if number in NUMBERS))
+    return run
+
+
+def contents(table, level):
+    def run(db, rng):
+        param, numbers = search_of(rng)
+        doctype = rng.randrange(3)
+        rows = db.run(f"SELECT docname, doctype, doccontent FROM {table} "
+                      "WHERE param = ANY(%s) AND doctype = %s",
+                      ([param, f"compressionlevel={level}"], TYPES[doctype]))
+        found = {}
+        for name, kind, content in rows:
+            content = bytes(content)
+            if level != -2:
+                (length,) = struct.unpack("=I", content[:4])
+                content = zlib.decompress(content[4:])
+                assert len(content) == length
+            found[name] = kind, json.loads(content.decode())
+        right = {name_of(number): (TYPES[doctype], document(number))
+                 for number in numbers if number % 3 == doctype}
+        yield (len(rows), found), (len(right), right)
+    return run
+
+
+def join(db, rng):
+    param, numbers = search_of(rng)
+    yield (db.run(f"SELECT {SUMMARY} FROM wanted JOIN pages USING (docname) WHERE param = %s", (param,)),
+           summary(number for number in numbers if number % 7 == 0))
+    yield (db.run(f"SELECT {SUMMARY} FROM (SELECT docname FROM found WHERE param = %s) a "
+                  "JOIN (SELECT docname FROM pages WHERE param = %s) b USING (docname)",
+                  (param, 'query={"match":{"title":"winter"}}')),
+           summary(number for number in numbers if number % 5 == 3))
+
+
+def rescans(db, rng):
+    yield (db.run("SELECT (SELECT count(*)::int FROM pages WHERE param = %s AND docname < name) "
+                  "FROM unnest(%s) name", (ALL, ["d0001", "d0150", "d0599"])), [(1,), (150,), (599,)])
+
+
+def prepared(db, rng):
+    param, numbers = search_of(rng)
+    db.run(f"PREPARE asked AS SELECT {SUMMARY} FROM pages WHERE param = $1")
+    try:
+        yield db.run("EXECUTE asked (%s)", (param,)), summary(numbers)
+    finally:
+        db.run("DEALLOCATE asked")
+
+
+def cursor(db, rng):
+    param, numbers = search_of(rng)
+    rows = []
+    with db.transaction():
+        db.run("DECLARE reading CURSOR FOR SELECT docname FROM pages WHERE param = %s", (param,))
+        while True:
+            portion = db.run(f"FETCH {rng.randint(1, 170)} FROM reading")
+            if not portion:
+                break
+            rows += portion
+    yield sorted(rows), [(name_of(number),) for number in numbers]
+
+
+def left_early(db, rng):
+    """The ways to leave a scroll before its end, all of which delete its context."""
+    few = rng.randint(1, 450)
+    first = [(name_of(number),) for number in NUMBERS[:few]]
+    with db.transaction():
+        db.run("DECLARE reading CURSOR FOR SELECT docname FROM early WHERE param = %s", (ALL,))
+        yield db.run(f"FETCH {few} FROM reading"), first
+        db.run("CLOSE reading")
+    yield db.run(f"SELECT docname FROM early WHERE param = %s LIMIT {few}", (ALL,)), first
+    yield (db.run(f"SELECT {SUMMARY} FROM early WHERE docname = ANY(%s)", (["d0001", "d0099", "d0777"],)),
+           summary([1, 99]))
+
+
+ANSWERED = {
+    "search": search("found"), "scroll": search("pages"), "look-up": look_up("batches"),
+    "look-up by scroll": look_up("pages"), "contents": contents("found", -2),
+    "packed contents": contents("pages", 5), "join": join, "rescans": rescans, "prepared": prepared,
+    "cursor": cursor, "left early": left_early,
+}
+
+# ---- queries that fail ---------------------------------------------------------------------------------
+
+
+EXPIRED = "ElasticSearch error, query was '', .*No search context found"
+
+
+def failing(statement, pattern, state="HV000", values=None):
+    def run(db, rng):
+        yield db.failure_of(statement, values), (state, pattern)
+    return run
+
+
+def expired(db, rng):
+    with db.transaction():
+        db.run("DECLARE reading CURSOR FOR SELECT docname FROM brief WHERE param = %s", (ALL,))
+        db.run("FETCH 1 FROM reading")
+        db.run("SELECT pg_sleep(0.1)")
+        failure = db.failure_of(f"FETCH {PAGE} FROM reading")
+    yield failure, ("HV000", EXPIRED)
+
+
+def endless(table):
+    """A query that takes longer than anyone waits for it: a search for each of very many rows."""
+    return (f"SELECT sum((SELECT count(*) FROM {table} WHERE param = '{ALL}' AND length(docname) > n)) "
+            "FROM generate_series(1, 10000) n")
+
+
+def timed_out(db, rng):
+    db.run(f"SET statement_timeout = {rng.randint(1, 300)}")
+    try:
+        failure = db.failure_of(endless(rng.choice(["found", "pages"])))
+    finally:
+        db.insist("RESET statement_timeout")  # the time-out is still in force
+    yield failure, ("57014", "canceling statement due to statement timeout")
+
+
+def cancelled(db, rng):
+    delay = rng.uniform(0.001, 0.3)
+    done = threading.Event()
+
+    def cancel():
+        time.sleep(delay)
+        while not done.is_set():  # a signal that arrives before the query begins is lost
+            db.admin.run("SELECT pg_cancel_backend(%s)", (db.pid,))
+            done.wait(0.5)
+
+    canceller = threading.Thread(target=cancel)
+    canceller.start()
+    try:
+        failure = db.failure_of(endless(rng.choice(["found", "pages"])))
+    finally:
+        done.set()
+        canceller.join()
+        db.insist("SELECT 1")  # heeds a signal that came too late
+    yield failure, ("57014", "canceling statement due to user request")
+
+
+FAILING = {
+    "refused query": failing("SELECT docname FROM found WHERE param = 'query={\"nonsense\":{}}'",
+                             "ElasticSearch error, query was '.*nonsense"),
+    "refused scroll": failing("SELECT docname FROM pages WHERE param = 'query=nonsense'",
+                              "ElasticSearch error, query was '.*nonsense"),
+    "missing index": failing("SELECT docname FROM bad_index WHERE docname = 'x'",
+                             "ElasticSearch error, .*index_not_found_exception"),
+    "bad option": failing("SELECT docname FROM bad_level WHERE docname = 'x'", "'compressionlevel' should"),
+    "bad mode": failing("SELECT docname FROM bad_mode WHERE docname = 'x'", "unsupported connector", "HV00D"),
+    "malformed": failing("SELECT docname FROM found WHERE param = 'query'", "Malformed fdw param query "),
+    "batch too small": failing("SELECT docname FROM batches WHERE param = %s",
+                               "es search result bigger than batch size", values=(ALL,)),
+    "division by zero": failing("SELECT 1 / (349 - substr(docname, 2)::int) FROM pages WHERE param = %s",
+                                "division by zero", "22012", values=(ALL,)),
+    "expired": expired,
+    "timed out": timed_out,
+    "cancelled": cancelled,
+}
