@@ -29,10 +29,11 @@ fuzz() {
     status=0
     for target in $targets; do
         echo "== $target, $1 minutes"
+        shown=12
         "$bin/$target" -max_total_time="$(($1 * 60))" -max_len=8192 -timeout=10 -print_final_stats=1 \
             -dict=tests/fuzz/fuzz.dict -artifact_prefix="$findings/$target-" \
-            "$reached/$target" "$corpus/$target" 2>"$findings/$target.log" && shown=12 || { status=1; shown=60; }
-        tail -n $shown "$findings/$target.log"
+            "$reached/$target" "$corpus/$target" 2>"$findings/$target.log" || status=1 shown=60
+        tail -n "$shown" "$findings/$target.log"
     done
     return $status
 }

@@ -20,6 +20,10 @@ namespace
 // of compression. It also ends answers that never end.
 constexpr size_t MostBytesOfAnAnswer = size_t{1023} << 20;
 
+// What a message quotes of an answer: after a broken transfer the text at hand is the document that was being
+// read, which may be as large as one can be.
+constexpr size_t MostBytesOfAnErrorText = size_t{64} << 10;
+
 // Whatever the address says, nothing but http and https leaves the server's machine.
 void allowHttpOnly(CURL *easy)
 {
@@ -110,7 +114,7 @@ Outcome sendRequest(const ConnectionSettings &settings, const std::string &url, 
 {
     std::string message = "ElasticSearch error";
     if (fullErrorMsg)
-        message += ", query was '" + body + "', error was '" + error + "'";
+        message += ", query was '" + body + "', error was '" + error.substr(0, MostBytesOfAnErrorText) + "'";
     throw FdwError(ERRCODE_FDW_ERROR, message, function);
 }
 

@@ -213,16 +213,16 @@ def test_texts(db, scripted, hit, expected, mode):
     assert outcome == expected
 
 
-@pytest.mark.parametrize("scroll_id, expected, sent_of_all", [
-    ("x" * 20_000, [("a",), ("b",), ("c",), ("d",)], slice(None)),
-    ("x" * 9_000_000, curl(3), slice(0, 4, 2)), ("s HTTP/1.1\r\nX: y", curl(3), slice(0, 4, 2))], ids=["long", "far too long", "with a line break"])
-def test_scroll_ids(db, scripted, scroll_id, expected, sent_of_all):
+@pytest.mark.parametrize("scroll_id, expected, step", [
+    ("x" * 20_000, [("a",), ("b",), ("c",), ("d",)], 1), ("x" * 9_000_000, curl(3), 2),
+    ("s HTTP/1.1\r\nX: y", curl(3), 2)], ids=["long", "far too long", "with a line break"])
+def test_scroll_ids(db, scripted, scroll_id, expected, step):
     scripted.script = lambda peer: answer(page(peer.verb, scroll_id))(peer)
     db.make_table(port=scripted.port, connectortype=SCROLL)
     assert db.outcome(QUERY.format("docname", "books")) == expected
     assert db.run(QUERY.format("docname", "books") + " LIMIT 1") == [("a",)]
     sent = [(peer.verb, peer.path.partition("&scroll_id=")[2]) for peer in scripted.requests]
-    assert sent == [("POST", ""), ("GET", scroll_id), ("POST", ""), ("DELETE", scroll_id)][sent_of_all]
+    assert sent == [("POST", ""), ("GET", scroll_id), ("POST", ""), ("DELETE", scroll_id)][::step]
 
 
 # ---- Large and endless answers ---------------------------------------------------------------------------
