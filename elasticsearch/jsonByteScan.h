@@ -25,15 +25,12 @@ namespace detail
 constexpr std::array<unsigned char, 256> makeMembership()
 {
     std::array<unsigned char, 256> table{};
-    for (unsigned char byte : {'"', '\\'}) {
+    for (unsigned char byte : {'"', '\\'})
         table[byte] = 1 | 2 | 4;
-    }
-    for (unsigned char byte : {'[', ']', '{', '}'}) {
+    for (unsigned char byte : {'[', ']', '{', '}'})
         table[byte] = 2 | 4;
-    }
-    for (unsigned char byte : {':', ','}) {
+    for (unsigned char byte : {':', ','})
         table[byte] = 4;
-    }
     return table;
 }
 
