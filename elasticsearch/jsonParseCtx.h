@@ -2,9 +2,10 @@
 // in chunks cut anywhere. It builds no tree and judges no syntax.
 #pragma once
 
-#include "jsonByteScan.h"
+#include "jsonBlockScan.h"
 #include "veltraneExport.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -12,11 +13,17 @@
 namespace zq::elasticsearch
 {
 
-/// Lexer state that lives as long as one response. For each chunk: beginChunk, then for each byte either
-/// step or, where nothing matters, skipPlain, then endChunk. Only allocation failures are thrown.
+/// Lexer state that lives as long as one response. For each chunk: beginChunk, then for each piece of it scan
+/// and then step for each byte that scan found, then endChunk. A reader that needs less than step tells works
+/// on the masks itself, and keeps the depths. Only allocation failures are thrown.
 class VELTRANE_EXPORT JsonParseCtx
 {
 public:
+    /// The most bytes that one call of scan takes.
+    static constexpr std::size_t pieceBytes = 32 * blockBytes;
+    /// What scan found in a piece, a block each.
+    using PieceMasks = BlockMasks[pieceBytes / blockBytes];
+
     /// A token that may span chunks: what earlier chunks brought, and its part in the current one.
     struct TextBuffer {
         const char *segmentBegin = nullptr;
@@ -43,10 +50,14 @@ public:
     /// Ends a chunk whose bytes were read up to `end`. Of an unfinished string at most
     /// `stringLimit` bytes are kept, for a reader that can tell by then that it will not need the rest.
     void endChunk(const char *end, std::size_t stringLimit = std::string::npos);
-    /// Returns the next byte in [at, end) that must go through step, or `end`. The bytes before it change
-    /// neither depths nor tokens.
-    const char *skipPlain(const char *at, const char *end);
-    /// Takes one byte, plain or not.
+    /// Finds the bytes that matter among the next `length`, at most pieceBytes.
+    void scan(const char *piece, std::size_t length, PieceMasks &masks)
+    {
+        scanBlocks(piece, length, carry, masks);
+    }
+    /// Whether the bytes scanned so far end inside a string.
+    bool endsInString() const { return carry.inString != 0; }
+    /// Takes one byte that scan found; all others change neither depths nor tokens.
     void step(const char *at);
 
     int prevArrayDepth = 0;  ///< arrayDepth before the last byte that was stepped over
@@ -55,17 +66,16 @@ public:
     int objectDepth = 0;     ///< "{" minus "}" outside strings; may become negative
     bool stringClosed = false;
     bool valueClosed = false;
-    bool escapePending = false; ///< the last byte was a backslash that was not itself escaped
-    TextBuffer stringText;      ///< the current or last string, without its quotes, undecoded
-    TextBuffer valueText;       ///< the current or last scalar member value, from behind its colon
+    TextBuffer stringText; ///< the current or last string, without its quotes, undecoded
+    TextBuffer valueText;  ///< the current or last scalar member value, from behind its colon
 
 private:
-    const char *skipStringBytes(const char *at, const char *end);
-    const char *skipBytesOutsideStrings(const char *at, const char *end);
     void stepOverQuote(const char *at);
     void stepOverMemberValue(const char *at);
 
     const bool trackMemberValues;
+    const BlockScan scanBlocks;
+    BlockCarry carry;
 };
 
 inline void JsonParseCtx::TextBuffer::open(const char *first)
@@ -92,37 +102,32 @@ inline std::string_view JsonParseCtx::TextBuffer::whole()
     return text;
 }
 
-inline const char *JsonParseCtx::skipPlain(const char *at, const char *end)
+inline void JsonParseCtx::TextBuffer::resume(const char *chunk)
 {
-    return stringText.active ? skipStringBytes(at, end) : skipBytesOutsideStrings(at, end);
+    if (active) {
+        segmentBegin = segmentEnd = chunk;
+    }
 }
 
-inline const char *JsonParseCtx::skipStringBytes(const char *at, const char *end)
+inline void JsonParseCtx::TextBuffer::carryOver(const char *chunkEnd, std::size_t limit)
 {
-    using byteScan::ByteSet;
-    if (escapePending && at != end) {
-        escapePending = false;
-        ++at;
+    if (active) {
+        const auto length = static_cast<std::size_t>(chunkEnd - segmentBegin);
+        text.append(segmentBegin, std::min(length, limit - std::min(limit, text.size())));
+        segmentBegin = segmentEnd = nullptr;
     }
-    while ((at = byteScan::find<ByteSet::StringEnds>(at, end)) != end && *at == '\\') {
-        if (end - at == 1) {
-            escapePending = true;
-            return end;
-        }
-        at += 2; // whatever was escaped, inside a string it is plain
-    }
-    return at;
 }
 
-inline const char *JsonParseCtx::skipBytesOutsideStrings(const char *at, const char *end)
+inline void JsonParseCtx::beginChunk(const char *chunk)
 {
-    using byteScan::ByteSet;
-    const char *const next = trackMemberValues ? byteScan::find<ByteSet::Members>(at, end)
-                                               : byteScan::find<ByteSet::Brackets>(at, end);
-    if (next != at) {
-        escapePending = false;
-    }
-    return next;
+    stringText.resume(chunk);
+    valueText.resume(chunk);
+}
+
+inline void JsonParseCtx::endChunk(const char *end, std::size_t stringLimit)
+{
+    stringText.carryOver(end, stringLimit);
+    valueText.carryOver(end, std::string::npos);
 }
 
 inline void JsonParseCtx::stepOverQuote(const char *at)
@@ -141,14 +146,8 @@ inline void JsonParseCtx::step(const char *at)
     prevObjectDepth = objectDepth;
     stringClosed = false;
     valueClosed = false;
-    // A backslash escapes outside strings too: a quote behind it opens nothing.
-    const bool escaped = escapePending;
-    escapePending = *at == '\\' && !escaped;
-    if (*at == '"' && !escaped) {
+    if (*at == '"') {
         stepOverQuote(at);
-        return;
-    }
-    if (stringText.active) {
         return;
     }
     // Sums instead of branches: which bracket comes next is nothing a processor could foresee.

@@ -3,8 +3,10 @@
 
 #include <utf8.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 
 namespace zq::elasticsearch
@@ -73,6 +75,23 @@ bool appendEscape(std::string_view &rest, std::string &decoded)
     return true;
 }
 
+/// Whether the text is all ASCII without a backslash, eight bytes at a time.
+bool isPlainAscii(std::string_view text)
+{
+    constexpr std::uint64_t each = 0x0101010101010101;
+    constexpr std::uint64_t highBits = each * 0x80;
+    std::uint64_t found = 0;
+    while (!text.empty()) {
+        std::uint64_t bytes = 0;
+        const std::size_t length = std::min(text.size(), sizeof bytes);
+        std::memcpy(&bytes, text.data(), length);
+        // Of a byte that is a backslash only zero is left, and subtracting one sets its high bit.
+        found |= bytes | ((bytes ^ each * '\\') - each);
+        text.remove_prefix(length);
+    }
+    return (found & highBits) == 0;
+}
+
 bool appendDecoded(std::string_view rest, std::string &decoded)
 {
     while (!rest.empty()) {
@@ -97,6 +116,10 @@ bool appendDecoded(std::string_view rest, std::string &decoded)
 
 bool decodeJsonString(std::string_view raw, std::string &decoded)
 {
+    if (isPlainAscii(raw)) { // as nearly every id is
+        decoded = raw;
+        return true;
+    }
     decoded.clear();
     if (!appendDecoded(raw, decoded)) {
         decoded.clear();

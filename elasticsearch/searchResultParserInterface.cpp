@@ -3,7 +3,9 @@
 
 #include "jsonString.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace zq::elasticsearch
 {
@@ -24,6 +26,23 @@ constexpr int insideHitArray = 2;
 // No member name that we know is longer, so of any other string that much tells it from all of them.
 constexpr std::size_t longestName = std::string_view("_scroll_id").size();
 
+// How far the closing quote of a "type" stands behind the opening one.
+constexpr unsigned typeNameSpan = 5;
+
+unsigned lowestBit(std::uint64_t bits) { return static_cast<unsigned>(__builtin_ctzll(bits)); }
+
+unsigned highestBit(std::uint64_t bits) { return 63 - static_cast<unsigned>(__builtin_clzll(bits)); }
+
+/// The bits from `index` on, which may be 64.
+std::uint64_t bitsFrom(unsigned index) { return index < 64 ? ~std::uint64_t{0} << index : 0; }
+
+/// Compares with a name whose length the compiler knows.
+template <std::size_t size>
+bool is(std::string_view text, const char (&name)[size])
+{
+    return text.size() == size - 1 && std::memcmp(text.data(), name, size - 1) == 0;
+}
+
 } // namespace
 
 SearchResultParserInterface::SearchResultParserInterface() : jsonCtx(std::make_unique<JsonParseCtx>(false))
@@ -41,26 +60,121 @@ bool SearchResultParserInterface::addData(const char *data, std::size_t length)
     if (length == 0) {
         return !errorFlag;
     }
-    const char *at = data;
     const char *const end = data + length;
     jsonCtx->beginChunk(data);
     copyFrom = data;
+    openingBefore = 0;
+    carriedTypeName = jsonCtx->stringText.active && jsonCtx->stringText.text.size() < typeNameSpan;
+    const char *at = data;
     while (at != end && !mustStop()) {
-        if (capturesScalar()) {
-            takeScalarByte(*at);
-        } else {
-            at = jsonCtx->skipPlain(at, end);
-            if (at == end) {
-                break;
-            }
-        }
-        jsonCtx->step(at);
-        takeEvent(at);
-        ++at;
+        at = takePiece(at, std::min<std::size_t>(end - at, JsonParseCtx::pieceBytes));
     }
     copyUpTo(at);
-    jsonCtx->endChunk(at, nextIs == NextString::Nothing ? longestName + 1 : std::string::npos);
+    if (!mustStop()) {
+        jsonCtx->stringText.active = jsonCtx->endsInString();
+        jsonCtx->endChunk(at, nextIs == NextString::Nothing ? longestName + 1 : std::string::npos);
+    }
     return !errorFlag;
+}
+
+/// Returns what stands behind the last byte that was taken.
+const char *SearchResultParserInterface::takePiece(const char *piece, std::size_t length)
+{
+    JsonParseCtx::PieceMasks masks;
+    jsonCtx->scan(piece, length, masks);
+    const char *const end = piece + length;
+    const BlockMasks *blockMasks = masks;
+    for (const char *block = piece; block < end; block += blockBytes, ++blockMasks) {
+        if ((blockMasks->brackets | blockMasks->closing) != 0 || capturesScalar()) {
+            const std::size_t blockLength = std::min<std::size_t>(end - block, blockBytes);
+            const char *const taken = takeBlock(block, blockLength, *blockMasks);
+            if (mustStop()) {
+                return taken;
+            }
+        }
+        openingBefore = blockMasks->opening;
+        if (blockMasks->opening > blockMasks->closing) { // the last quote opens a string
+            jsonCtx->stringText.open(block + highestBit(blockMasks->opening) + 1);
+        }
+    }
+    return end;
+}
+
+/// Returns what stands behind the block, or behind the byte at which reading must stop.
+[[gnu::flatten]] inline const char *
+SearchResultParserInterface::takeBlock(const char *block, std::size_t length, const BlockMasks &masks)
+{
+    const std::uint64_t typeNames = findTypeNames(masks);
+    unsigned next = 0; // the first byte that is not taken yet
+    if (capturesScalar()) {
+        next = captureScalar(block, next, length, masks);
+    }
+    while (!mustStop()) {
+        const std::uint64_t wanted = wantedBits(masks, typeNames) & bitsFrom(next);
+        if (wanted == 0) {
+            return block + length;
+        }
+        if (jsonCtx->objectDepth > sourceDepth) {
+            next = skipDeepObjects(block, wanted);
+            continue;
+        }
+        next = lowestBit(wanted);
+        takeEvent(block, next, masks);
+        ++next;
+        if (capturesScalar()) {
+            next = captureScalar(block, next, length, masks);
+        }
+    }
+    return block + next;
+}
+
+/// The closing quotes that may end a "type" at the depth where that name matters: those of strings of four
+/// bytes, and that of a string which began in an earlier chunk and is as short so far.
+inline std::uint64_t SearchResultParserInterface::findTypeNames(const BlockMasks &masks)
+{
+    std::uint64_t names = masks.opening << typeNameSpan | openingBefore >> (blockBytes - typeNameSpan);
+    names &= masks.closing;
+    if (carriedTypeName && masks.closing != 0) {
+        carriedTypeName = false;
+        names |= masks.closing & (0 - masks.closing);
+    }
+    return names;
+}
+
+/// The bytes that can change the reader's state where it stands now.
+inline std::uint64_t SearchResultParserInterface::wantedBits(const BlockMasks &masks,
+                                                             std::uint64_t typeNames) const
+{
+    if (jsonCtx->objectDepth > sourceDepth) {
+        return masks.brackets;
+    }
+    if (jsonCtx->objectDepth == sourceDepth && nextIs != NextString::DocType) {
+        return masks.brackets | typeNames;
+    }
+    return masks.brackets | masks.closing;
+}
+
+/// Counts brackets as long as objects are too deep to matter. Returns the index behind the last one taken.
+unsigned SearchResultParserInterface::skipDeepObjects(const char *block, std::uint64_t brackets)
+{
+    int objectDepth = jsonCtx->objectDepth;
+    int arrayDepth = jsonCtx->arrayDepth;
+    unsigned next = 0;
+    do {
+        const unsigned index = lowestBit(brackets);
+        brackets &= brackets - 1;
+        const char bracket = block[index];
+        // Sums instead of branches: which bracket comes next is nothing a processor could foresee.
+        objectDepth += (bracket == '{') - (bracket == '}');
+        arrayDepth += (bracket == '[') - (bracket == ']');
+        next = index + 1;
+        if (arrayDepth == 0 && bracket == ']') {
+            onArrayClosed();
+        }
+    } while (brackets != 0 && objectDepth > sourceDepth);
+    jsonCtx->objectDepth = objectDepth;
+    jsonCtx->arrayDepth = arrayDepth;
+    return next;
 }
 
 std::size_t SearchResultParserInterface::pendingBytes() const
@@ -83,9 +197,24 @@ bool SearchResultParserInterface::finish(std::string *message)
     return false;
 }
 
+/// Takes bytes while a scalar is captured, with all else that they mean. Returns the index behind the last.
+inline unsigned SearchResultParserInterface::captureScalar(const char *block, unsigned from,
+                                                           std::size_t length, const BlockMasks &masks)
+{
+    const std::uint64_t events = masks.brackets | masks.closing;
+    unsigned next = from;
+    for (; next < length && capturesScalar() && !mustStop(); ++next) {
+        takeScalarByte(block[next]);
+        if ((events >> next & 1) != 0) {
+            takeEvent(block, next, masks);
+        }
+    }
+    return next;
+}
+
 /// A total and a score end at the next comma or brace, wherever it stands: a total that is an object yields
 /// what its first member holds.
-void SearchResultParserInterface::takeScalarByte(char byte)
+inline void SearchResultParserInterface::takeScalarByte(char byte)
 {
     switch (byte) {
     case ':':
@@ -115,36 +244,65 @@ void SearchResultParserInterface::endScalar()
     }
 }
 
-/// Acts on what the lexer made of the byte it just stepped over; no byte does more than one of these things.
-void SearchResultParserInterface::takeEvent(const char *at)
+/// Acts on a bracket, or on a quote that closes a string.
+inline void SearchResultParserInterface::takeEvent(const char *block, unsigned index, const BlockMasks &masks)
 {
-    if (jsonCtx->stringClosed) {
-        if (jsonCtx->objectDepth <= sourceDepth) {
-            onStringClosed(at);
+    const char *const at = block + index;
+    switch (*at) {
+    case '{':
+        if (++jsonCtx->objectDepth == sourceDepth) {
+            onObjectOpened(at);
         }
-    } else if (jsonCtx->objectDepth > jsonCtx->prevObjectDepth) {
-        onObjectOpened(at);
-    } else if (jsonCtx->objectDepth < jsonCtx->prevObjectDepth) {
+        break;
+    case '}':
+        --jsonCtx->objectDepth;
         onObjectClosed(at);
-    } else if (jsonCtx->arrayDepth < jsonCtx->prevArrayDepth && jsonCtx->arrayDepth == 0 &&
-               hitTag == insideHitArray) {
+        break;
+    case '[':
+        ++jsonCtx->arrayDepth;
+        break;
+    case ']':
+        if (--jsonCtx->arrayDepth == 0) {
+            onArrayClosed();
+        }
+        break;
+    default:
+        onStringClosed(textOfString(block, index, masks.opening), at);
+        break;
+    }
+}
+
+/// The string that the quote at `index` closes.
+inline std::string_view SearchResultParserInterface::textOfString(const char *block, unsigned index,
+                                                                  std::uint64_t opening)
+{
+    const std::uint64_t before = opening & ~bitsFrom(index);
+    if (before == 0) {
+        jsonCtx->stringText.close(block + index);
+        return jsonCtx->stringText.whole();
+    }
+    const unsigned first = highestBit(before) + 1;
+    return {block + first, index - first};
+}
+
+inline void SearchResultParserInterface::onArrayClosed()
+{
+    if (hitTag == insideHitArray) {
         hitTag = insideHits;
         hitsEnded = true;
     }
 }
 
-void SearchResultParserInterface::onObjectOpened(const char *brace)
+inline void SearchResultParserInterface::onObjectOpened(const char *brace)
 {
     // The name that started the capture and its colon were copied too; the object itself starts here.
-    if (jsonCtx->objectDepth == sourceDepth) {
-        if (std::string *const target = copyTarget()) {
-            target->clear();
-            copyFrom = brace;
-        }
+    if (std::string *const target = copyTarget()) {
+        target->clear();
+        copyFrom = brace;
     }
 }
 
-void SearchResultParserInterface::onObjectClosed(const char *brace)
+inline void SearchResultParserInterface::onObjectClosed(const char *brace)
 {
     const int depth = jsonCtx->objectDepth;
     if (depth == responseDepth && hitTag == insideHits) {
@@ -163,16 +321,15 @@ void SearchResultParserInterface::onObjectClosed(const char *brace)
     }
 }
 
-void SearchResultParserInterface::onStringClosed(const char *quote)
+inline void SearchResultParserInterface::onStringClosed(std::string_view text, const char *quote)
 {
-    const std::string_view text = jsonCtx->stringText.whole();
     if (jsonCtx->objectDepth == sourceDepth) {
         takeInnerString(text);
     } else if (jsonCtx->objectDepth == hitDepth) {
         if (jsonCtx->arrayDepth == 1 && hitTag == insideHitArray) {
             takeHitString(text, quote);
         }
-    } else {
+    } else if (jsonCtx->objectDepth < hitDepth) {
         takeOuterString(text, quote);
     }
 }
@@ -183,15 +340,15 @@ void SearchResultParserInterface::takeOuterString(std::string_view text, const c
     if (nextIs == NextString::ScrollId) {
         scrollId = text;
         nextIs = NextString::Nothing;
-    } else if (text == "hits") {
+    } else if (is(text, "hits")) {
         ++hitTag;
     } else if (jsonCtx->objectDepth == hitsDepth && outsideArrays && hitTag == insideHits &&
-               text == "total") {
+               is(text, "total")) {
         inScalar = true;
     } else if (jsonCtx->objectDepth == responseDepth && outsideArrays) {
-        if (text == "_scroll_id") {
+        if (is(text, "_scroll_id")) {
             nextIs = NextString::ScrollId;
-        } else if (text == "error") {
+        } else if (is(text, "error")) {
             copyUpTo(quote);
             errorFlag = true;
             inSource = true;
@@ -199,29 +356,29 @@ void SearchResultParserInterface::takeOuterString(std::string_view text, const c
     }
 }
 
-void SearchResultParserInterface::takeHitString(std::string_view text, const char *quote)
+inline void SearchResultParserInterface::takeHitString(std::string_view text, const char *quote)
 {
     copyUpTo(quote); // what follows may go somewhere else
     if (nextIs == NextString::DocId) {
         nextIs = NextString::Nothing;
         decodeDocId(text);
-    } else if (text == "_source") {
+    } else if (is(text, "_source")) {
         inSource = true;
-    } else if (text == "_id") {
+    } else if (is(text, "_id")) {
         nextIs = NextString::DocId;
-    } else if (text == "_score") {
+    } else if (is(text, "_score")) {
         inScalar = true;
-    } else if (text == "highlight") {
+    } else if (is(text, "highlight")) {
         inHighlight = true;
     }
 }
 
-void SearchResultParserInterface::takeInnerString(std::string_view text)
+inline void SearchResultParserInterface::takeInnerString(std::string_view text)
 {
     if (nextIs == NextString::DocType) {
         docType = text;
         nextIs = NextString::Nothing;
-    } else if (text == "type") {
+    } else if (is(text, "type")) {
         nextIs = NextString::DocType;
         docType.clear();
     }
@@ -235,7 +392,7 @@ void SearchResultParserInterface::decodeDocId(std::string_view text)
     }
 }
 
-std::string *SearchResultParserInterface::copyTarget()
+inline std::string *SearchResultParserInterface::copyTarget()
 {
     if (inSource) {
         return &content;
@@ -244,7 +401,7 @@ std::string *SearchResultParserInterface::copyTarget()
 }
 
 /// Brings the bytes before `end` to where they are being copied, if anywhere.
-void SearchResultParserInterface::copyUpTo(const char *end)
+inline void SearchResultParserInterface::copyUpTo(const char *end)
 {
     if (std::string *const target = copyTarget()) {
         target->append(copyFrom, end);

@@ -58,12 +58,20 @@ private:
 
     bool mustStop() const { return errorFlag && !inSource; }
     bool capturesScalar() const { return inScalar && !inSource && !inHighlight; }
+    const char *takePiece(const char *piece, std::size_t length);
+    const char *takeBlock(const char *block, std::size_t length, const BlockMasks &masks);
+    std::uint64_t findTypeNames(const BlockMasks &masks);
+    std::uint64_t wantedBits(const BlockMasks &masks, std::uint64_t typeNames) const;
+    unsigned captureScalar(const char *block, unsigned from, std::size_t length, const BlockMasks &masks);
     void takeScalarByte(char byte);
     void endScalar();
-    void takeEvent(const char *at);
+    void takeEvent(const char *block, unsigned index, const BlockMasks &masks);
+    unsigned skipDeepObjects(const char *block, std::uint64_t brackets);
     void onObjectOpened(const char *brace);
     void onObjectClosed(const char *brace);
-    void onStringClosed(const char *quote);
+    void onArrayClosed();
+    std::string_view textOfString(const char *block, unsigned index, std::uint64_t opening);
+    void onStringClosed(std::string_view text, const char *quote);
     void takeOuterString(std::string_view text, const char *quote);
     void takeHitString(std::string_view text, const char *quote);
     void takeInnerString(std::string_view text);
@@ -79,10 +87,12 @@ private:
     std::string docType;
     std::string score;
     std::string scrollId;
-    const char *copyFrom = nullptr; ///< from here on the chunk's bytes still have to reach copyTarget
+    const char *copyFrom = nullptr;  ///< from here on the chunk's bytes still have to reach copyTarget
+    std::uint64_t openingBefore = 0; ///< the opening quotes of the block before, in the same chunk
     int totalHitCount = 0;
     int hitTag = 0; ///< how many "hits" we are inside of: 1 the outer object, 2 the array of hits
     NextString nextIs = NextString::Nothing;
+    bool carriedTypeName = false; ///< the chunk began in a string that may be a "type" and is not closed yet
     bool hitsEnded = false;
     bool errorFlag = false;
     bool inSource = false;    ///< the bytes are being copied into `content`

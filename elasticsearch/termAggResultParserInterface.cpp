@@ -1,6 +1,8 @@
 // Streaming reader of Elasticsearch responses that carry terms aggregations.
 #include "termAggResultParserInterface.h"
 
+#include <algorithm>
+
 namespace zq::elasticsearch
 {
 
@@ -30,15 +32,34 @@ bool TermAggResultParserInterface::addData(const char *data, std::size_t length)
     if (length == 0) {
         return !errorFlag;
     }
-    const char *at = data;
     const char *const end = data + length;
     jsonCtx->beginChunk(data);
-    for (; !errorFlag && (at = jsonCtx->skipPlain(at, end)) != end; ++at) {
-        jsonCtx->step(at);
-        takeEvent();
+    const char *at = data;
+    while (at != end && !errorFlag) {
+        at = takePiece(at, std::min<std::size_t>(end - at, JsonParseCtx::pieceBytes));
     }
     jsonCtx->endChunk(at);
     return !errorFlag;
+}
+
+/// Returns what stands behind the last byte that was taken.
+const char *TermAggResultParserInterface::takePiece(const char *piece, std::size_t length)
+{
+    JsonParseCtx::PieceMasks masks;
+    jsonCtx->scan(piece, length, masks);
+    for (std::size_t begin = 0; begin < length; begin += blockBytes) {
+        const BlockMasks &block = masks[begin / blockBytes];
+        std::uint64_t wanted = block.opening | block.closing | block.brackets | block.separators;
+        for (; wanted != 0; wanted &= wanted - 1) {
+            const char *const at = piece + begin + __builtin_ctzll(wanted);
+            jsonCtx->step(at);
+            takeEvent();
+            if (errorFlag) {
+                return at + 1;
+            }
+        }
+    }
+    return piece + length;
 }
 
 bool TermAggResultParserInterface::finish()

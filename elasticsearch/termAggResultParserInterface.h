@@ -45,6 +45,7 @@ public:
     virtual void onAttributes(const std::string &name, int count, const std::string &values) = 0;
 
 private:
+    const char *takePiece(const char *piece, std::size_t length);
     void takeEvent();
     void takeResponseEvent();
     void takeAggregationsEvent();

@@ -1,4 +1,5 @@
 #include "chunkedText.h"
+#include "jsonBlockScan.h"
 #include "readerPair.h"
 #include "targets.h"
 
@@ -50,9 +51,15 @@ std::string checkRest(const std::vector<std::string_view> &chunks)
 std::string searchReader(std::string_view input)
 {
     const std::vector<std::string_view> chunks = chunksOf(input);
-    ReaderPair pair;
-    for (const std::string_view chunk : chunks) {
-        pair.feed(chunk);
+    for (const zq::elasticsearch::BlockScanner &scanner : zq::elasticsearch::blockScanners()) {
+        zq::elasticsearch::useBlockScanner(scanner);
+        ReaderPair pair;
+        for (const std::string_view chunk : chunks) {
+            pair.feed(chunk);
+        }
+        if (!pair.disagreement().empty()) {
+            return scanner.name + (": " + pair.disagreement());
+        }
     }
-    return pair.disagreement().empty() ? checkRest(chunks) : pair.disagreement();
+    return checkRest(chunks);
 }

@@ -1,6 +1,7 @@
 // However an answer is cut into chunks, the search reader must show the same as the reference reader after
 // each chunk, and in the end the same as for the uncut answer.
 #include "handMadeAnswers.h"
+#include "jsonBlockScan.h"
 #include "randomAnswers.h"
 #include "recordings.h"
 
@@ -13,6 +14,8 @@
 
 namespace
 {
+
+using namespace zq::elasticsearch;
 
 constexpr std::size_t smallAnswer = 20000;
 
@@ -92,11 +95,16 @@ std::string failureOf(const std::string &text, std::size_t stride)
     return cutter.failure();
 }
 
+/// Cutting moves the blocks that the scanners take, so that each meets every byte at every place.
 TEST(SearchReaderSplit, HandMadeAnswersAtEveryByte)
 {
-    for (const HandMadeAnswer &answer : handMadeAnswers()) {
-        EXPECT_EQ(failureOf(answer.text, 1), "") << answer.name;
+    for (const BlockScanner &scanner : blockScanners()) {
+        useBlockScanner(scanner);
+        for (const HandMadeAnswer &answer : handMadeAnswers()) {
+            EXPECT_EQ(failureOf(answer.text, 1), "") << answer.name << ", " << scanner.name;
+        }
     }
+    useBlockScanner(blockScanners().front());
 }
 
 TEST(SearchReaderSplit, SmallRecordingsAtEveryByte)
