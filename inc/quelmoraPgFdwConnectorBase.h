@@ -8,6 +8,8 @@
 #include <list>
 #include <string>
 
+struct z_stream_s; // of zlib.h
+
 namespace qm::pgFdw
 {
 
@@ -59,10 +61,20 @@ VELTRANE_EXPORT bool analyseExprBool(Expr *clause, bool &value, AnalyseCtx &ctx,
 
 // ---- values --------------------------------------------------------------------------------------------
 
+// zlib's state for one value after the other: made at the first value, about 260 KiB, and then used again.
+// Plain data; all zero but `context` is a new one. Freed with the context.
+struct DeflateStream {
+    MemoryContext context; // where the state is allocated; must outlive this
+    z_stream_s *state;
+    int level; // of the state
+};
+
 // [server side] Builds a bytea in the current memory context. Levels -1 to 9: the length of `data` as a
 // native unsigned 32-bit integer and a zlib stream (RFC 1950); any other level: the bytes as they are; no
 // bytes: an empty bytea. `out` is null when zlib fails.
 void CompressData(const char *data, unsigned int length, varlena *&out, int level);
+// [server side] The same with a stream that is kept for the next value.
+void CompressData(const char *data, unsigned int length, varlena *&out, int level, DeflateStream &stream);
 
 } // namespace qm::pgFdw
 

@@ -3,43 +3,42 @@
 
 #include "quelmoraPgServer.h"
 
-namespace qm::pgFdwElaticSearch
+#include <cstring>
+
+namespace qm::pgFdw
 {
 
 // Plain data; all zero is an empty queue. Taking the head costs the same however long the queue is, on every
 // server version: a server List is an array from version 13 on, and removing its first cell moves all others.
 struct DatumQueue {
     Datum *values;
-    int32 capacity;
-    int32 count; // entries ever appended
-    int32 taken; // of which taken
+    Size capacity;
+    Size count; // entries ever appended
+    Size taken; // of which taken
 
     bool isEmpty() const { return taken == count; }
-    int32 length() const { return count - taken; }
+    int64 length() const { return static_cast<int64>(count - taken); }
 
     // Takes the head; the queue must not be empty.
     Datum take() { return values[taken++]; }
 
-    // [server side] Makes room, in the current memory context if there was none yet, for `more` entries.
-    void reserve(Size more)
+    // Makes room for `more` entries in what `allocate(bytes)` returns; throws what that throws. The room that
+    // there was stays allocated, until the memory that it lies in is freed as a whole.
+    template <typename Allocate>
+    void reserve(Size more, Allocate &&allocate)
     {
-        const Size needed = static_cast<Size>(count) + more;
-        if (needed <= static_cast<Size>(capacity))
+        if (count + more <= capacity)
             return;
-        if (needed > INT32_MAX / 2)
-            elog(ERROR, "too many documents in one answer");
-        const Size size = Max(needed, static_cast<Size>(capacity) * 2) * sizeof(Datum);
-        values = static_cast<Datum *>(values ? repalloc_huge(values, size)
-                                             : MemoryContextAllocHuge(CurrentMemoryContext, size));
-        capacity = static_cast<int32>(size / sizeof(Datum));
+        const Size size = Max(count + more, capacity * 2);
+        auto *moved = static_cast<Datum *>(allocate(size * sizeof(Datum)));
+        if (count != 0)
+            std::memcpy(moved, values, count * sizeof(Datum));
+        values = moved;
+        capacity = size;
     }
 
-    // [server side] Appends an entry at the end.
-    void append(Datum value)
-    {
-        reserve(1);
-        values[count++] = value;
-    }
+    // Appends an entry at the end, for which there must be room.
+    void append(Datum value) { values[count++] = value; }
 };
 
-} // namespace qm::pgFdwElaticSearch
+} // namespace qm::pgFdw

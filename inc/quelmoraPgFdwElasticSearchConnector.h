@@ -5,6 +5,7 @@
 #include "quelmoraPgFdwConnection.h"
 #include "quelmoraPgFdwConnectorBase.h"
 #include "quelmoraPgFdwDatumQueue.h"
+#include "quelmoraPgFdwPageMemory.h"
 
 #include <list>
 #include <memory>
@@ -27,15 +28,15 @@ enum SearchMode : int32 {
 struct ElasticSearchConnector {
     qm::pgFdw::ConnectorTypes connectorType;
     SearchMode searchMode;
-    DatumQueue docNames; // text: the ids that are still to be looked up
+    qm::pgFdw::DatumQueue docNames; // text: the ids that are still to be looked up
 
     // Fetched rows that are not returned yet. Every queue that is filled holds one entry per document, in the
     // same order; an empty resultDocNames means that no row is buffered.
-    DatumQueue resultDocNames;    // text
-    DatumQueue resultDocContents; // text, uncompressed
-    DatumQueue resultScores;      // float4
-    DatumQueue resultDocTypes;    // text
-    DatumQueue resultHighlights;  // text, uncompressed
+    qm::pgFdw::DatumQueue resultDocNames;    // text
+    qm::pgFdw::DatumQueue resultDocContents; // text, uncompressed, in UTF-8
+    qm::pgFdw::DatumQueue resultScores;      // float4
+    qm::pgFdw::DatumQueue resultDocTypes;    // text
+    qm::pgFdw::DatumQueue resultHighlights;  // text, uncompressed, in UTF-8
 
     char *address;
     char *port;
@@ -66,8 +67,10 @@ struct ElasticSearchConnector {
     bool wrapInArray[ColumnCount]; // the table declares this column as an array of the value's type
     bool holdsText[ColumnCount];   // the table declares this column as something else than bytea
     MemoryContext scanContext;     // holds the record and what lives as long as it
-    MemoryContext pageContext;     // the rows in the queues; emptied before each refill
+    qm::pgFdw::PageMemory page;    // the rows in the queues; emptied before each refill
+    MemoryContext pageContext;     // what of them had to be converted; emptied with it
     MemoryContext rowContext;      // the values of the current row; emptied for each row
+    qm::pgFdw::DeflateStream deflateStream;
 };
 
 // ---- planning ------------------------------------------------------------------------------------------

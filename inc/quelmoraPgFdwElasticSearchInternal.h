@@ -60,9 +60,9 @@ void AppendBasePostContent(ElasticSearchConnector *connector, std::string &body,
 // number of bytes taken, 0 to end the transfer.
 size_t CurlWriteCallback(char *data, size_t size, size_t count, void *parser);
 
-// Sends one request (POST with a body, else GET; DELETE with the flag), streams the answer into the parser
-// and appends its hits to the connector's queues in the connector's page context. Without a parser the
-// answer is dropped and no failure but an interrupt is reported.
+// Sends one request (POST with a body, else GET; DELETE with the flag), streams the answer into the parser,
+// which collects in the connector's page memory, and hands its hits over to the connector's empty queues.
+// Without a parser the answer is dropped and no failure but an interrupt is reported.
 void DoCurlRequest(ElasticSearchConnector *connector, const std::string &url, const std::string &body,
                    qm::pgFdw::SearchResultParser *parser, bool deleteRequest);
 

@@ -1,35 +1,37 @@
 // The collectors: readers of answers that keep what the caller asked for.
 #pragma once
 
+#include "quelmoraPgFdwDatumQueue.h"
+#include "quelmoraPgFdwPageMemory.h"
 #include "searchResultParserInterface.h"
 #include "termAggResultParserInterface.h"
 
 #include <exception>
 #include <string>
-#include <vector>
-
-struct varlena; // the server's; its headers are not needed to read search answers
 
 namespace qm::pgFdw
 {
 
 // Collects the hits of one answer into one list per wanted column; entry i of every filled list belongs to
-// hit i. Owns all strings. The values are as the reader hands them over: the id decoded, all else raw JSON.
+// hit i. Each value is copied once, to where the rows will take it from. The values are as the reader hands
+// them over: the id decoded, all else raw JSON, all in UTF-8. Reading throws std::bad_alloc, and raises
+// nothing.
 class SearchResultParser : public zq::elasticsearch::SearchResultParserInterface
 {
 public:
-    // `expectedCount` only sizes the lists; more hits are welcome. Throws std::length_error when negative.
-    SearchResultParser(int expectedCount, bool wantContent, bool wantScore, bool wantDocType,
-                       bool wantHighlight);
+    // `page` holds the values and the lists, also after the collector is gone. `expectedCount` only sizes the
+    // lists; more hits are welcome.
+    SearchResultParser(PageMemory &page, int expectedCount, bool wantContent, bool wantScore,
+                       bool wantDocType, bool wantHighlight);
 
     void onNewDocument(const std::string &docId, const std::string &content, const std::string &score,
                        const std::string &highlight, const std::string &docType) override;
 
-    const std::vector<std::string> &getDocIdList() const { return docIds; }
-    const std::vector<std::string> &getDocContentList() const { return docContents; }
-    const std::vector<std::string> &getScoreList() const { return scores; }
-    const std::vector<std::string> &getDocTypeList() const { return docTypes; }
-    const std::vector<std::string> &getHighlightList() const { return highlights; }
+    const DatumQueue &getDocIdList() const { return docIds; }           // text
+    const DatumQueue &getDocContentList() const { return docContents; } // text
+    const DatumQueue &getScoreList() const { return scores; }           // C strings
+    const DatumQueue &getDocTypeList() const { return docTypes; }       // text
+    const DatumQueue &getHighlightList() const { return highlights; }   // text
 
     // The bytes that the hits so far and the one being read take, with what each costs beside its texts.
     size_t heldBytes() const { return collectedBytes + pendingBytes(); }
@@ -39,13 +41,17 @@ public:
     std::exception_ptr readFailure;
 
 private:
-    void keep(std::vector<std::string> &list, const std::string &value);
+    void keepText(DatumQueue &list, const std::string &value);
+    void keepCString(DatumQueue &list, const std::string &value);
+    void reserve(DatumQueue &list, Size entries);
+    void *takeMemory(Size size);
 
-    std::vector<std::string> docIds;
-    std::vector<std::string> docContents;
-    std::vector<std::string> highlights;
-    std::vector<std::string> scores;
-    std::vector<std::string> docTypes;
+    PageMemory &page;
+    DatumQueue docIds{};
+    DatumQueue docContents{};
+    DatumQueue highlights{};
+    DatumQueue scores{};
+    DatumQueue docTypes{};
     size_t collectedBytes = 0;
     const bool wantContent;
     const bool wantHighlight;

@@ -3,6 +3,9 @@
 
 #include "quelmoraPgErrorBoundary.h"
 
+#include <cstring>
+#include <new>
+
 namespace qm::pgFdw
 {
 
@@ -15,6 +18,17 @@ inline void allocateBytea(Size payloadSize, varlena *&destination)
     if (!destination)
         pgCompat::raiseError(ERRCODE_OUT_OF_MEMORY, nullptr, __FILE__, __LINE__, __func__);
     SET_VARSIZE(destination, total);
+}
+
+// Allocates in the context, without the bound of palloc's. Throws std::bad_alloc and raises nothing.
+inline void *allocateOrThrow(MemoryContext context, Size size)
+{
+    void *memory = AllocHugeSizeIsValid(size)
+                       ? MemoryContextAllocExtended(context, size, MCXT_ALLOC_HUGE | MCXT_ALLOC_NO_OOM)
+                       : nullptr;
+    if (!memory)
+        throw std::bad_alloc();
+    return memory;
 }
 
 // Makes `context` current for as long as it lives.

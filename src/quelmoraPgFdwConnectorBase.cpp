@@ -24,6 +24,42 @@ void parseVarNames(List *expressions, tupleDesc *descriptor, ColumnNameCallback 
         parseVarName(static_cast<Expr *>(lfirst(cell)), descriptor, callback, userData);
 }
 
+// zlib takes null for failure, so nothing is raised through its frames.
+void *allocateForZlib(void *context, unsigned int items, unsigned int size)
+{
+    return MemoryContextAllocExtended(static_cast<MemoryContext>(context), static_cast<Size>(items) * size,
+                                      MCXT_ALLOC_HUGE | MCXT_ALLOC_NO_OOM);
+}
+
+void freeForZlib(void *, void *memory) { pfree(memory); }
+
+void closeStream(DeflateStream &stream)
+{
+    if (!stream.state)
+        return;
+    deflateEnd(stream.state);
+    pfree(stream.state);
+    stream.state = nullptr;
+}
+
+// [server side] Makes the stream ready for a value of its own; false when zlib cannot.
+bool prepareStream(DeflateStream &stream, int level)
+{
+    if (stream.state && stream.level == level)
+        return deflateReset(stream.state) == Z_OK;
+    closeStream(stream);
+    stream.state = static_cast<z_stream *>(MemoryContextAllocZero(stream.context, sizeof(z_stream)));
+    stream.state->zalloc = allocateForZlib;
+    stream.state->zfree = freeForZlib;
+    stream.state->opaque = stream.context;
+    stream.level = level;
+    if (deflateInit(stream.state, level) == Z_OK)
+        return true;
+    pfree(stream.state);
+    stream.state = nullptr;
+    return false;
+}
+
 } // namespace
 
 void parseVarName(Expr *expression, tupleDesc *descriptor, ColumnNameCallback callback, void *userData)
@@ -76,6 +112,13 @@ void iterateOverRequestedColumns(unsigned int relationId, ForeignScanState *node
 
 void CompressData(const char *data, unsigned int length, varlena *&out, int level)
 {
+    DeflateStream stream{CurrentMemoryContext, nullptr, 0};
+    CompressData(data, length, out, level, stream);
+    closeStream(stream);
+}
+
+void CompressData(const char *data, unsigned int length, varlena *&out, int level, DeflateStream &stream)
+{
     if (length == 0) {
         allocateBytea(0, out);
         return;
@@ -94,16 +137,14 @@ void CompressData(const char *data, unsigned int length, varlena *&out, int leve
         return;
     std::memcpy(work, &length, sizeof(uint32));
 
-    z_stream stream{};
-    if (deflateInit(&stream, level) == Z_OK) {
-        stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data));
-        stream.avail_in = length;
-        stream.next_out = reinterpret_cast<Bytef *>(work + sizeof(uint32));
-        stream.avail_out = workSize;
-        const int outcome = deflate(&stream, Z_FINISH);
-        const unsigned int compressed = workSize - stream.avail_out;
-        deflateEnd(&stream);
-        if (outcome == Z_STREAM_END) {
+    if (prepareStream(stream, level)) {
+        z_stream &zlib = *stream.state;
+        zlib.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data));
+        zlib.avail_in = length;
+        zlib.next_out = reinterpret_cast<Bytef *>(work + sizeof(uint32));
+        zlib.avail_out = workSize;
+        if (deflate(&zlib, Z_FINISH) == Z_STREAM_END) {
+            const unsigned int compressed = workSize - zlib.avail_out;
             allocateBytea(compressed + sizeof(uint32), out);
             std::memcpy(VARDATA(out), work, compressed + sizeof(uint32));
         }

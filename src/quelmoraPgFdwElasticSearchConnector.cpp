@@ -43,6 +43,8 @@ ElasticSearchConnector *allocateConnector()
     connector->scanContext = scanContext;
     connector->pageContext = AllocSetContextCreate(scanContext, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES);
     connector->rowContext = AllocSetContextCreate(scanContext, "Elasticsearch row", ALLOCSET_DEFAULT_SIZES);
+    connector->page.attach(scanContext);
+    connector->deflateStream.context = scanContext;
     return connector;
 }
 
@@ -64,8 +66,9 @@ void appendDocNames(ElasticSearchConnector *connector, const std::list<std::stri
         if (oneRequest || seen.insert(name).second)
             names.push_back(name.c_str());
     }
+    connector->docNames.reserve(
+        names.size(), [&](Size size) { return qm::pgFdw::allocateOrThrow(connector->scanContext, size); });
     callServer([&] {
-        connector->docNames.reserve(names.size());
         for (const char *name : names)
             connector->docNames.append(PointerGetDatum(cstring_to_text(serverToUtf8(name))));
     });

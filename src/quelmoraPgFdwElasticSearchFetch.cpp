@@ -23,13 +23,14 @@ std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, con
                                           const std::string &body)
 {
     const bool *fill = connector->fillColumns;
-    auto parser = std::make_unique<SearchResultParser>(connector->batchSize, fill[DocContent], fill[Score],
-                                                       fill[DocType], fill[Highlights]);
+    auto parser =
+        std::make_unique<SearchResultParser>(connector->page, connector->batchSize, fill[DocContent],
+                                             fill[Score], fill[DocType], fill[Highlights]);
     DoCurlRequest(connector, url, body, parser.get(), false);
     return parser;
 }
 
-int64 hitCount(const SearchResultParser &parser) { return static_cast<int64>(parser.getDocIdList().size()); }
+int64 hitCount(const SearchResultParser &parser) { return parser.getDocIdList().length(); }
 
 // Neither a part of the hits nor an arbitrary choice among them may pass for the result. `asked` is how many
 // hits the request asked for, `received` how many came.

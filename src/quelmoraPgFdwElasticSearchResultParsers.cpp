@@ -4,45 +4,69 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace qm::pgFdw
 {
 
-SearchResultParser::SearchResultParser(int expectedCount, bool wantContent, bool wantScore, bool wantDocType,
-                                       bool wantHighlight)
-    : wantContent(wantContent), wantHighlight(wantHighlight), wantScore(wantScore), wantDocType(wantDocType)
+SearchResultParser::SearchResultParser(PageMemory &page, int expectedCount, bool wantContent, bool wantScore,
+                                       bool wantDocType, bool wantHighlight)
+    : page(page), wantContent(wantContent), wantHighlight(wantHighlight), wantScore(wantScore),
+      wantDocType(wantDocType)
 {
-    // A batch size far beyond what a search server returns must not cost its memory in advance; a negative
-    // one stays the error that it is.
-    const auto capacity = static_cast<size_t>(std::min(expectedCount, 65536));
-    docIds.reserve(capacity);
+    // A batch size far beyond what a search server returns must not cost its memory in advance.
+    const auto capacity = static_cast<Size>(std::clamp(expectedCount, 0, 65536));
+    reserve(docIds, capacity);
     if (wantContent)
-        docContents.reserve(capacity);
+        reserve(docContents, capacity);
     if (wantScore)
-        scores.reserve(capacity);
+        reserve(scores, capacity);
     if (wantDocType)
-        docTypes.reserve(capacity);
+        reserve(docTypes, capacity);
 }
 
-void SearchResultParser::keep(std::vector<std::string> &list, const std::string &value)
+void SearchResultParser::reserve(DatumQueue &list, Size entries)
 {
-    list.push_back(value);
-    collectedBytes += value.size() + sizeof(std::string);
+    list.reserve(entries, [this](Size size) { return takeMemory(size); });
+}
+
+void *SearchResultParser::takeMemory(Size size)
+{
+    collectedBytes += size;
+    return page.take(size);
+}
+
+void SearchResultParser::keepText(DatumQueue &list, const std::string &value)
+{
+    reserve(list, 1);
+    const Size size = VARHDRSZ + value.size();
+    auto *copy = static_cast<varlena *>(takeMemory(size));
+    SET_VARSIZE(copy, size);
+    std::memcpy(VARDATA(copy), value.data(), value.size());
+    list.append(PointerGetDatum(copy));
+}
+
+void SearchResultParser::keepCString(DatumQueue &list, const std::string &value)
+{
+    reserve(list, 1);
+    void *copy = takeMemory(value.size() + 1);
+    std::memcpy(copy, value.c_str(), value.size() + 1);
+    list.append(PointerGetDatum(copy));
 }
 
 void SearchResultParser::onNewDocument(const std::string &docId, const std::string &content,
                                        const std::string &score, const std::string &highlight,
                                        const std::string &docType)
 {
-    keep(docIds, docId);
+    keepText(docIds, docId);
     if (wantContent)
-        keep(docContents, content);
+        keepText(docContents, content);
     if (wantHighlight)
-        keep(highlights, highlight);
+        keepText(highlights, highlight);
     if (wantScore)
-        keep(scores, score);
+        keepCString(scores, score);
     if (wantDocType)
-        keep(docTypes, docType);
+        keepText(docTypes, docType);
 }
 
 TermAggResultParser::TermAggResultParser(int attributeCount, int compressionLevel, varlena **valueSlots,

@@ -60,6 +60,7 @@ void checkColumns(ElasticSearchConnector *connector, tupleDesc *descriptor)
 
 void refill(ElasticSearchConnector *connector)
 {
+    connector->page.reset();
     MemoryContextReset(connector->pageContext);
     connector->resultDocNames = {};
     connector->resultDocContents = {};
@@ -98,17 +99,18 @@ Value plainValue(const ElasticSearchConnector *connector, Column column, Datum d
 
 // [server side] The compressed form of a fetched text; NULL for an empty one. In a column of a text type only
 // what is text may arrive: an uncompressed value in the database's encoding.
-Value compressedValue(const ElasticSearchConnector *connector, Column column, Datum fetched)
+Value compressedValue(ElasticSearchConnector *connector, Column column, Datum fetched)
 {
     const auto *source = reinterpret_cast<const text *>(DatumGetPointer(fetched));
     const int level = connector->paramCompressionLevel >= RawLevel ? connector->paramCompressionLevel
                                                                    : connector->compressionLevel;
     if (VARSIZE_ANY_EXHDR(source) == 0)
         return Null;
-    if (connector->holdsText[column] && level == RawLevel)
-        return {utf8ToText(VARDATA_ANY(source), static_cast<int>(VARSIZE_ANY_EXHDR(source))), false};
+    if (level == RawLevel) // as it was fetched it is the value already: a text and a bytea look the same
+        return {connector->holdsText[column] ? utf8ToServer(fetched) : fetched, false};
     varlena *compressed = nullptr;
-    qm::pgFdw::CompressData(VARDATA_ANY(source), VARSIZE_ANY_EXHDR(source), compressed, level);
+    qm::pgFdw::CompressData(VARDATA_ANY(source), VARSIZE_ANY_EXHDR(source), compressed, level,
+                            connector->deflateStream);
     if (connector->holdsText[column] && compressed)
         checkText(compressed);
     return {PointerGetDatum(compressed), compressed == nullptr};

@@ -11,12 +11,12 @@ const char *serverToUtf8(const char *string)
     return pg_server_to_any(string, static_cast<int>(std::strlen(string)), PG_UTF8);
 }
 
-Datum utf8ToText(const char *bytes, int length)
+Datum utf8ToServer(Datum value)
 {
-    const char *converted = pg_any_to_server(bytes, length, PG_UTF8);
-    if (converted == bytes)
-        return PointerGetDatum(cstring_to_text_with_len(converted, length));
-    return PointerGetDatum(cstring_to_text(converted));
+    auto *utf8 = reinterpret_cast<text *>(DatumGetPointer(value));
+    char *bytes = VARDATA_ANY(utf8);
+    const char *converted = pg_any_to_server(bytes, static_cast<int>(VARSIZE_ANY_EXHDR(utf8)), PG_UTF8);
+    return converted == bytes ? value : PointerGetDatum(cstring_to_text(converted));
 }
 
 void checkText(const varlena *value)
