@@ -20,7 +20,7 @@ class VELTRANE_EXPORT JsonParseCtx
 {
 public:
     /// The most bytes that one call of scan takes.
-    static constexpr std::size_t pieceBytes = 32 * blockBytes;
+    static constexpr std::size_t pieceBytes = 24 * blockBytes;
     /// What scan found in a piece, a block each.
     using PieceMasks = BlockMasks[pieceBytes / blockBytes];
 
@@ -112,8 +112,10 @@ inline void JsonParseCtx::TextBuffer::resume(const char *chunk)
 inline void JsonParseCtx::TextBuffer::carryOver(const char *chunkEnd, std::size_t limit)
 {
     if (active) {
-        const auto length = static_cast<std::size_t>(chunkEnd - segmentBegin);
-        text.append(segmentBegin, std::min(length, limit - std::min(limit, text.size())));
+        if (text.size() < limit) {
+            const auto length = static_cast<std::size_t>(chunkEnd - segmentBegin);
+            text.append(segmentBegin, std::min(length, limit - text.size()));
+        }
         segmentBegin = segmentEnd = nullptr;
     }
 }

@@ -404,7 +404,7 @@ inline std::string *SearchResultParserInterface::copyTarget()
 inline void SearchResultParserInterface::copyUpTo(const char *end)
 {
     if (std::string *const target = copyTarget()) {
-        target->append(copyFrom, end);
+        target->append(copyFrom, static_cast<std::size_t>(end - copyFrom));
     }
     copyFrom = end;
 }
