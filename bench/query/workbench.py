@@ -1,0 +1,106 @@
+"""What the measuring of queries works with: a page server, a private cluster with the module, and the programs
+that measure the parts of the floor."""
+import json
+import re
+import subprocess
+import sys
+import time
+from contextlib import contextmanager
+from pathlib import Path
+
+import psycopg2
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "demo"))
+
+from privatecluster import PrivateCluster  # noqa: E402
+from queries import SETUP  # noqa: E402
+
+COLUMNS = "docname text, doccontent bytea, score real, doctype text, highlights bytea, param text"
+
+# Room for the largest local table, and nothing that works at times of its own.
+SETTINGS = {"shared_buffers": "3GB", "autovacuum": "off", "checkpoint_timeout": "1h", "jit": "off",
+            "max_parallel_workers_per_gather": "0"}
+
+
+class Programs:
+    """The programs of a build, by name."""
+
+    def __init__(self, build):
+        self.folder = Path(build).resolve() / "bench/query"
+        self.module = self.folder.parents[1] / "libVeltranePgFdw3_0.so"
+
+    def run(self, name, *arguments):
+        """What a program prints, which is JSON."""
+        done = subprocess.run([self.folder / name, *map(str, arguments)], stdout=subprocess.PIPE, check=True)
+        return json.loads(done.stdout)
+
+    def fetch_seconds(self, port, index, total, size, reuse=False):
+        """How long a plain client takes for a scroll; with `reuse`, on one connection."""
+        options = ["--reuse"] if reuse else []
+        return self.run("fetchFloor", *options, port, index, total, size)["seconds"]
+
+    @contextmanager
+    def page_server(self):
+        """Runs a page server and yields its port."""
+        with subprocess.Popen([self.folder / "pageServer"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              text=True) as process:
+            try:
+                yield int(process.stdout.readline())
+            finally:
+                process.stdin.close()
+
+
+@contextmanager
+def measuring_cluster(module):
+    """A private cluster with the module's objects and our SETTINGS."""
+    with PrivateCluster(module) as cluster:
+        backend = Backend(cluster)
+        for name, value in SETTINGS.items():
+            backend.run(f"ALTER SYSTEM SET {name} = '{value}'")
+        # The demo's tables come with it; nothing reads them.
+        backend.run(SETUP.format(module=f"'{cluster.module_path}'", address="'127.0.0.1'", port="'1'",
+                                 index="'none'"))
+        backend.close()
+        restart = cluster.run_as([f"{cluster.pg_bindir}/pg_ctl", "restart", "--silent", "--wait", "--pgdata",
+                                  cluster.path_of("data"), "--log", cluster.log_path],
+                                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        if restart.wait():
+            raise RuntimeError(f"the cluster does not restart: {Path(cluster.log_path).read_text('utf-8')}")
+        yield cluster
+
+
+class Backend:
+    """One session, in autocommit mode."""
+
+    def __init__(self, cluster):
+        self.connection = psycopg2.connect(cluster.dsn)
+        self.connection.autocommit = True
+
+    def close(self):
+        self.connection.close()
+
+    def run(self, statement):
+        """Runs a statement and returns its rows, or None when it has none."""
+        with self.connection.cursor() as cursor:
+            cursor.execute(statement)
+            return cursor.fetchall() if cursor.description else None
+
+    def seconds(self, statement):
+        """How long a statement takes."""
+        start = time.perf_counter()
+        self.run(statement)
+        return time.perf_counter() - start
+
+    def memory(self, what):
+        """A figure of the kernel's on the backend, as VmHWM, in KiB."""
+        status = Path(f"/proc/{self.connection.info.backend_pid}/status").read_text("utf-8")
+        return int(re.search(rf"^{what}:\s+(\d+)", status, re.M).group(1))
+
+    def make_table(self, name, port, index, scroll=True, **options):
+        """Makes a foreign table on a page server, replacing one of that name."""
+        options = {"connectortype": "elasticsearchscroll" if scroll else "elasticsearch",
+                   "address": "127.0.0.1", "port": port, "indexlist": index, **options}
+        texts = ", ".join(f"{key} '{value}'" for key, value in options.items())
+        self.run(f"DROP FOREIGN TABLE IF EXISTS {name}")
+        self.run(f"CREATE FOREIGN TABLE {name} ({COLUMNS}) SERVER search OPTIONS ({texts})")

@@ -1,0 +1,82 @@
+// The readers that take a page in chunks.
+#include "contestants.h"
+
+#include "jsonBlockScan.h"
+#include "referenceSearchReader.h"
+#include "searchResultParserInterface.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace veltrane::bench
+{
+
+namespace
+{
+
+using namespace zq::elasticsearch;
+
+/// Counts what `Reader` finds, so that the figure is the reader's own.
+template <class Reader>
+class Counter : public Reader
+{
+public:
+    std::size_t hits = 0;
+    std::size_t contentBytes = 0;
+
+    void onNewDocument(const std::string &, const std::string &content, const std::string &,
+                       const std::string &, const std::string &) override
+    {
+        ++hits;
+        contentBytes += content.size();
+    }
+};
+
+template <class Reader>
+void readInChunks(const std::string &name, std::size_t chunk, const Page &page)
+{
+    Counter<Reader> reader;
+    const char *const end = page.text.data() + page.text.size();
+    for (const char *at = page.text.data(); at != end;) {
+        const std::size_t length = std::min(chunk, static_cast<std::size_t>(end - at));
+        if (!reader.addData(at, length)) {
+            throw std::runtime_error(name + ": " + reader.getErrorMessage());
+        }
+        at += length;
+    }
+    std::string message;
+    if (!reader.finish(&message)) {
+        throw std::runtime_error(name + ": " + message);
+    }
+    page.expect(name, reader.hits, reader.contentBytes);
+}
+
+Contestant ours(const std::string &name, std::size_t chunk, const BlockScanner &scanner)
+{
+    return {name, chunk, [=](const Page &page) {
+                useBlockScanner(scanner);
+                readInChunks<SearchResultParserInterface>(name, chunk, page);
+            }};
+}
+
+} // namespace
+
+std::vector<Contestant> streamingReaders()
+{
+    constexpr std::size_t usualChunk = 16384, smallChunk = 1024;
+    const std::string reference = "byte by byte";
+    const BlockScanner &fastest = blockScanners().front();
+    std::vector<Contestant> readers = {ours("ours", usualChunk, fastest),
+                                       ours("ours", smallChunk, fastest),
+                                       {reference, usualChunk, [=](const Page &page) {
+                                            readInChunks<ReferenceSearchReader>(reference, usualChunk, page);
+                                        }}};
+    for (const BlockScanner &scanner : blockScanners()) {
+        if (&scanner != &fastest) {
+            readers.push_back(ours(std::string("ours, ") + scanner.name, usualChunk, scanner));
+        }
+    }
+    return readers;
+}
+
+} // namespace veltrane::bench

@@ -1,0 +1,313 @@
+"""Makes of what the measuring programs printed one table of ratios and their targets, and a chart.
+
+report.py FILE... [--markdown FILE] [--chart FILE]     the files hold JSON lines; "-" is standard input
+"""
+
+import argparse
+import dataclasses
+import json
+import pathlib
+import platform
+import statistics
+import sys
+
+import chart
+
+KINDS = ["300B", "2KB", "20KB", "dense"]
+OURS, USUAL_CHUNK, SMALL_CHUNK = "ours", 16384, 1024
+CHUNK_NAMES = {0: "whole", USUAL_CHUNK: "16 KiB", SMALL_CHUNK: "1 KiB"}
+DEFLATE_NAMES = {5: "level 5", -2: "level -2"}
+SMALL_QUERIES = {"lookup": "look-up of one id", "search10": "search for 10 documents"}
+
+
+@dataclasses.dataclass
+class Target:
+    """What a figure must come to; `sign` is "≥" or "≤". `aim` is what would be better still."""
+
+    sign: str
+    limit: float
+    aim: str = ""
+
+    def met_by(self, value):
+        return value >= self.limit if self.sign == "≥" else value <= self.limit
+
+    def __str__(self):
+        return f"{self.sign} {self.limit:g}{self.aim and f', aim {self.aim}'}"
+
+
+@dataclasses.dataclass
+class Row:
+    """A line of the table. Without a target the figure is only told; `aim` is then all there is."""
+
+    what: str
+    kind: str
+    value: float
+    target: Target = None
+    aim: str = ""
+    unit: str = ""
+
+    def cells(self):
+        verdict = "" if self.target is None else "met" if self.target.met_by(self.value) else "**missed**"
+        target = str(self.target) if self.target else self.aim and f"aim {self.aim}"
+        return [self.what, self.kind, f"{self.value:#.3g}{self.unit}", target, verdict]
+
+
+def read_lines(names):
+    """The measured values, by the name of the measure. A line that is no JSON object is an error."""
+    values = {}
+    for name in names:
+        text = sys.stdin.read() if name == "-" else pathlib.Path(name).read_text(encoding="utf-8")
+        for line in filter(str.strip, text.splitlines()):
+            value = json.loads(line)
+            values.setdefault(value["measure"], []).append(value)
+    return values
+
+
+def kinds_of(values):
+    """The kinds of documents that occur."""
+    return [kind for kind in KINDS if any(value["kind"] == kind for value in values)]
+
+
+class ReaderValues:
+    """The speeds of the reader and of those it is compared with."""
+
+    TARGETS = {
+        ("simdjson DOM", "300B"): Target("≥", 0.6),
+        ("simdjson DOM", "2KB"): Target("≥", 1.0),
+        ("simdjson DOM", "20KB"): Target("≥", 1.0),
+        ("simdjson DOM", "dense"): Target("≥", 1.0),
+        ("RapidJSON SAX", "2KB"): Target("≥", 4.0),
+        ("RapidJSON SAX", "20KB"): Target("≥", 4.0),
+    }
+    AIMS = {"simdjson On-Demand": "1"}
+    SMALL_CHUNK_TARGET = Target("≥", 0.9)
+
+    def __init__(self, values):
+        self.values = values
+        self.kinds = kinds_of(values)
+        self.contestants = list(dict.fromkeys((value["contestant"], value["chunk"]) for value in values))
+
+    def find(self, kind, contestant, chunk):
+        return next((value for value in self.values if value["kind"] == kind and
+                     value["contestant"] == contestant and value["chunk"] == chunk), None)
+
+    def ratio(self, kind, one, other):
+        """How often as fast one contestant is as another, each given by name and chunk; None if unknown.
+
+        It is the middle of the ratios that the rounds give: what slows down a round slows down both.
+        """
+        first, second = self.find(kind, *one), self.find(kind, *other)
+        if not first or not second:
+            return None
+        return statistics.median(a / b for a, b in zip(first["rounds"], second["rounds"]))
+
+    def rivals(self):
+        return [(name, chunk) for name, chunk in self.contestants if not name.startswith(OURS)]
+
+    def rows(self):
+        ours, small = (OURS, USUAL_CHUNK), (OURS, SMALL_CHUNK)
+        judged = {name for name, _ in self.TARGETS}
+        for name, chunk in sorted(self.rivals(), key=lambda rival: rival[0] not in judged):
+            for kind in self.kinds:
+                ratio = self.ratio(kind, ours, (name, chunk))
+                if ratio:
+                    yield Row(f"reader / {name}", kind, ratio, self.TARGETS.get((name, kind)),
+                              self.AIMS.get(name, ""))
+        for kind in self.kinds:
+            ratio = self.ratio(kind, small, ours)
+            if ratio:
+                yield Row("reader, 1 KiB chunks / 16 KiB chunks", kind, ratio, self.SMALL_CHUNK_TARGET)
+
+    def speeds(self):
+        """The header and the lines of a table of speeds."""
+        yield ["MB/s", "chunks"] + self.kinds
+        for name, chunk in self.contestants:
+            found = [self.find(kind, name, chunk) for kind in self.kinds]
+            yield [name, CHUNK_NAMES.get(chunk, str(chunk))] + [f"{value['MBps']:,.0f}" if value else ""
+                                                               for value in found]
+
+
+QUERY_TARGETS = {5: Target("≤", 1.10), -2: Target("≤", 2.0, "1.5")}
+
+
+def query_rows(values):
+    for value in values:
+        yield Row(f"{value['statement']}, {DEFLATE_NAMES[value['level']]} / its floor", value["kind"],
+                  value["ratio"], QUERY_TARGETS[value["level"]])
+
+
+def query_table(values):
+    parts = list(dict.fromkeys(part for value in values for part in value["floor"]))
+    yield ["seconds", "documents", "deflate", "count", "query", *(f"floor: {part}" for part in parts),
+           "fetch, one connection"]
+    for value in values:
+        seconds = [value["seconds"], *map(value["floor"].get, parts), value["fetch_reused_connection"]]
+        yield [value["statement"], value["kind"], DEFLATE_NAMES[value["level"]], f"{value['documents']:,}",
+               *(f"{part:.3f}" for part in seconds)]
+
+
+def small_name(value):
+    return f"{SMALL_QUERIES[value['query']]}, {DEFLATE_NAMES[value['level']]}" + ", jit" * value["jit"]
+
+
+def small_rows(values):
+    for value in values:
+        yield Row(f"{small_name(value)} - its request", "",
+                  value["milliseconds"] - value["plain_milliseconds"],
+                  None if value["jit"] else Target("≤", 0.3), unit=" ms")
+
+
+def small_table(values):
+    yield ["milliseconds", "query", "bare request"]
+    for value in values:
+        yield [small_name(value), f"{value['milliseconds']:.3f}", f"{value['plain_milliseconds']:.3f}"]
+
+
+def growth_table(values):
+    yield ["documents", "seconds", "µs a row", "peak memory, MB"]
+    for value in values:
+        yield [f"{value['documents']:,}", f"{value['seconds']:.3f}",
+               f"{value['seconds'] / value['documents'] * 1e6:.2f}", f"{value['peak_kB'] / 1000:.1f}"]
+
+
+def batch_table(values):
+    yield ["documents", "batch size", "µs a row", "bare fetch, µs a row", "peak memory, MB"]
+    for value in values:
+        yield [value["kind"], f"{value['batch']:,}", f"{value['microseconds_per_row']:.2f}",
+               f"{value['fetch_microseconds_per_row']:.2f}", f"{value['peak_kB'] / 1000:.1f}"]
+
+
+def markdown_table(lines):
+    """A table whose first line is its header; nothing if there is no other."""
+    header, *rest = lines
+    if not rest:
+        return ""
+    widths = [max(map(len, column)) for column in zip(header, *rest)]
+
+    def line(cells):
+        return "| " + " | ".join(cell.ljust(width) for cell, width in zip(cells, widths)) + " |\n"
+
+    return line(header) + line(["-" * width for width in widths]) + "".join(map(line, rest))
+
+
+def ratio_table(rows):
+    return markdown_table([["Measurement", "documents", "figure", "target", ""]] + [row.cells() for row in rows])
+
+
+def processor():
+    """The processor's name and how many of it there are."""
+    names = [line.partition(":")[2].strip()
+             for line in pathlib.Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines()
+             if line.startswith("model name")]
+    return f"{len(names)} × {names[0]}" if names else platform.machine()
+
+
+SECTIONS = {"reader": "the reader", "query": "large results", "small": "small queries",
+            "growth": "growth", "batch": "batch sizes"}
+
+
+def missing(values):
+    """A sentence about what was not measured; empty if everything was."""
+    names = [name for measure, name in SECTIONS.items() if measure not in values]
+    return f"Not measured: {', '.join(names)}.\n" if names else ""
+
+
+def versions(values):
+    pairs = {name: version for value in values.get("versions", [])
+             for name, version in value.items() if name != "measure"}
+    return "".join(f", {name} {version}" for name, version in pairs.items())
+
+
+def markdown(values, rows, chart_name):
+    """The whole report."""
+    reader = ReaderValues(values.get("reader", []))
+    parts = [
+        "# Measurements\n",
+        "`scripts/bench.sh` makes this file and its chart anew. Only ratios are judged: both sides of each are "
+        "measured on\nthe same machine, in turns.\n",
+        f"Measured on {processor()}{versions(values)}.\n",
+        missing(values),
+        ratio_table(rows),
+        f"![The ratios, and how time and memory grow]({chart_name})\n",
+    ]
+    if reader.values:
+        parts += [
+            "## The reader\n",
+            "All contestants read the same answers from memory: 1,000 hits, or 100 of 20 KB. The module's reader "
+            "takes them in\nchunks and copies every document. The others have an advantage: they are given the "
+            "whole answer in one piece;\nRapidJSON's handler does nothing, and simdjson's tree is not looked at. "
+            "All are compiled with `-O2` for any\nprocessor of this family; the module's reader and simdjson "
+            "choose faster instructions when they run, RapidJSON has\nto be compiled for them. `byte by byte` is "
+            "the plain reader that judges the module's in the unit tests. A ratio is\nthe median over the rounds; "
+            "so is a speed.\n",
+            markdown_table(reader.speeds()),
+        ]
+    if values.get("query"):
+        parts += [
+            "## Large results\n",
+            "The floor of a query is what its work must cost without the module: fetch the answers, deflate the "
+            "contents, and\nreturn as many rows of the same size from a local table. Like the module, the fetch "
+            "of the floor makes a new\nconnection for each page; the last column tells what it takes on one.\n",
+            markdown_table(query_table(values["query"])),
+        ]
+    if values.get("small"):
+        parts += ["## Small queries\n", markdown_table(small_table(values["small"]))]
+    if values.get("growth"):
+        parts += ["## Growth\n", "How time and the backend's memory grow with the result.\n",
+                  markdown_table(growth_table(values["growth"]))]
+    if values.get("batch"):
+        parts += ["## Batch sizes\n", markdown_table(batch_table(values["batch"]))]
+    return "\n".join(filter(None, parts))
+
+
+def bar_panels(values):
+    """The ratios as groups of bars: of the reader, then of the queries."""
+    reader = ReaderValues(values.get("reader", []))
+    if reader.values:
+        yield chart.bars("The reader's speed against others (1 = as fast; higher is better)", {
+            kind: {name: reader.ratio(kind, (OURS, USUAL_CHUNK), (name, chunk))
+                   for name, chunk in reader.rivals() if name.startswith(("simdjson", "RapidJSON"))}
+            for kind in reader.kinds})
+    queries = values.get("query", [])
+    if queries:
+        yield chart.bars("Time of a query against its floor (1 = nothing on top; lower is better)", {
+            kind: {f"{value['statement']}, {DEFLATE_NAMES[value['level']]}": value["ratio"]
+                   for value in queries if value["kind"] == kind}
+            for kind in kinds_of(queries)})
+
+
+def line_panels(values):
+    """Time and memory over what grows."""
+    growth = values.get("growth", [])
+    if growth:
+        yield chart.lines("Seconds, by documents", {"query": [(value["documents"], value["seconds"])
+                                                              for value in growth]})
+        yield chart.lines("The backend's peak memory in MB, by documents",
+                          {"query": [(value["documents"], value["peak_kB"] / 1000) for value in growth]})
+    batches = values.get("batch", [])
+    for kind in kinds_of(batches):
+        of_kind = [value for value in batches if value["kind"] == kind]
+        yield chart.lines(f"Microseconds a row of {kind}, by batch size", {
+            "query": [(value["batch"], value["microseconds_per_row"]) for value in of_kind],
+            "bare fetch": [(value["batch"], value["fetch_microseconds_per_row"]) for value in of_kind]})
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("files", nargs="+", metavar="FILE")
+    parser.add_argument("--markdown", type=pathlib.Path, metavar="FILE")
+    parser.add_argument("--chart", type=pathlib.Path, metavar="FILE")
+    arguments = parser.parse_args()
+    values = read_lines(arguments.files)
+    rows = [*ReaderValues(values.get("reader", [])).rows(), *query_rows(values.get("query", [])),
+            *small_rows(values.get("small", []))]
+    print(ratio_table(rows) + missing(values), end="")
+    if arguments.chart:
+        arguments.chart.write_text(chart.page([*bar_panels(values), *line_panels(values)]), encoding="utf-8")
+    if arguments.markdown:
+        name = arguments.chart.name if arguments.chart else "measurements.svg"
+        arguments.markdown.write_text(markdown(values, rows, name), encoding="utf-8")
+
+
+if __name__ == "__main__":
+    main()
