@@ -62,7 +62,7 @@ struct PortableKernel {
 private:
     static constexpr std::uint64_t each(char byte)
     {
-        return 0x0101010101010101 * static_cast<unsigned char>(byte);
+        return std::uint64_t{0x0101010101010101} * static_cast<unsigned char>(byte);
     }
 
     /// The first byte becomes the lowest.

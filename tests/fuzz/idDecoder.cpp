@@ -22,44 +22,22 @@ std::optional<std::string> decodeSimply(const std::string &raw)
             decoded += raw[at];
             continue;
         }
-        switch (++at < raw.size() ? raw[at] : '?') {
-        case '"':
-        case '/':
-        case '\\':
-            decoded += raw[at];
-            break;
-        case 'b':
-            decoded += '\b';
-            break;
-        case 'f':
-            decoded += '\f';
-            break;
-        case 'n':
-            decoded += '\n';
-            break;
-        case 'r':
-            decoded += '\r';
-            break;
-        case 't':
-            decoded += '\t';
-            break;
-        case 'u': {
-            const std::string digits = raw.substr(at + 1, 4);
-            if (digits.size() < 4 ||
-                digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-                return std::nullopt;
-            }
-            const unsigned long unit = std::stoul(digits, nullptr, 16);
-            if (unit / 0x800 == 0xD800 / 0x800) {
-                return std::nullopt;
-            }
-            utf8::append(static_cast<char32_t>(unit), std::back_inserter(decoded));
-            at += 4;
-            break;
+        const std::string letters = "\"/\\bfnrt", meanings = "\"/\\\b\f\n\r\t";
+        const char letter = ++at < raw.size() ? raw[at] : '?';
+        if (const std::size_t index = letters.find(letter); index != std::string::npos) {
+            decoded += meanings[index];
+            continue;
         }
-        default:
+        const std::string digits = letter == 'u' ? raw.substr(at + 1, 4) : "";
+        if (digits.size() < 4 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
             return std::nullopt;
         }
+        const unsigned long unit = std::stoul(digits, nullptr, 16);
+        if (unit / 0x800 == 0xD800 / 0x800) {
+            return std::nullopt;
+        }
+        utf8::append(static_cast<char32_t>(unit), std::back_inserter(decoded));
+        at += 4;
     }
     return decoded;
 }

@@ -2,16 +2,14 @@
 import re
 import threading
 import time
-from collections import Counter
+from collections import Counter, deque
 from contextlib import contextmanager
 from random import Random
 
 import psycopg2
 
-from conftest import Database, anonymous_memory
-from searchprocess import SearchProcess
-from test_endurance import connections_to
-from workload import ANSWERED, EXPIRED, FAILING, PAGE, SCROLL_SECONDS, TABLES, bulk_text
+from conftest import Database, SearchServer, connections_to, diagnosis, memory
+from workload import ANSWERED, EXPIRED, FAILING, NUMBERS, PAGE, SCROLL_SECONDS, TABLES, document, name_of
 
 BACKENDS = 8
 GROWTH = 2048  # KiB
@@ -29,12 +27,6 @@ OUTAGE = {
 }
 
 
-def outage_kind(state, message):
-    """The kind of an error that an outage explains, or None."""
-    kinds = (kind for pattern, kind in OUTAGE.items() if re.match(pattern, message, re.S))
-    return next(kinds, None) if state == "HV000" else None
-
-
 class Unexpected(Exception):
     """An answer or an error that is not the right one."""
 
@@ -43,19 +35,9 @@ class Session(Database):
     """A session of the run; `admin` is another one, which may interrupt it."""
 
     def __init__(self, cluster, port, admin=None):
-        super().__init__(cluster, port)
+        super().__init__(cluster, port, jit=False)
         self.admin = admin
-        # Without the expression compiler, which takes more time and memory than what is measured here.
-        self.run("SET jit = off")
-        self.run("SET client_min_messages = warning")
         self.run("SET search_path = soak")
-
-    def failure_of(self, statement, values=None):
-        """(SQLSTATE, message) of a statement that must fail."""
-        outcome = self.outcome(statement, values)
-        if not isinstance(outcome, tuple):
-            raise Unexpected(f"no error but {len(outcome)} rows")
-        return outcome
 
     def insist(self, statement):
         """Runs a statement again if it is cancelled."""
@@ -84,7 +66,7 @@ class Backend(threading.Thread):
     def __init__(self, soak, number):
         super().__init__(daemon=True, name=f"backend {number}")
         self.soak = soak
-        self.db = Session(soak.cluster, soak.search.port, soak.admin)
+        self.db = Session(soak.cluster, soak.port, soak.admin)
         self.rng = Random(number)
         self.answered, self.failed, self.outages = Counter(), Counter(), Counter()
         self.before = self.after = None
@@ -96,9 +78,9 @@ class Backend(threading.Thread):
                 self.ask(kind)
             while time.monotonic() < self.soak.deadline and not self.soak.stop.is_set():
                 if self.before is None and time.monotonic() >= self.soak.level_at:
-                    self.before = anonymous_memory(self.db.pid)
+                    self.before = memory(self.db.pid)
                 self.ask(self.rng.choice(list(FAILING if self.rng.random() < 0.1 else ANSWERED)))
-            self.after = anonymous_memory(self.db.pid)
+            self.after = memory(self.db.pid)
         except BaseException as error:  # whatever it is, the run has failed
             self.problem = f"{self.name}, {self.doing}: {type(error).__name__}: {str(error)[:1000]}"
             self.soak.stop.set()
@@ -114,122 +96,114 @@ class Backend(threading.Thread):
                     self.excuse(started, *got)
                     return
         except psycopg2.Error as error:
-            self.excuse(started, error.diag.sqlstate, error.diag.message_primary or str(error))
+            self.excuse(started, *diagnosis(error))
             return
         counts[kind] += 1
 
     def excuse(self, started, state, message):
         """Accepts an error that an outage explains."""
-        outage = outage_kind(state, message)
-        if not outage or not self.soak.was_away(started):
+        kinds = [kind for pattern, kind in OUTAGE.items() if state == "HV000" and re.match(pattern, message, re.S)]
+        if not kinds or not self.soak.was_away(started):
             raise Unexpected(f"{state} {message}")
-        self.outages[outage] += 1
+        self.outages[kinds[0]] += 1
         time.sleep(0.05)  # refusals come fast
 
 
 class Soak:
-    """One run of so many minutes on a cluster; `documents` is the path of a file to keep the documents in."""
+    """One run of so many minutes on a cluster."""
 
-    def __init__(self, cluster, documents, minutes):
-        documents.write_text(bulk_text(), encoding="utf-8")
+    def __init__(self, cluster, minutes):
         self.cluster, self.seconds = cluster, minutes * 60
-        self.search = SearchProcess(str(documents))
+        self.port, self.scrolls_opened = 0, 0
         self.stop = threading.Event()
-        self.backends, self.outages = [], []  # an outage: [killed, back or None]
-        self.problems, self.scrolls_opened = [], 0
+        self.backends, self.problems, self.outages = [], [], []  # an outage: [killed, back or None]
 
     def was_away(self, since):
         """Whether the search server was away at some time since then."""
         return any(back is None or back >= since for _, back in self.outages)
+
+    @contextmanager
+    def searching(self):
+        """Runs a search server with the documents, on the same port as before; it dies in the midst of its work."""
+        with SearchServer(port=self.port) as search:
+            search.journal = deque(maxlen=0)  # that of hours would be the largest part of the process
+            search.put_many("library", ((name_of(number), document(number)) for number in NUMBERS))
+            self.port = search.port
+            yield search
+            self.scrolls_opened += search.opened_scrolls
 
     def run(self):
         """Runs and returns the problems that there were, best none."""
         started = time.monotonic()
         self.deadline = started + self.seconds - SCROLL_SECONDS - 1
         self.level_at = started + min(60, self.seconds / 5)
-        self.search.start()
         try:
-            self.make_tables()
-            for number in range(BACKENDS):
-                self.backends.append(Backend(self, number))
-            for backend in self.backends:
-                backend.start()
-            for part in (1, 2):
-                if not self.stop.wait(started + part * self.seconds / 3 - time.monotonic()):
-                    self.restart()
-            for backend in self.backends:
-                backend.join(max(0, self.deadline - time.monotonic()) + PATIENCE)
-            self.judge()
+            for part in (1, 2, 3):
+                with self.searching() as search:
+                    if part == 1:
+                        self.begin()
+                    else:
+                        self.outages[-1][1] = time.monotonic()
+                    if part < 3:
+                        self.stop.wait(started + part * self.seconds / 3 - time.monotonic())
+                    else:
+                        for backend in self.backends:
+                            backend.join(max(0, self.deadline - time.monotonic()) + PATIENCE)
+                        self.judge(search)
+                    self.outages += [[time.monotonic(), None]] * (part < 3)
+                time.sleep(DOWN_SECONDS)
         finally:
-            self.search.kill()
-            self.clear()
+            for backend in self.backends:
+                if not backend.is_alive():
+                    backend.db.connection.close()
+            self.admin.run("DROP SCHEMA soak CASCADE")
+            self.admin.connection.close()
         return self.problems
 
-    def make_tables(self):
-        self.admin = Session(self.cluster, self.search.port)
+    def begin(self):
+        """Makes the tables and starts the backends."""
+        self.admin = Session(self.cluster, self.port)
         self.admin.run("CREATE SCHEMA soak")
         for name, options in TABLES.items():
             self.admin.make_table(name, **{"indexlist": "library", "batchsize": PAGE, "fullerrormsg": "true",
                                            **options})
         self.admin.run("CREATE TABLE wanted AS SELECT 'd' || to_char(n, 'FM0000') AS docname "
                        "FROM generate_series(0, 900, 7) n")
+        self.backends = [Backend(self, number) for number in range(BACKENDS)]
+        for backend in self.backends:
+            backend.start()
 
-    def restart(self):
-        """Kills the search server in the middle of its work and starts it again a little later."""
-        self.scrolls_opened += self.search.scrolls()[1]
-        outage = [time.monotonic(), None]
-        self.outages.append(outage)
-        self.search.kill()
-        time.sleep(DOWN_SECONDS)
-        self.search.start()
-        outage[1] = time.monotonic()
-
-    def judge(self):
+    def judge(self, search):
         """Looks for what the run has left behind."""
         for backend in self.backends:
             if backend.is_alive():
                 self.problems.append(f"{backend.name} hangs: {backend.doing}")
-            if backend.problem:
+            elif backend.problem:
                 self.problems.append(backend.problem)
         if self.problems:
             return
         for backend in self.backends:
-            if connections_to(backend.db.pid, self.search.port):
+            if connections_to(backend.db.pid, self.port):
                 self.problems.append(f"{backend.name} has a connection to the search server")
             if backend.after - backend.before > GROWTH:
                 self.problems.append(f"{backend.name} has grown from {backend.before} to {backend.after} KiB")
             if not backend.outages:
                 self.problems.append(f"{backend.name} saw no outage")
         time.sleep(SCROLL_SECONDS + 0.5)
-        left, opened = self.search.scrolls()
-        self.scrolls_opened += opened
-        if left:
-            self.problems.append(f"{left} scroll contexts are left over")
-
-    def clear(self):
-        for backend in self.backends:
-            if not backend.is_alive():
-                backend.db.connection.close()
-        self.admin.run("DROP SCHEMA soak CASCADE")
-        self.admin.connection.close()
+        if search.open_scrolls():
+            self.problems.append(f"{search.open_scrolls()} scroll contexts are left over")
 
     def summary(self):
         """The figures of the run, as text."""
-        def total(name):
-            return sum((getattr(backend, name) for backend in self.backends), Counter())
+        def listed(name):
+            counts = sum((getattr(backend, name) for backend in self.backends), Counter())
+            return f"{sum(counts.values())}: " + ", ".join(f"{kind} {count}" for kind, count in counts.items())
 
-        def listed(counts):
-            return ", ".join(f"{kind} {count}" for kind, count in counts.items()) or "none"
-
-        answered, failed, outages = total("answered"), total("failed"), total("outages")
-        interrupted = {kind: failed.pop(kind, 0) for kind in ("timed out", "cancelled")}
-        memory = ", ".join(f"{backend.before}->{backend.after}" for backend in self.backends)
+        growth = ", ".join(f"{backend.before}->{backend.after}" for backend in self.backends)
         return "\n".join([
-            f"{sum(answered.values())} queries answered, every answer right: {listed(answered)}",
-            f"{sum(failed.values())} failed as they must: {listed(failed)}",
-            f"{sum(interrupted.values())} interrupted: {listed(interrupted)}",
-            f"{len(self.outages)} restarts of the search server, {sum(outages.values())} queries hit: "
-            + listed(outages),
+            "queries answered, every answer right, " + listed("answered"),
+            "failed or interrupted as they must, " + listed("failed"),
+            f"hit by {len(self.outages)} restarts of the search server, " + listed("outages"),
             f"{self.scrolls_opened} scrolls opened, none left open",
             f"memory of each backend after {min(60, self.seconds / 5):.0f} s and at the end, in KiB, "
-            f"at most {GROWTH} more: {memory}"])
+            f"at most {GROWTH} more: {growth}"])

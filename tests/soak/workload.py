@@ -6,10 +6,10 @@ one with a pattern in place of the message.
 """
 import hashlib
 import json
-import struct
 import threading
 import time
-import zlib
+
+from conftest import unpacked
 
 WORDS = ["whale", "letter", "harbour", "winter", "garden"]
 TYPES = ["novel", "poetry", "essay"]
@@ -26,12 +26,6 @@ def document(number):
             "text": "lorem ipsum dolor sit amet " * (number % 17)}
 
 
-def bulk_text():
-    """All documents, as a bulk file."""
-    return "".join(json.dumps(line) + "\n" for number in NUMBERS
-                   for line in ({"index": {"_id": name_of(number)}}, document(number)))
-
-
 # Contexts of `pages` may be left to expire, those of `early` never: they would be there at the end.
 TABLES = {
     "found": {"batchsize": "1000"},
@@ -39,9 +33,6 @@ TABLES = {
     "pages": {"connectortype": "elasticsearchscroll", "scrolltimeout": "5s"},
     "early": {"connectortype": "elasticsearchscroll", "scrolltimeout": "12h"},
     "brief": {"connectortype": "elasticsearchscroll", "scrolltimeout": "50ms"},
-    "bad_index": {"indexlist": "nothere"},
-    "bad_level": {"compressionlevel": "10"},
-    "bad_mode": {"connectortype": "x"},
 }
 SCROLL_SECONDS = 5
 SUMMARY = "count(*)::int, md5(coalesce(string_agg(docname, ',' ORDER BY docname), ''))"
@@ -93,12 +84,7 @@ def contents(table, level):
                       ([param, f"compressionlevel={level}"], TYPES[doctype]))
         found = {}
         for name, kind, content in rows:
-            content = bytes(content)
-            if level != -2:
-                (length,) = struct.unpack("=I", content[:4])
-                content = zlib.decompress(content[4:])
-                assert len(content) == length
-            found[name] = kind, json.loads(content.decode())
+            found[name] = kind, json.loads(bytes(content).decode() if level == -2 else unpacked(content))
         right = {name_of(number): (TYPES[doctype], document(number))
                  for number in numbers if number % 3 == doctype}
         yield (len(rows), found), (len(right), right)
@@ -120,28 +106,6 @@ def rescans(db, rng):
                   "FROM unnest(%s) name", (ALL, ["d0001", "d0150", "d0599"])), [(1,), (150,), (599,)])
 
 
-def prepared(db, rng):
-    param, numbers = search_of(rng)
-    db.run(f"PREPARE asked AS SELECT {SUMMARY} FROM pages WHERE param = $1")
-    try:
-        yield db.run("EXECUTE asked (%s)", (param,)), summary(numbers)
-    finally:
-        db.run("DEALLOCATE asked")
-
-
-def cursor(db, rng):
-    param, numbers = search_of(rng)
-    rows = []
-    with db.transaction():
-        db.run("DECLARE reading CURSOR FOR SELECT docname FROM pages WHERE param = %s", (param,))
-        while True:
-            portion = db.run(f"FETCH {rng.randint(1, 170)} FROM reading")
-            if not portion:
-                break
-            rows += portion
-    yield sorted(rows), [(name_of(number),) for number in numbers]
-
-
 def left_early(db, rng):
     """The ways to leave a scroll before its end, all of which delete its context."""
     few = rng.randint(1, 450)
@@ -158,8 +122,8 @@ def left_early(db, rng):
 ANSWERED = {
     "search": search("found"), "scroll": search("pages"), "look-up": look_up("batches"),
     "look-up by scroll": look_up("pages"), "contents": contents("found", -2),
-    "packed contents": contents("pages", 5), "join": join, "rescans": rescans, "prepared": prepared,
-    "cursor": cursor, "left early": left_early,
+    "packed contents": contents("pages", 5), "join": join, "rescans": rescans,
+    "left early": left_early,
 }
 
 # ---- queries that fail ---------------------------------------------------------------------------------
@@ -170,7 +134,7 @@ EXPIRED = "ElasticSearch error, query was '', .*No search context found"
 
 def failing(statement, pattern, state="HV000", values=None):
     def run(db, rng):
-        yield db.failure_of(statement, values), (state, pattern)
+        yield db.failure(statement, values), (state, pattern)
     return run
 
 
@@ -179,7 +143,7 @@ def expired(db, rng):
         db.run("DECLARE reading CURSOR FOR SELECT docname FROM brief WHERE param = %s", (ALL,))
         db.run("FETCH 1 FROM reading")
         db.run("SELECT pg_sleep(0.1)")
-        failure = db.failure_of(f"FETCH {PAGE} FROM reading")
+        failure = db.failure(f"FETCH {PAGE} FROM reading")
     yield failure, ("HV000", EXPIRED)
 
 
@@ -192,7 +156,7 @@ def endless(table):
 def timed_out(db, rng):
     db.run(f"SET statement_timeout = {rng.randint(1, 300)}")
     try:
-        failure = db.failure_of(endless(rng.choice(["found", "pages"])))
+        failure = db.failure(endless(rng.choice(["found", "pages"])))
     finally:
         db.insist("RESET statement_timeout")  # the time-out is still in force
     yield failure, ("57014", "canceling statement due to statement timeout")
@@ -211,7 +175,7 @@ def cancelled(db, rng):
     canceller = threading.Thread(target=cancel)
     canceller.start()
     try:
-        failure = db.failure_of(endless(rng.choice(["found", "pages"])))
+        failure = db.failure(endless(rng.choice(["found", "pages"])))
     finally:
         done.set()
         canceller.join()
@@ -224,10 +188,6 @@ FAILING = {
                              "ElasticSearch error, query was '.*nonsense"),
     "refused scroll": failing("SELECT docname FROM pages WHERE param = 'query=nonsense'",
                               "ElasticSearch error, query was '.*nonsense"),
-    "missing index": failing("SELECT docname FROM bad_index WHERE docname = 'x'",
-                             "ElasticSearch error, .*index_not_found_exception"),
-    "bad option": failing("SELECT docname FROM bad_level WHERE docname = 'x'", "'compressionlevel' should"),
-    "bad mode": failing("SELECT docname FROM bad_mode WHERE docname = 'x'", "unsupported connector", "HV00D"),
     "malformed": failing("SELECT docname FROM found WHERE param = 'query'", "Malformed fdw param query "),
     "batch too small": failing("SELECT docname FROM batches WHERE param = %s",
                                "es search result bigger than batch size", values=(ALL,)),

@@ -1,8 +1,12 @@
 """What the SQL tests share: a private cluster with the module, search servers, and short ways to ask both."""
+import contextlib
 import os
 import re
+import socket
+import struct
 import sys
 import time
+import zlib
 from pathlib import Path
 
 import psycopg2
@@ -32,21 +36,54 @@ def bodies(server):
     return [request.body.decode() for request in server.take_journal()]
 
 
-def anonymous_memory(pid):
-    """The resident memory of a backend without the shared buffers that it has touched, in KiB."""
+def unpacked(value):
+    """The text of a compressed value."""
+    data = bytes(value)
+    text = zlib.decompress(data[4:])
+    assert struct.unpack("=I", data[:4]) == (len(text),)
+    return text.decode()
+
+
+def memory(pid, figure="RssAnon"):
+    """Memory of a backend in KiB: what it holds without the shared buffers, or with VmHWM the most that it ever
+    held with them."""
     status = Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
-    return int(re.search(r"^RssAnon:\s+(\d+)", status, re.M).group(1))
+    return int(re.search(rf"^{figure}:\s+(\d+)", status, re.M).group(1))
+
+
+def descriptors(pid):
+    """What the open descriptors of a process lead to."""
+    for entry in Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):
+            yield os.readlink(entry)
+
+
+def connections_to(pid, port):
+    """How many sockets of a process lead to a port of this machine."""
+    rows = [line.split() for line in Path(f"/proc/{pid}/net/tcp").read_text(encoding="ascii").splitlines()[1:]]
+    ours = {f"socket:[{row[9]}]" for row in rows if int(row[2].split(":")[1], 16) == port}
+    return sum(link in ours for link in descriptors(pid))
+
+
+def diagnosis(error):
+    """(SQLSTATE, message) of an error; the number of a node type, which the server's version decides, as N."""
+    message = error.diag.message_primary or str(error)
+    return error.diag.sqlstate, re.sub(r"clause of type \d+", "clause of type N", message)
 
 
 class Database:
-    """One session of the private cluster, in autocommit mode."""
+    """One session of the private cluster, in autocommit mode, whose tables are on the search server of a port.
 
-    def __init__(self, cluster, port, dbname="postgres"):
-        self.cluster = cluster
-        self.port = port
+    Without `jit` its time and memory are those of the module: the cost of a foreign scan always calls the
+    expression compiler in.
+    """
+
+    def __init__(self, cluster, port, dbname="postgres", jit=True):
+        self.cluster, self.port, self.log_start = cluster, port, os.path.getsize(cluster.log_path)
         self.connection = psycopg2.connect(cluster.dsn, dbname=dbname)
         self.connection.autocommit = True
         self.pid = self.connection.info.backend_pid
+        self.run("SET client_min_messages = warning" + "; SET jit = off" * (not jit))
 
     def run(self, statement, values=None):
         """Runs a statement and returns its rows, or None when it has none."""
@@ -61,17 +98,16 @@ class Database:
 
     def failure(self, statement, values=None):
         """Runs a statement that must fail and returns (SQLSTATE, message)."""
-        with pytest.raises(psycopg2.Error) as caught:
-            self.run(statement, values)
-        diagnosis = caught.value.diag
-        return diagnosis.sqlstate, diagnosis.message_primary
+        outcome = self.outcome(statement, values)
+        assert isinstance(outcome, tuple), f"no error but {outcome}"
+        return outcome
 
     def outcome(self, statement, values=None):
         """The rows of a statement, or its (SQLSTATE, message) when it fails."""
         try:
             return self.run(statement, values)
         except psycopg2.Error as error:
-            return error.diag.sqlstate, error.diag.message_primary
+            return diagnosis(error)
 
     def make_table(self, name="books", columns=COLUMNS, server="search", **options):
         """Makes a foreign table, replacing one of that name; an option of None is left out."""
@@ -83,8 +119,9 @@ class Database:
 
     def log(self):
         """What this session has written into the server log, with the SQLSTATE of each message."""
-        lines = Path(self.cluster.log_path).read_text(encoding="utf-8", errors="replace").splitlines()
-        return [line.split("] ", 1)[1] for line in lines if f" [{self.pid}] " in line]
+        with open(self.cluster.log_path, encoding="utf-8", errors="replace") as log:
+            log.seek(self.log_start)
+            return [line.rstrip("\n").split("] ", 1)[1] for line in log if f" [{self.pid}] " in line]
 
 
 def module_path():
@@ -136,11 +173,18 @@ def scripted():
         yield server
 
 
+@pytest.fixture(scope="session")
+def closed_port():
+    """A port that refuses connections."""
+    with socket.socket() as idle:
+        idle.bind(("127.0.0.1", 0))
+        yield idle.getsockname()[1]
+
+
 @pytest.fixture
 def db(cluster, search):
     """A session of its own, with the table `books` on the shared search server."""
     database = Database(cluster, search.port)
-    database.run("SET client_min_messages = warning")
     database.make_table()
     yield database
     database.connection.close()

@@ -16,11 +16,13 @@ def answer(body="", status="200 OK", headers=(), length=None):
     return lambda peer: peer.send(payload)
 
 
-def hits(*documents, total=None):
-    """The text of a search answer; a document is the text of its members, the total an object or a number."""
-    total = total or json.dumps({"value": len(documents), "relation": "eq"})
+def hits(*documents, total=None, scroll_id=None):
+    """The text of a search answer; a document is the text of its members, a total that is a text stands as it is."""
+    if not isinstance(total, str):
+        total = json.dumps({"value": len(documents) if total is None else total, "relation": "eq"})
+    start = "" if scroll_id is None else f'"_scroll_id":"{scroll_id}",'
     inner = ",".join("{" + document + "}" for document in documents)
-    return f'{{"took":1,"hits":{{"total":{total},"max_score":1.0,"hits":[{inner}]}}}}'
+    return f'{{{start}"took":1,"hits":{{"total":{total},"max_score":1.0,"hits":[{inner}]}}}}'
 
 
 def silence(peer):
@@ -37,21 +39,11 @@ def drip(peer):
 
 
 class Peer:
-    """One connection, as a script sees it: the request that came in and the means to answer."""
+    """One connection, as a script sees it: the request that came in (its raw target is `path`) and the means to
+    answer."""
 
     def __init__(self, connection):
         self._connection = connection
-        self.request_line, self.headers, self.body = "", [], b""
-
-    @property
-    def verb(self):
-        """The method of the request."""
-        return self.request_line.split(" ")[0]
-
-    @property
-    def path(self):
-        """The raw target of the request."""
-        return self.request_line.split(" ")[1]
 
     def read_request(self):
         """Reads one request; False when the connection ends before one is complete."""
@@ -63,6 +55,7 @@ class Peer:
             data += chunk
         head, _, self.body = data.partition(b"\r\n\r\n")
         self.request_line, *lines = head.decode().split("\r\n")
+        self.verb, self.path, _ = self.request_line.split(" ")
         self.headers = [tuple(line.split(":", 1)) for line in lines]
         length = next((int(value) for name, value in self.headers if name.lower() == "content-length"), 0)
         while len(self.body) < length:
@@ -98,12 +91,12 @@ class ScriptedServer:
     """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection.
 
     `requests` holds the peers whose request has been read, in order. `script` may be replaced at any time.
+    With an `ssl.SSLContext` it speaks TLS.
     """
 
-    def __init__(self, script):
-        self.script = script
-        self.requests = []
-        self._connections = []
+    def __init__(self, script, context=None):
+        self.script, self._context = script, context
+        self.requests, self._connections = [], []
 
     def __enter__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
@@ -133,6 +126,8 @@ class ScriptedServer:
                 connection, _ = self._listener.accept()
             except OSError:
                 return
+            if self._context:
+                connection = self._context.wrap_socket(connection, server_side=True, do_handshake_on_connect=False)
             self._connections.append(connection)
             threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
 

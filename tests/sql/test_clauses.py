@@ -1,6 +1,5 @@
 """Which conditions of a WHERE clause steer the search, and with what values; the request is the witness."""
 import json
-import re
 
 import pytest
 
@@ -16,14 +15,7 @@ NO_REQUEST = []
 
 
 def unreadable(column):
-    return ("HV000", re.compile(rf"fail to extract clause of type \d+ for {column}"))
-
-
-def same(outcome, expected):
-    """Compares an outcome with the expected one, whose message may be a pattern."""
-    if isinstance(outcome, tuple) and isinstance(expected, tuple) and isinstance(expected[1], re.Pattern):
-        return outcome[0] == expected[0] and expected[1].fullmatch(outcome[1])
-    return outcome == expected
+    return ("HV000", f"fail to extract clause of type N for {column}")
 
 
 def ids(outcome):
@@ -34,12 +26,12 @@ def ids(outcome):
 
 
 def types(outcome):
-    """The document types that the only request of an outcome filters on, None without a filter."""
+    """The document types that the only request of an outcome filters on, None without a filter; or the error."""
     if isinstance(outcome, tuple):
         return outcome
     (body,) = outcome
     query = json.loads(body)["query"]
-    return query["bool"]["filter"]["terms"]["type"] if isinstance(query, dict) else None
+    return sorted(query["bool"]["filter"]["terms"]["type"]) if isinstance(query, dict) else None
 
 
 DOCNAME = [
@@ -60,9 +52,7 @@ DOCNAME = [
     ("docname = 'x' AND docname = ANY('{x}')", ["x", "x"]),
     ("docname = ANY('{}') AND docname = 'x'", ["x"]),
     # A list that is there but empty finds nothing, and asks nothing.
-    ("docname = ANY('{}')", NO_REQUEST),
-    ("docname = ANY('{NULL}')", NO_REQUEST),
-    ("docname = ANY('{{x,y},{z,w}}')", NO_REQUEST),
+    *[(f"docname = ANY('{array}')", NO_REQUEST) for array in ("{}", "{NULL}", "{{x,y},{z,w}}")],
     # What is not recognised stays with the server, beside what is.
     ("docname = 'x' AND docname LIKE 'x%' AND score IS NULL AND docname <> 'y'", ["x"]),
     *[(clause, NEED) for clause in (
@@ -71,41 +61,41 @@ DOCNAME = [
         "docname || '' = 'x'", "docname = (SELECT 'x' || random())",
         "docname = ANY(ARRAY(SELECT 'x' || random()))", "docname = ANY(ARRAY['x', doctype])", "score = 1",
         "score = 1 OR doctype IS NULL", "doctype = 'x'")],
-    ("docname = 'x' OR score = 1", MIXED),
-    ("docname = 'x' OR doctype = 'y'", MIXED),
-    ("docname = 'x' OR docname LIKE 'y%'", MIXED),
-    ("docname = 'x' OR (docname = 'y' AND score = 1)", MIXED),
-    ("docname = ANY('{x}') OR docname <> 'y'", MIXED),
-    ("docname = doctype", unreadable("docname")),
+    *[(clause, MIXED) for clause in (
+        "docname = 'x' OR score = 1", "docname = 'x' OR doctype = 'y'", "docname = 'x' OR docname LIKE 'y%'",
+        "docname = 'x' OR (docname = 'y' AND score = 1)", "docname = ANY('{x}') OR docname <> 'y'")],
+    *[(clause, unreadable("docname")) for clause in (
+        "docname = doctype", "docname = upper(doctype)", "docname = current_setting('application_name')",
+        "docname = 'x' OR docname = doctype || 'y'")],
     ("doctype = docname", unreadable("doctype")),
-    ("docname = upper(doctype)", unreadable("docname")),
-    ("docname = current_setting('application_name')", unreadable("docname")),
-    ("docname = 'x' OR docname = doctype || 'y'", unreadable("docname")),
     ("param = current_setting('application_name')", unreadable("param")),
 ]
 
 
+def wrong(sent, table, shown):
+    """The rows of a table of clauses whose outcome is not shown to be the expected one."""
+    outcomes = ((clause, expected, shown(sent(f"SELECT docname FROM books WHERE {clause}")))
+                for clause, expected in table)
+    return [row for row in outcomes if row[1] != row[2]]
+
+
 def test_docname_clauses(sent):
-    wrong = []
-    for clause, expected in DOCNAME:
-        outcome = ids(sent(f"SELECT docname FROM books WHERE {clause}"))
-        if not same(outcome, expected):
-            wrong.append((clause, outcome, expected))
-    assert not wrong
+    assert wrong(sent, DOCNAME, ids) == []
 
 
-@pytest.mark.parametrize("clause, expected", [
+DOCTYPE = [
     ("true", None),
     ("doctype = 'x'", ["x"]),
-    ("doctype IN ('x', 'y') AND 'z' = doctype", ["z", "x", "y"]),
+    ("doctype IN ('x', 'y') AND 'z' = doctype", ["x", "y", "z"]),
     ("doctype = 'x' OR doctype = 'y'", ["x", "y"]),
     ("doctype = ANY('{}')", None),
     ("doctype <> 'x'", None),
     ("doctype = 'x' OR doctype IS NULL", MIXED),
-])
-def test_doctype_clauses(sent, clause, expected):
-    outcome = types(sent(f"SELECT docname FROM books WHERE {QUERY} AND ({clause})"))
-    assert sorted(outcome or []) == sorted(expected or [])
+]
+
+
+def test_doctype_clauses(sent):
+    assert wrong(sent, [(f"{QUERY} AND ({clause})", expected) for clause, expected in DOCTYPE], types) == []
 
 
 PARAM = [
@@ -136,12 +126,9 @@ PARAM = [
 
 
 def test_param_clauses(sent):
-    wrong = []
-    for clause, expected in PARAM:
-        outcome = sent(f"SELECT docname FROM books WHERE {clause}")
-        if outcome != (expected if isinstance(expected, tuple) else ["{" + expected + ',"_source":false}']):
-            wrong.append((clause, outcome, expected))
-    assert not wrong
+    table = [(clause, expected if isinstance(expected, tuple) else ["{" + expected + ',"_source":false}'])
+             for clause, expected in PARAM]
+    assert wrong(sent, table, lambda outcome: outcome) == []
 
 
 # What a prepared statement does when the plan knows the values, and when it has only the parameters.
@@ -171,8 +158,7 @@ def test_parameters(db, sent, signature, clause, values, known, unknown):
                                   ("force_custom_plan", 2, (known,))):
         db.run(f"SET plan_cache_mode = {mode}")
         outcomes = [ids(sent(f"EXECUTE p({values})")) for _ in range(times)]
-        assert all(any(same(outcome, each) for each in expected) for outcome in outcomes), (mode, outcomes)
-        assert same(outcomes[0], expected[0])
+        assert all(outcome in expected for outcome in outcomes) and outcomes[0] == expected[0], (mode, outcomes)
 
 
 def test_parameters_of_param_and_doctype(db, sent):
@@ -181,13 +167,6 @@ def test_parameters_of_param_and_doctype(db, sent):
     for doctype, expected in (("'x'", ["x"]), ("NULL", None)):
         assert types(sent(f"""EXECUTE p('{{"query=\\"q\\""}}', {doctype})""")) == expected
     assert sent("EXECUTE p('{size}', 'x')") == ("HV000", "Malformed fdw param size ")
-
-
-def test_parameters_of_a_function(db, sent):
-    db.run("CREATE OR REPLACE FUNCTION pg_temp.names(wanted text) RETURNS SETOF text LANGUAGE plpgsql AS "
-           "$$ BEGIN RETURN QUERY SELECT docname FROM books WHERE docname = wanted; END $$")
-    for number in range(7):
-        assert ids(sent(f"SELECT pg_temp.names('x{number}')")) == [f"x{number}"]
 
 
 def test_constants_reach_the_search_through_a_join(db, sent):
@@ -208,7 +187,7 @@ def test_constants_reach_the_search_through_a_join(db, sent):
 ])
 def test_column_types(db, sent, scripted, columns, select, clause, expected):
     db.make_table(columns=columns, port=scripted.port)
-    assert same(ids(sent(f"SELECT {select} FROM books WHERE {clause}")), expected)
+    assert ids(sent(f"SELECT {select} FROM books WHERE {clause}")) == expected
 
 
 def test_only_what_the_search_does_not_do_is_filtered_here(db):

@@ -1,14 +1,12 @@
 """What a server object and a user mapping add to the requests: time-outs, TLS, credentials."""
 import base64
-import http.server
 import ssl
 import subprocess
-import threading
 import time
 
 import pytest
 
-from scriptedserver import answer, hits, silence
+from scriptedserver import ScriptedServer, answer, hits, silence
 
 QUERY = "SELECT docname FROM {} WHERE param = 'query=q'"
 HIT = '"_id":"a","_score":1'
@@ -20,37 +18,16 @@ def remote(db):
     """remote(options, mapping, **table options): the table `far` on a server object of its own."""
     def make(options="", mapping=None, user="CURRENT_USER", **table):
         db.run("DROP SERVER IF EXISTS far CASCADE")
-        db.run(f"CREATE SERVER far FOREIGN DATA WRAPPER veltranepgfdw OPTIONS ({options})" if options
-               else "CREATE SERVER far FOREIGN DATA WRAPPER veltranepgfdw")
+        db.run(f"CREATE SERVER far FOREIGN DATA WRAPPER veltranepgfdw {options and f'OPTIONS ({options})'}")
         if mapping is not None:
-            db.run(f"CREATE USER MAPPING FOR {user} SERVER far OPTIONS ({mapping})")
+            db.run(f"CREATE USER MAPPING FOR {user} SERVER far {mapping and f'OPTIONS ({mapping})'}")
         db.make_table("far", server="far", **table)
     yield make
     db.run("DROP SERVER IF EXISTS far CASCADE")
 
 
-NUMBER = "a whole number of milliseconds from 1 to 2147483647"
-FILE = "the absolute path of a file that the server can read"
-KEY = "an encoded key without blanks and control characters"
-NAME = "a name without colons, blanks and control characters"
-
-
-@pytest.mark.parametrize("options, mapping, message", [
-    *((f"{name} '{value}'", None, f"option '{name}' takes {NUMBER}") for name in ("timeout", "connecttimeout")
-      for value in ("", "0", "-1", "1s", "2147483648", "99999999999999999999", "1.5")),
-    *((f"tlsverify '{value}'", None, "option 'tlsverify' takes 'true' or 'false'") for value in ("", "TRUE", "off")),
-    *((f"cafile '{value}'", None, f"option 'cafile' takes {FILE}") for value in ("", "ca.pem", "/no/such/file")),
-    *(("", f"username '{value}'", f"option 'username' takes {NAME}") for value in ("", "a:b", "a b")),
-    *(("", f"apikey '{value}'", f"option 'apikey' takes {KEY}") for value in ("", f"{SECRET} x", f"{SECRET}\r\nX: y")),
-    ("", f"password '{SECRET}'", "option 'password' takes effect only with option 'username'"),
-    ("", f"username 'u', apikey '{SECRET}'", "options 'username' and 'apikey' exclude each other")])
-def test_values_that_options_do_not_take(db, remote, options, mapping, message):
-    remote(options, mapping, port=1)
-    assert db.failure(QUERY.format("far")) == ("HV000", message)
-
-
 def authorization(peer):
-    return dict(peer.headers).get("Authorization", "none").strip()
+    return dict(peer.headers).get("Authorization", "").strip() or None
 
 
 def basic(user, password):
@@ -58,24 +35,20 @@ def basic(user, password):
 
 
 @pytest.mark.parametrize("mapping, user, sent", [
-    (None, None, None), ("", "CURRENT_USER", None), ("nonsense 'x'", "CURRENT_USER", None),
+    (None, "", None), ("", "CURRENT_USER", None), ("nonsense 'x'", "CURRENT_USER", None),
     (f"username 'me', password '{SECRET}'", "CURRENT_USER", basic("me", SECRET)),
-    ("username 'me'", "PUBLIC", basic("me", "")), ("username 'me', password 'pä:s s'", "PUBLIC", basic("me", "pä:s s")),
+    ("username 'me'", "PUBLIC", basic("me", "")),
+    ("username 'me', password 'pä:s s'", "PUBLIC", basic("me", "pä:s s")),
     (f"apikey '{SECRET}'", "CURRENT_USER", f"ApiKey {SECRET}"), (f"apikey '{SECRET}'", "PUBLIC", f"ApiKey {SECRET}")])
 def test_credentials(db, remote, scripted, mapping, user, sent):
     """They go out in a header of each request, and nowhere else."""
-    total = '{"_scroll_id":"x",' + hits(HIT, total="2")[1:]
-    scripted.script = answer(total)
-    if mapping == "":
-        remote(port=scripted.port, connectortype="elasticsearchscroll")
-        db.run("CREATE USER MAPPING FOR CURRENT_USER SERVER far")
-    else:
-        remote("", mapping, user, port=scripted.port, connectortype="elasticsearchscroll")
+    scripted.script = answer(hits(HIT, total=2, scroll_id="x"))
+    remote("", mapping, user, port=scripted.port, connectortype="elasticsearchscroll")
     assert db.run(QUERY.format("far") + " LIMIT 1") == [("a",)]
     assert len(db.run(QUERY.format("far"))) == 2
-    assert [peer.request_line.split()[0] for peer in scripted.requests] == ["POST", "DELETE", "POST", "GET"]
+    assert [peer.verb for peer in scripted.requests] == ["POST", "DELETE", "POST", "GET"]
     for peer in scripted.requests:
-        assert authorization(peer) == (sent or "none")
+        assert authorization(peer) == sent
         assert SECRET not in peer.request_line and SECRET not in peer.body.decode()
 
 
@@ -116,6 +89,7 @@ def test_timeouts(db, remote, scripted):
         begin = time.monotonic()
         assert db.failure(QUERY.format("far")) == ("HV000", "Curl error (28)")
         assert 0.25 < time.monotonic() - begin < 1.5
+    assert len(scripted.requests) == 2
 
 
 # ---- TLS -------------------------------------------------------------------------------------------------
@@ -146,41 +120,6 @@ def certificates(tmp_path_factory):
     return folder
 
 
-@pytest.fixture
-def tls_server(certificates):
-    """tls_server(name): the port of a TLS server with that certificate; tls_server.headers: what it received."""
-    started = []
-
-    class Handler(http.server.BaseHTTPRequestHandler):
-        def do_POST(self):
-            self.rfile.read(int(self.headers["Content-Length"]))
-            start.headers.append(dict(self.headers))
-            body = hits(HIT).encode()
-            self.send_response(200)
-            self.send_header("Content-Length", str(len(body)))
-            self.end_headers()
-            self.wfile.write(body)
-
-        def log_message(self, *arguments):
-            pass
-
-    def start(name):
-        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(certificates / f"{name}.crt", certificates / f"{name}.key")
-        server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
-        server.handle_error = lambda *arguments: None
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        started.append(server)
-        return server.server_port
-
-    start.headers = []
-    yield start
-    for server in started:
-        server.shutdown()
-        server.server_close()
-
-
 REFUSED = ("HV000", "Curl error (60)")
 
 
@@ -189,10 +128,11 @@ REFUSED = ("HV000", "Curl error (60)")
     ("good", "", REFUSED), ("good", "cafile '{}/wrong.pem'", REFUSED),
     ("expired", "cafile '{}/right.pem'", REFUSED), ("elsewhere", "cafile '{}/right.pem'", REFUSED),
     ("expired", "tlsverify 'false'", [("a",)]), ("elsewhere", "tlsverify 'false'", [("a",)])])
-def test_tls(db, remote, tls_server, certificates, certificate, options, outcome):
-    remote(options.format(certificates), f"apikey '{SECRET}'", address="https://127.0.0.1",
-           port=tls_server(certificate))
-    assert db.outcome(QUERY.format("far")) == outcome
-    # Credentials go out to a server that proved itself, or for which proof was waived, and to no other.
-    assert [headers.get("Authorization") for headers in tls_server.headers] == (
-        [f"ApiKey {SECRET}"] if outcome != REFUSED else [])
+def test_tls(db, remote, certificates, certificate, options, outcome):
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(certificates / f"{certificate}.crt", certificates / f"{certificate}.key")
+    with ScriptedServer(answer(hits(HIT)), context) as server:
+        remote(options.format(certificates), f"apikey '{SECRET}'", address="https://127.0.0.1", port=server.port)
+        assert db.outcome(QUERY.format("far")) == outcome
+        # Credentials go out to a server that proved itself, or for which proof was waived, and to no other.
+        assert [authorization(peer) for peer in server.requests] == [f"ApiKey {SECRET}"] * (outcome != REFUSED)

@@ -2,7 +2,6 @@
 
 import http.client
 import json
-import pathlib
 import re
 import signal
 import subprocess
@@ -10,12 +9,9 @@ import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-RECORDINGS = pathlib.Path(__file__).resolve().parents[1] / "data" / "recordings"
-sys.path.insert(0, str(ROOT / "demo"))
+from conftest import ROOT, SearchServer
 
-from searchserver import SearchServer  # noqa: E402
-
+RECORDINGS = ROOT / "tests" / "data" / "recordings"
 JSON = {"Content-Type": "application/json"}
 UNSUPPORTED = ("v8-", "terms-aggregation")
 
@@ -32,10 +28,15 @@ def send(server, path, body=None, method="POST", headers=JSON):
         connection.close()
 
 
-def find(server, body, path="/books//_search"):
-    status, _, text = send(server, path, body)
+def ask(server, path, body=None, method="POST"):
+    """The answer to a request that succeeds."""
+    status, _, text = send(server, path, body, method, JSON if body is not None else {})
     assert status == 200, text
-    return json.loads(text)["hits"]
+    return json.loads(text)
+
+
+def find(server, body, path="/books//_search"):
+    return ask(server, path, body)["hits"]
 
 
 def ids(hits):
@@ -86,16 +87,16 @@ def shape(value, key=None):
 
 
 def masked(value):
-    """An error without names that a server makes up and texts that come from its libraries."""
+    """An error without names that a server makes up and texts that come from its libraries; the two shards of
+    the recorded index, and their numbers, count as one."""
     if isinstance(value, dict):
         from_library = str(value.get("type", "")).startswith(("json_", "array_index_"))
         hidden = {"node", "index_uuid", "reason"} if from_library else {"node", "index_uuid"}
         return {name: None if name in hidden else masked(inner) for name, inner in value.items()}
-    return [masked(inner) for inner in value] if isinstance(value, list) else value
-
-
-def test_recordings_are_there():
-    assert len(RECORDED) > 25
+    if isinstance(value, list):
+        items = [masked(inner) for inner in value]
+        return [item for place, item in enumerate(items) if item not in items[:place]]
+    return re.sub(r" for id \[\d+\]$", " for id []", value) if isinstance(value, str) else value
 
 
 @pytest.mark.parametrize("name", [name for name in RECORDED if name not in SCROLLS + WIDE])
@@ -122,24 +123,13 @@ def test_answers_like_the_recording(recorded_server, name):
             assert {**mine[hit["_id"]], "_score": 0} == {**hit, "_score": 0}
         for doc_id, raw in recorded_sources(recorded["response"]).items():
             assert sources.get(doc_id, raw) == raw
-    if name == "ids-emoji":
-        assert '"_id":"\\uD83D\\uDC0B"' in text
-
-
-def once(error):
-    """A masked error in which the two shards of the recorded index, and their numbers, count as one."""
-    if isinstance(error, dict):
-        return {name: once(inner) for name, inner in error.items()}
-    if isinstance(error, list):
-        items = [once(inner) for inner in error]
-        return [item for place, item in enumerate(items) if item not in items[:place]]
-    return re.sub(r" for id \[\d+\]$", " for id []", error) if isinstance(error, str) else error
+    assert name != "ids-emoji" or '"_id":"\\uD83D\\uDC0B"' in text
 
 
 def test_scrolls_like_the_recordings(recorded_server):
     opened = recorded_server.opened_scrolls
     # No recording tells how the scroll of "body-2" began; its page is the last ten of 250 hits.
-    first = json.loads(send(recorded_server, "/books/_search?scroll=1m", {"size": 240})[2])
+    first = ask(recorded_server, "/books/_search?scroll=1m", {"size": 240})
     known = {json.loads(recording("scroll-body-2")["request"]["body"])["scroll_id"]: first["_scroll_id"]}
     pages, recorded_pages = [], []
     for name in SCROLLS:
@@ -148,15 +138,14 @@ def test_scrolls_like_the_recordings(recorded_server):
         for theirs, ours in known.items():
             path, body = path.replace(theirs, ours), body.replace(theirs, ours)
         # None of the requests that carry no body says of what type it is.
-        status, headers, text = send(recorded_server, path, body or None, recorded["request"]["method"],
-                                     JSON if body else {})
+        status, _, text = send(recorded_server, path, body or None, recorded["request"]["method"],
+                               JSON if body else {})
         ours, theirs = json.loads(text), json.loads(recorded["response"])
-        assert (name, status, headers["content-type"]) == (
-            name, recorded["status"], recorded["headers"]["content-type"])
+        assert (name, status) == (name, recorded["status"])
         if "hits" not in theirs:
             ours, theirs = ({**answer, "num_freed": answer.get("num_freed", 0) > 0}
                             for answer in (ours, theirs))
-            assert once(masked(ours)) == once(masked(theirs))
+            assert masked(ours) == masked(theirs)
             continue
         assert shape(ours) == shape(theirs)
         known[theirs["_scroll_id"]] = ours["_scroll_id"]
@@ -177,13 +166,12 @@ def test_scroll_ids_like_the_recordings():
         for indices, name in (("wide0,wide1", "scroll-1"), ("wide*", WIDE[0])):
             text = send(server, f"/{indices}/_search?scroll=1m", {})[2]
             recorded = recording(name)["response"]
-            assert text.index('"took"') == recorded.index('"took"')
-            assert text[:60] == recorded[:60]
+            assert text.index('"took"') == recorded.index('"took"') and text[:60] == recorded[:60]
         scroll_id = json.loads(text)["_scroll_id"]
         status, _, text = send(server, f"/_search/scroll?scroll=1m&scroll_id={scroll_id}", None, "GET", {})
         refused = recording(WIDE[1])
         assert (status, text) == (refused["status"], refused["response"])
-        assert json.loads(send(server, "/_search/scroll", {"scroll_id": [scroll_id]}, "DELETE")[2]) == {
+        assert ask(server, "/_search/scroll", {"scroll_id": [scroll_id]}, "DELETE") == {
             "succeeded": True, "num_freed": 60}
         assert server.open_scrolls() == 1
 
@@ -217,25 +205,18 @@ MATCH_WHALE = {"match": {"text": "whale"}}
     ({"match_all": {}}, ["whale", "pond", "café", "blank"]),
     (MATCH_WHALE, ["whale", "pond"]),
     ({"match": {"text": {"query": "WHALE ship", "operator": "and"}}}, ["pond"]),
-    ({"match": {"text": "字"}}, ["café"]),
     ({"match": {"text": "don't"}}, ["café"]),
     ({"match": {"title": "cafe"}}, []),
-    ({"match": {"text": "!?"}}, []),
-    ({"match": {"text": "\" OR whale"}}, ["whale", "pond"]),
     ({"match": {"year": "1851"}}, ["whale"]),
     ({"match": {"author.name": "henry"}}, ["pond"]),
     ({"term": {"tags": "hunt"}}, ["whale"]),
     ({"term": {"title.keyword": "Nothing"}}, ["blank"]),
-    ({"term": {"title.keyword": "nothing"}}, []),
-    ({"term": {"sold": {"value": True}}}, ["café"]),
     ({"terms": {"_id": ["blank", "café", "nope", "blank"]}}, ["café", "blank"]),
-    ({"terms": {"type": ["essay", "poem"]}}, ["pond"]),
     ({"ids": {"values": ["pond"]}}, ["pond"]),
     ({"range": {"year": {"gt": 1851, "lte": "1990.5"}}}, ["pond", "café"]),
     ({"range": {"title.keyword": {"lt": "L"}}}, ["café"]),
     ({"prefix": {"title": "whi"}}, ["whale"]),
     ({"exists": {"field": "year"}}, ["whale", "pond", "café"]),
-    ({"exists": {"field": "author"}}, ["whale", "pond"]),
     ({"bool": {"must": MATCH_WHALE, "filter": [{"term": {"type": "essay"}}]}}, ["pond"]),
     ({"bool": {"must_not": MATCH_WHALE}}, ["café", "blank"]),
     ({"bool": {"should": [{"term": {"type": "essay"}}, {"term": {"sold": True}}]}}, ["pond", "café"]),
@@ -253,121 +234,97 @@ def test_query(server, query, expected):
 
 
 def test_scores(server):
-    filtered = find(server, {"query": {"bool": {"filter": {"match_all": {}}}}})
-    assert filtered["max_score"] == 0.0
+    assert find(server, {"query": {"bool": {"filter": {"match_all": {}}}}})["max_score"] == 0.0
     assert find(server, {"query": {"bool": {}}})["max_score"] == 1.0
     first, second = find(server, {"query": MATCH_WHALE})["hits"]
     assert first["_score"] > second["_score"] > 0
 
 
-@pytest.mark.parametrize("given, expected", [
+SOURCES = [
     (False, None),
     (True, BOOKS["whale"]),
-    ("type", {"type": "novel"}),
     (["title", "author.b*"], {"title": "The white whale", "author": {"born": 1819}}),
     ({"includes": ["t*"], "excludes": ["text"]},
      {"title": "The white whale", "type": "novel", "tags": ["sea", "hunt"]}),
     ({"include": "author", "exclude": "*.name"}, {"author": {"born": 1819}}),
     ({"excludes": ["text", "tags", "author", "year"]}, {"title": "The white whale", "type": "novel"}),
-    ({"includes": ["nothing"]}, {}),
-], ids=str)
-def test_source_filter(server, given, expected):
-    hit, = find(server, {"query": {"ids": {"values": "whale"}}, "_source": given})["hits"]
-    assert hit.get("_source") == expected
-
-
+]
 LONG = "One whale came first. " + "Then a calm grey winter followed them all. " * 4 + "The last whale left."
-
-
-@pytest.mark.parametrize("query, highlight, expected", [
-    (MATCH_WHALE, {"fields": {"text": {}, "title": {}}},
+HIGHLIGHTS = [
+    ("books", MATCH_WHALE, {"fields": {"text": {}, "title": {}}},
      {"text": ["A <em>whale</em>, a <em>whale</em>! The sea hid the <em>Whale</em>."]}),
-    (MATCH_WHALE,
+    ("books", MATCH_WHALE,
      {"fields": {"t*": {}}, "require_field_match": False, "pre_tags": ["<b>"], "post_tags": ["</b>"]},
      {"title": ["The white <b>whale</b>"],
       "text": ["A <b>whale</b>, a <b>whale</b>! The sea hid the <b>Whale</b>."]}),
-    (MATCH_WHALE, {"fields": [{"text": {"fragment_size": 15, "number_of_fragments": 2}}]},
+    ("books", MATCH_WHALE, {"fields": [{"text": {"fragment_size": 15, "number_of_fragments": 2}}]},
      {"text": ["A <em>whale</em>, a", "<em>whale</em>!"]}),
-    ({"bool": {"filter": {"prefix": {"title": "whi"}}, "must_not": {"term": {"title": "pond"}}}},
+    ("books", {"bool": {"filter": {"prefix": {"title": "whi"}}, "must_not": {"term": {"title": "pond"}}}},
      {"fields": {"title": {}}}, {"title": ["The <em>white</em> whale"]}),
-    ({"match_all": {}}, {"fields": {"title": {}}}, None),
-], ids=str)
-def test_highlight(server, query, highlight, expected):
-    assert find(server, {"query": query, "highlight": highlight})["hits"][0].get("highlight") == expected
-
-
-def test_highlight_cuts_a_long_text_into_fragments(server):
-    server.put("long", "1", {"text": LONG})
-
-    def fragments(options):
-        request = {"query": MATCH_WHALE, "highlight": {"fields": {"text": options}}}
-        hit, = find(server, request, "/long/_search")["hits"]
-        return hit["highlight"]["text"]
-
-    first, second = fragments({})
-    assert first.startswith("One <em>whale</em>") and second == "The last <em>whale</em> left."
-    assert fragments({"number_of_fragments": 0}) == [LONG.replace("whale", "<em>whale</em>")]
-
-
-@pytest.mark.parametrize("sort, expected", [
+    ("books", {"match_all": {}}, {"fields": {"title": {}}}, None),
+    ("long", MATCH_WHALE, {"fields": {"text": {}}},
+     {"text": ["One <em>whale</em> came first. Then a calm grey winter followed them all.", "The last <em>whale</em> left."]}),
+    ("long", MATCH_WHALE, {"fields": {"text": {"number_of_fragments": 0}}},
+     {"text": [LONG.replace("whale", "<em>whale</em>")]}),
+]
+SORTS = [
     ("year", [("whale", 1851), ("pond", 1854), ("café", 1990.5), ("blank", 2 ** 63 - 1)]),
     ([{"year": {"order": "desc"}}], [("café", 1990.5), ("pond", 1854), ("whale", 1851), ("blank", -2 ** 63)]),
     ({"title.keyword": "desc"},
      [("whale", "The white whale"), ("blank", "Nothing"), ("pond", "Life at a pond"), ("café", "Café talk")]),
-], ids=str)
-def test_sort(server, sort, expected):
-    hits = find(server, {"sort": sort})
-    assert [(hit["_id"], *hit["sort"]) for hit in hits["hits"]] == expected
-    assert hits["max_score"] is None and all(hit["_score"] is None for hit in hits["hits"])
-    assert find(server, {"sort": sort, "track_scores": True})["max_score"] == 1.0
+]
+INDICES = [
+    ("books,notes/_search", ["whale", "pond", "café", "blank", "n1"]),
+    ("notes,books//_search/", ["n1", "whale", "pond", "café", "blank"]),
+    ("n*/_search", ["n1"]),
+    ("empty/_search", []),
+]
 
 
-@pytest.mark.parametrize("path, expected", [
-    ("/books,notes/_search", ["whale", "pond", "café", "blank", "n1"]),
-    ("/notes,books//_search/", ["n1", "whale", "pond", "café", "blank"]),
-    ("/n*/_search", ["n1"]),
-    ("/n%2A/_search", ["n1"]),
-    ("/nothing*/_search", []),
-    ("/empty/_search", []),
-])
-def test_several_indices(server, path, expected):
-    assert ids(find(server, {}, path)) == expected
+def test_parts_of_a_search(server):
+    server.put("long", "1", {"text": LONG})
+    for wanted, expected in SOURCES:
+        hit, = find(server, {"query": {"ids": {"values": "whale"}}, "_source": wanted})["hits"]
+        assert (wanted, hit.get("_source")) == (wanted, expected)
+    for index, query, highlight, expected in HIGHLIGHTS:
+        hit = find(server, {"query": query, "highlight": highlight}, f"/{index}/_search")["hits"][0]
+        assert (highlight, hit.get("highlight")) == (highlight, expected)
+    for sort, expected in SORTS:
+        hits = find(server, {"sort": sort})
+        assert [(hit["_id"], *hit["sort"]) for hit in hits["hits"]] == expected
+        assert hits["max_score"] is None and all(hit["_score"] is None for hit in hits["hits"])
+        assert find(server, {"sort": sort, "track_scores": True})["max_score"] == 1.0
+    for path, expected in INDICES:
+        assert (path, ids(find(server, {}, "/" + path))) == (path, expected)
 
 
-def test_pages_and_totals():
-    documents = [(str(number), {"n": number}) for number in range(10001)]
-    with SearchServer() as new, SearchServer(total="number") as old:
-        for server in (new, old):
-            server.put_many("many", documents)
-        cases = [({}, {"value": 10000, "relation": "gte"}, 10001),
-                 ({"track_total_hits": True}, {"value": 10001, "relation": "eq"}, 10001),
-                 ({"track_total_hits": 5}, {"value": 5, "relation": "gte"}, 10001),
-                 ({"track_total_hits": False}, None, -1)]
-        for body, new_total, old_total in cases:
-            page = find(new, {**body, "from": 9997, "size": 3}, "/many/_search")
-            assert page.get("total") == new_total and ids(page) == ["9997", "9998", "9999"]
-            assert find(old, body, "/many//_search")["total"] == old_total
-
-
-def scroll_page(server, scroll_id, scroll="1m"):
-    """(status, ids or None) of the next page."""
-    status, _, text = send(server, "/_search/scroll", {"scroll_id": scroll_id, "scroll": scroll})
-    return status, ids(json.loads(text)["hits"]) if status == 200 else None
-
-
-@pytest.mark.parametrize("total", ["object", "number"])
-def test_a_scroll_shows_what_was_there_when_it_began(total):
-    with SearchServer(total=total) as server:
+@pytest.fixture(scope="module", params=["object", "number"])
+def many(request):
+    """A server with more documents than a search counts."""
+    with SearchServer(total=request.param) as server:
         server.put_many("many", [(f"{number:05}", {"n": number}) for number in range(10001)])
-        text = send(server, "/many/_search/?scroll=1m", {"size": 10000, "sort": "n"})[2]
-        found = json.loads(text)
-        assert found["hits"]["total"] == ({"value": 10001, "relation": "eq"} if total == "object" else 10001)
-        server.put_many("many", [("10000", {"n": 0}), ("10001", {"n": 1})])
-        path = f"/_search/scroll?scroll=1m&scroll_id={found['_scroll_id']}"
-        for expected in ([("10000", {"n": 10000})], []):
-            page = json.loads(send(server, path, None, "GET", {})[2])
-            assert [(hit["_id"], hit["_source"]) for hit in page["hits"]["hits"]] == expected
-            assert page["hits"]["total"] == found["hits"]["total"]
+        yield server
+
+
+@pytest.mark.parametrize("tracking, new, old", [
+    ({}, {"value": 10000, "relation": "gte"}, 10001),
+    ({"track_total_hits": True}, {"value": 10001, "relation": "eq"}, 10001),
+    ({"track_total_hits": 5}, {"value": 5, "relation": "gte"}, 10001),
+    ({"track_total_hits": False}, None, -1)])
+def test_pages_and_totals(many, tracking, new, old):
+    page = find(many, {**tracking, "from": 9997, "size": 3}, "/many//_search")
+    assert page.get("total") == (new if many.total == "object" else old)
+    assert ids(page) == ["09997", "09998", "09999"]
+
+
+def test_a_scroll_shows_what_was_there_when_it_began(many):
+    found = ask(many, "/many/_search/?scroll=1m", {"size": 10000, "sort": "n"})
+    assert found["hits"]["total"] == ({"value": 10001, "relation": "eq"} if many.total == "object" else 10001)
+    many.put_many("many", [("10000", {"n": 0}), ("10001", {"n": 1})])
+    for expected in ([("10000", {"n": 10000})], []):
+        page = ask(many, f"/_search/scroll?scroll=1m&scroll_id={found['_scroll_id']}", method="GET")["hits"]
+        assert [(hit["_id"], hit["_source"]) for hit in page["hits"]] == expected
+        assert page["total"] == found["hits"]["total"]
 
 
 def test_scroll_contexts_end(monkeypatch):
@@ -376,74 +333,52 @@ def test_scroll_contexts_end(monkeypatch):
     with SearchServer() as server:
         server.put_many("books", [(str(number), {"n": number}) for number in range(9)])
 
-        def begin(scroll="1m"):
-            return json.loads(send(server, f"/books/_search?scroll={scroll}", {"size": 2})[2])["_scroll_id"]
+        def page(scroll_id):
+            """The ids of the next page, or the status of a refusal."""
+            status, _, text = send(server, "/_search/scroll", {"scroll_id": scroll_id, "scroll": "400ms"})
+            return ids(json.loads(text)["hits"]) if status == 200 else status
 
-        long, short, last = begin(), begin("400ms"), begin()
-        assert server.open_scrolls() == 3
-        for page in (["2", "3"], ["4", "5"], ["6", "7"]):  # each page renews the time
+        short, last, none = (ask(server, f"/books/_search?scroll={time}", {"size": 2})["_scroll_id"]
+                             for time in ("400ms", "1m", "0"))
+        for expected in (["2", "3"], ["4", "5"], ["6", "7"]):  # each page renews the time
             now += 0.3
-            assert scroll_page(server, short, "400ms") == (200, page)
-        assert scroll_page(server, long) == (200, ["2", "3"])
-        status, _, text = send(server, f"/_search/scroll?scroll_id={last}", None, "GET", {})
-        assert status == 200 and "_scroll_id" not in json.loads(text)  # without a time it is the last page
-        assert scroll_page(server, last)[0] == 404
+            assert page(short) == expected
+        # Without a time it is the last page.
+        assert "_scroll_id" not in ask(server, f"/_search/scroll?scroll_id={last}", method="GET")
         now += 0.5
-        assert server.open_scrolls() == 1 and scroll_page(server, short)[0] == 404
-        server.expire_scrolls()
-        assert server.open_scrolls() == 0 and scroll_page(server, long)[0] == 404
-        assert server.opened_scrolls == 3
-        assert scroll_page(server, begin("0"))[0] == 404
+        assert [page(each) for each in (short, last, none)] == [404, 404, 404]
+        assert (server.open_scrolls(), server.opened_scrolls) == (0, 3)
 
 
-@pytest.mark.parametrize("path, body, reason", [
-    ("?scroll=1", {}, "value [1] as a time value: unit is missing"),
-    ("?scroll=1M", {}, "unit is missing"),
-    ("?scroll=-2s", {}, "value [-2s] as a time value: negative durations"),
-    ("?scroll=1.5h", {}, "failed to parse [1.5h], fractional time values"),
-    ("?scroll=xs", {}, "failed to parse [xs]"),
-    ("?scroll=2d", {}, "Keep alive for scroll (172800s) is too large"),
-    ("?scroll=%201H%20", {"size": 0, "from": 1}, (
+REFUSALS = [
+    ("_search?scroll=1", {}, "value [1] as a time value: unit is missing"),
+    ("_search?scroll=1.5h", {}, "failed to parse [1.5h], fractional time values"),
+    ("_search?scroll=2d", {}, "Keep alive for scroll (172800s) is too large"),
+    ("_search?scroll=%201H%20", {"size": 0, "from": 1}, (
         "Validation Failed: 1: using [from] is not allowed in a scroll context;"
         "2: [size] cannot be [0] in a scroll context;")),
-    ("?scroll=9micros", {"track_total_hits": False}, "1: disabling [track_total_hits] is not allowed"),
-    ("?scroll=9nanos", {"size": 10001}, "Batch size is too large, size must be less than or equal to:"),
-    ("/scroll?scroll=1m", {}, "1: scrollId is missing"),
-    ("/scroll", {"scroll_id": "x", "size": 1}, "Unknown parameter [size]"),
-    ("/scroll?scroll_id=FA==", None, "Cannot parse scroll id"),
-    ("/scroll?scroll_id=%2B", None, "Cannot parse scroll id"),
-])
-def test_scroll_refusals(server, path, body, reason):
-    status, _, text = send(server, "/_search" + path, body)
-    assert status == 400 and reason in json.loads(text)["error"]["root_cause"][0]["reason"]
+    ("_search?scroll=9nanos", {"size": 10001}, "Batch size is too large, size must be less than or equal to:"),
+    ("_search/scroll", {"scroll_id": "x", "size": 1}, "Unknown parameter [size]"),
+    ("_search/scroll?scroll_id=FA==", None, "Cannot parse scroll id"),
+    ("books/_search", {"query": {"match": {"a": "x", "b": "y"}}}, "doesn't support multiple fields"),
+    ("books/_search", {"query": {"bool": {"must": [{"match_all": {}}, {"nope": {}}]}}}, "unknown query [nope]"),
+    ("books/_search", {"query": {"terms": {"_id": ["x"] * 65537}}}, "allowed maximum of [65536]"),
+    ("books/_search", {"from": 9999, "size": 2}, "Result window is too large"),
+    ("books/_search", b'{"query":"\xff"}', "Invalid UTF-8"),
+    ("books/_search?odd=1", {}, "unrecognized parameter: [odd]"),
+    ("b" * 4096 + "/_search", {}, "An HTTP line is larger than 4096 bytes."),
+]
 
 
-@pytest.mark.parametrize("path, body, status, reason", [
-    ("/books/_search", {"query": {"match": {"a": "x", "b": "y"}}}, 400, "doesn't support multiple fields"),
-    ("/books/_search", {"query": {"match": {"a": {"query": "x", "fuzz": 1}}}}, 400,
-     "does not support [fuzz]"),
-    ("/books/_search", {"query": {"bool": {"must": [{"match_all": {}}, {"nope": {}}]}}}, 400,
-     "unknown query [nope]"),
-    ("/books/_search", {"query": {}}, 400, "empty clause"),
-    ("/books/_search", {"query": {"terms": {"_id": ["x"] * 65537}}}, 400, "allowed maximum of [65536]"),
-    ("/books/_search", {"from": 9999, "size": 2}, 400, "Result window is too large"),
-    ("/books/_search", {"sort": "nowhere"}, 400, "No mapping found for [nowhere]"),
-    ("/books/_search", '{"query":NaN}', 400, "NaN"),
-    ("/books/_search", b'{"query":"\xff"}', 400, "Invalid UTF-8"),
-    ("/books/_search?odd=1", {}, 400, "unrecognized parameter: [odd]"),
-    ("/books/_nothing", {}, 400, "no handler found for uri [/books/_nothing] and method [POST]"),
-    ("/" + "b" * 4096 + "/_search", {}, 400, "An HTTP line is larger than 4096 bytes."),
-])
-def test_refusals(server, path, body, status, reason):
-    answered, _, text = send(server, path, body)
-    assert answered == status and reason in text
-    assert json.loads(text)["error"]
-
-
-def test_a_body_must_say_that_it_is_json(server):
-    form = {"Content-Type": "application/x-www-form-urlencoded"}
-    assert send(server, "/books/_search", "{}", headers=form)[0] == 406
-    assert send(server, "/books/_search", "{}", headers={})[0] == 406
+def test_refusals(server):
+    for path, body, reason in REFUSALS:
+        status, _, text = send(server, "/" + path, body)
+        error = json.loads(text)["error"]
+        said = error if isinstance(error, str) else error["root_cause"][0]["reason"]
+        assert (status, reason) == (400, reason if reason in said else said)
+    # A body must say that it is JSON.
+    for headers in ({"Content-Type": "application/x-www-form-urlencoded"}, {}):
+        assert send(server, "/books/_search", "{}", headers=headers)[0] == 406
 
 
 def test_sources_come_back_byte_for_byte_and_replaced_ones_are_gone():
@@ -453,7 +388,7 @@ def test_sources_come_back_byte_for_byte_and_replaced_ones_are_gone():
         find(server, {"query": {"match": {"title": "gone"}}}, "/raw/_search")
         assert send(server, "/raw/_doc/1?refresh=true", raw, "PUT")[0] == 200
         lines = '{"index":{"_id":"2"}}\n' + raw + '\n{"create":{"_index":"other"}}\n{"title":"gone"}\n'
-        assert json.loads(send(server, "/raw/_bulk", lines)[2])["errors"] is False
+        assert ask(server, "/raw/_bulk", lines)["errors"] is False
         assert send(server, "/raw/_search", {})[2].count(f'"_source":{raw}') == 2
         assert ids(find(server, {"query": {"match": {"title": "gone"}}}, "/raw/_search")) == []
         assert find(server, {"query": {"match": {"title": "gone"}}}, "/_all/_search")["total"]["value"] == 1
@@ -468,7 +403,7 @@ def test_journal_and_kept_connection():
             connection.getresponse().read()
             sockets.add(connection.sock)
         assert len(sockets) == 1 and None not in sockets
-        assert json.loads(send(server, "/_journal", method="GET")[2])[1]["path"] == "/_search"
+        assert ask(server, "/_journal", method="GET")[1]["path"] == "/_search"
         first, _ = server.take_journal()
         assert (first.method, first.path, first.body) == ("GET", "//odd//_search?x=%41", b'{"size":0}')
         assert ("X-Own", "é") in first.headers and server.journal == []

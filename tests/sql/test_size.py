@@ -1,14 +1,11 @@
 """Large results through a scroll: the peak memory of the backend and the time of a row."""
 import json
-import re
 import time
 import zlib
-from pathlib import Path
 
-from conftest import Database
+from conftest import Database, memory
 from scriptedserver import answer, hits
 
-MIB = 1024  # in KiB, as the kernel counts
 QUERY = "SELECT count(*), sum(length(doccontent)) FROM {} WHERE param = 'query=q'"
 
 
@@ -22,9 +19,8 @@ class Pages:
         self.size, self.total, self.level = size, total, level
         texts = (f"lorem {n} ipsum {n * n} dolor sit amet " * 3 for n in range(size))
         sources = [json.dumps({"title": f"letter {n}", "text": text}) for n, text in enumerate(texts)]
-        found = hits(*[f'"_id":"d{n}","_score":1.0,"_source":{source}' for n, source in enumerate(sources)],
-                     total=f'{{"value":{total},"relation":"eq"}}')
-        self.play = answer('{"_scroll_id":"s",' + found[1:])
+        self.play = answer(hits(*[f'"_id":"d{n}","_score":1.0,"_source":{source}' for n, source in enumerate(sources)],
+                                total=total, scroll_id="s"))
         self.expected = [(total, total // size * sum(map(self.stored_length, sources)))]
 
     def stored_length(self, source):
@@ -36,39 +32,24 @@ class Pages:
                       compressionlevel=self.level)
 
 
-def session(cluster, scripted):
-    """A backend of its own without the expression compiler, which the cost estimate of a foreign scan always
-    calls in: it takes more time and memory than what is measured here."""
-    db = Database(cluster, scripted.port)
-    db.run("SET jit = off")
-    db.run("SET client_min_messages = warning")
-    return db
-
-
-def peak_memory(pid):
-    """The most that was ever resident of a backend, with the shared buffers that it touched, in KiB."""
-    status = Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
-    return int(re.search(r"^VmHWM:\s+(\d+)", status, re.M).group(1))
-
-
 def test_memory_does_not_grow_with_the_result(cluster, scripted):
     peaks = {}
     for total in (10_000, 1_000_000):
         pages = Pages(1000, total, level=1)
         scripted.script = pages.play
-        db = session(cluster, scripted)
+        db = Database(cluster, scripted.port, jit=False)
         pages.table(db, "large", scripted)
         del scripted.requests[:]
         assert db.run(QUERY.format("large")) == pages.expected
         assert len(scripted.requests) == total / 1000
-        peaks[total] = peak_memory(db.pid)
+        peaks[total] = memory(db.pid, "VmHWM")
         db.connection.close()
-    assert peaks[1_000_000] - peaks[10_000] <= 20 * MIB, peaks
+    assert peaks[1_000_000] - peaks[10_000] <= 20 * 1024, peaks
 
 
 def test_a_row_takes_no_longer_in_a_larger_batch(cluster, scripted):
     kinds = {size: Pages(size, 100_000, level=-2) for size in (1000, 10_000)}
-    db = session(cluster, scripted)
+    db = Database(cluster, scripted.port, jit=False)
     for size, pages in kinds.items():
         pages.table(db, f"by{size}", scripted)
     times = {size: [] for size in kinds}

@@ -9,8 +9,8 @@ sys.path.insert(0, str(ROOT / "tests/soak"))
 from soak import Soak  # noqa: E402
 
 
-def test_soak(cluster, tmp_path):
-    soak = Soak(cluster, tmp_path / "documents.ndjson", float(os.environ.get("VELTRANE_SOAK_MINUTES", "1")))
+def test_soak(cluster):
+    soak = Soak(cluster, float(os.environ.get("VELTRANE_SOAK_MINUTES", "1")))
     problems = soak.run()
     if not problems:
         print("\n" + soak.summary())

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 
 namespace
@@ -46,20 +45,14 @@ std::vector<Recording> load()
     const std::string member = "\n \"response\": \"";
     std::vector<Recording> all;
     for (const auto &entry : std::filesystem::directory_iterator(TEST_DATA_DIR "/recordings")) {
-        if (entry.path().extension() != ".json") {
-            continue;
+        std::ifstream file(entry.path());
+        const std::string text((std::istreambuf_iterator<char>(file)), {});
+        if (const std::size_t found = text.find(member); found != std::string::npos) {
+            all.push_back({entry.path().stem(), decodeString(text, found + member.size())});
         }
-        std::stringstream file;
-        file << std::ifstream(entry.path()).rdbuf();
-        const std::string text = file.str();
-        const std::size_t found = text.find(member);
-        if (found == std::string::npos) {
-            throw std::runtime_error("no response in " + entry.path().string());
-        }
-        all.push_back({entry.path().stem(), decodeString(text, found + member.size())});
     }
-    if (all.empty()) {
-        throw std::runtime_error("no recordings in " TEST_DATA_DIR);
+    if (all.size() < 40) {
+        throw std::runtime_error("recordings are missing in " TEST_DATA_DIR);
     }
     std::sort(all.begin(), all.end(), [](const auto &a, const auto &b) { return a.name < b.name; });
     return all;

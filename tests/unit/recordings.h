@@ -9,5 +9,5 @@ struct Recording {
     std::string text; ///< the exact text of the answer
 };
 
-/// All recordings, by name. Throws std::runtime_error when there are none or one cannot be read.
+/// All recordings, by name. Throws std::runtime_error when some are missing.
 const std::vector<Recording> &recordings();
