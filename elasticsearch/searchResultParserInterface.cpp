@@ -85,7 +85,7 @@ const char *SearchResultParserInterface::takePiece(const char *piece, std::size_
     const char *const end = piece + length;
     const BlockMasks *blockMasks = masks;
     for (const char *block = piece; block < end; block += blockBytes, ++blockMasks) {
-        if ((blockMasks->brackets | blockMasks->closing) != 0 || capturesScalar()) {
+        if ((blockMasks->brackets | blockMasks->closing) != 0 || captures()) {
             const std::size_t blockLength = std::min<std::size_t>(end - block, blockBytes);
             const char *const taken = takeBlock(block, blockLength, *blockMasks);
             if (mustStop()) {
@@ -106,8 +106,8 @@ SearchResultParserInterface::takeBlock(const char *block, std::size_t length, co
 {
     const std::uint64_t typeNames = findTypeNames(masks);
     unsigned next = 0; // the first byte that is not taken yet
-    if (capturesScalar()) {
-        next = captureScalar(block, next, length, masks);
+    if (captures()) {
+        next = captureValue(block, next, length, masks);
     }
     while (!mustStop()) {
         const std::uint64_t wanted = wantedBits(masks, typeNames) & bitsFrom(next);
@@ -121,8 +121,8 @@ SearchResultParserInterface::takeBlock(const char *block, std::size_t length, co
         next = lowestBit(wanted);
         takeEvent(block, next, masks);
         ++next;
-        if (capturesScalar()) {
-            next = captureScalar(block, next, length, masks);
+        if (captures()) {
+            next = captureValue(block, next, length, masks);
         }
     }
     return block + next;
@@ -197,19 +197,29 @@ bool SearchResultParserInterface::finish(std::string *message)
     return false;
 }
 
-/// Takes bytes while a scalar is captured, with all else that they mean. Returns the index behind the last.
-inline unsigned SearchResultParserInterface::captureScalar(const char *block, unsigned from,
-                                                           std::size_t length, const BlockMasks &masks)
+/// Takes bytes while a value is captured, with all else that they mean. Returns the index behind the last.
+inline unsigned SearchResultParserInterface::captureValue(const char *block, unsigned from,
+                                                          std::size_t length, const BlockMasks &masks)
 {
     const std::uint64_t events = masks.brackets | masks.closing;
     unsigned next = from;
-    for (; next < length && capturesScalar() && !mustStop(); ++next) {
-        takeScalarByte(block[next]);
+    for (; next < length && captures() && !mustStop(); ++next) {
+        captureByte(block[next]);
         if ((events >> next & 1) != 0) {
             takeEvent(block, next, masks);
         }
     }
     return next;
+}
+
+inline void SearchResultParserInterface::captureByte(char byte)
+{
+    if (capturesScalar()) {
+        takeScalarByte(byte);
+    }
+    if (statusCapture.isActive()) {
+        statusCapture.takeByte(byte);
+    }
 }
 
 /// A total and a score end at the next comma or brace, wherever it stands: a total that is an object yields
@@ -337,6 +347,9 @@ inline void SearchResultParserInterface::onStringClosed(std::string_view text, c
 void SearchResultParserInterface::takeOuterString(std::string_view text, const char *quote)
 {
     const bool outsideArrays = jsonCtx->arrayDepth == 0;
+    if (outsideArrays && hitTag == 0) {
+        statusCapture.onString(text, jsonCtx->objectDepth);
+    }
     if (nextIs == NextString::ScrollId) {
         scrollId = text;
         nextIs = NextString::Nothing;

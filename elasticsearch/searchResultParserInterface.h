@@ -2,6 +2,7 @@
 #pragma once
 
 #include "jsonParseCtx.h"
+#include "searchAnswerStatus.h"
 #include "veltraneExport.h"
 
 #include <cstddef>
@@ -41,6 +42,8 @@ public:
     /// What is known about the failure, once addData has returned false; may be empty.
     const std::string &getErrorMessage() const { return content; }
 
+    /// What the response tells about shards and time; zero and false where it tells nothing.
+    const SearchAnswerStatus &getStatus() const { return statusCapture.status(); }
     /// Whether the array of hits came to its end: what is no search response has none.
     bool hasHits() const { return hitsEnded; }
     /// The bytes held for values that are still growing, so that a caller can set them a bound.
@@ -58,11 +61,13 @@ private:
 
     bool mustStop() const { return errorFlag && !inSource; }
     bool capturesScalar() const { return inScalar && !inSource && !inHighlight; }
+    bool captures() const { return capturesScalar() || statusCapture.isActive(); }
     const char *takePiece(const char *piece, std::size_t length);
     const char *takeBlock(const char *block, std::size_t length, const BlockMasks &masks);
     std::uint64_t findTypeNames(const BlockMasks &masks);
     std::uint64_t wantedBits(const BlockMasks &masks, std::uint64_t typeNames) const;
-    unsigned captureScalar(const char *block, unsigned from, std::size_t length, const BlockMasks &masks);
+    unsigned captureValue(const char *block, unsigned from, std::size_t length, const BlockMasks &masks);
+    void captureByte(char byte);
     void takeScalarByte(char byte);
     void endScalar();
     void takeEvent(const char *block, unsigned index, const BlockMasks &masks);
@@ -80,6 +85,7 @@ private:
     void copyUpTo(const char *end);
 
     std::unique_ptr<JsonParseCtx> jsonCtx;
+    SearchStatusCapture statusCapture;
     std::string scalarText; ///< raw text of a "total" or "_score" value
     std::string content;    ///< raw `_source` of the current hit; after an error, the error text
     std::string highlight;

@@ -23,6 +23,9 @@ enum SearchMode : int32 {
     SearchByDocName = 2, // documents are looked up by id
 };
 
+// What becomes of an answer that lacks hits because shards failed or time ran out.
+enum class PartialResults : int32 { Ignore, Warning, Error };
+
 // The state of one scan: plain data in a memory context of its own below the per-query one, which holds
 // everything that it points at. Strings are NUL-terminated. Made by CreateConnectorStep2, freed by EndScan.
 struct ElasticSearchConnector {
@@ -61,6 +64,8 @@ struct ElasticSearchConnector {
     bool fillColumns[ColumnCount];      // to be collected from the answers
     bool requestedColumns[ColumnCount]; // referenced by the query
     bool fullErrorMsg;
+    int32 esVersion; // major version of the search servers; 0: not told
+    PartialResults partialResults;
 
     Oid serverOid;                 // the table's foreign server
     ConnectionSettings connection; // what it and the user mapping add

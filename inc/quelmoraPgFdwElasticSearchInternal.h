@@ -40,6 +40,12 @@ List *appendText(List *list, const char *string);
 // for a value that an option does not take.
 void readTableOptions(ElasticSearchConnector *connector);
 
+// Whether the search servers are told to be of that major version or a later one.
+inline bool speaksVersion(const ElasticSearchConnector *connector, int32 version)
+{
+    return connector->esVersion >= version;
+}
+
 // ---- request -------------------------------------------------------------------------------------------
 
 // How many documents one request may return: the batch size, or the row limit where that is smaller.

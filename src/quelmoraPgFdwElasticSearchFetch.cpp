@@ -1,13 +1,17 @@
 // Where the rows come from: the requests of a scan, one batch or page at a time.
 #include "quelmoraPgFdwElasticSearchInternal.h"
+#include "quelmoraPgFdwElasticSearchJson.h"
 
+#include <cstring>
 #include <memory>
 
 namespace qm::pgFdwElaticSearch
 {
 
+using qm::pgFdw::callServer;
 using qm::pgFdw::FdwError;
 using qm::pgFdw::SearchResultParser;
+using zq::elasticsearch::SearchAnswerStatus;
 
 namespace
 {
@@ -15,6 +19,34 @@ namespace
 std::string clusterUrl(const ElasticSearchConnector *connector)
 {
     return std::string(connector->address) + ":" + connector->port;
+}
+
+std::string describePartialAnswer(const SearchAnswerStatus &status)
+{
+    const long unanswered = status.totalShards - status.successfulShards - status.failedShards;
+    const auto ofAll = [&](long shards) {
+        return std::to_string(shards) + " of " + std::to_string(status.totalShards) + " shards ";
+    };
+    std::string text = "ElasticSearch answer is partial: ";
+    if (status.timedOut)
+        text += "timed out, ";
+    if (status.failedShards > 0)
+        text += ofAll(status.failedShards) + "failed, ";
+    if (unanswered > 0)
+        text += ofAll(unanswered) + "without an answer, ";
+    text.resize(text.size() - std::strlen(", "));
+    return text;
+}
+
+void reportPartialAnswer(const ElasticSearchConnector *connector, const SearchAnswerStatus &status)
+{
+    if (connector->partialResults == PartialResults::Ignore)
+        return;
+    const std::string message = describePartialAnswer(status);
+    if (connector->partialResults == PartialResults::Error)
+        throw FdwError(ERRCODE_FDW_ERROR, message);
+    callServer(
+        [&] { ereport(WARNING, (errcode(ERRCODE_FDW_ERROR), errmsg_internal("%s", message.c_str()))); });
 }
 
 // Sends one search or page request, which appends its hits to the result queues, and returns the collector
@@ -27,6 +59,8 @@ std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, con
         std::make_unique<SearchResultParser>(connector->page, connector->batchSize, fill[DocContent],
                                              fill[Score], fill[DocType], fill[Highlights]);
     DoCurlRequest(connector, url, body, parser.get(), false);
+    if (parser->getStatus().isPartial())
+        reportPartialAnswer(connector, parser->getStatus());
     return parser;
 }
 
@@ -72,13 +106,32 @@ void openScroll(ElasticSearchConnector *connector)
     keepScrollId(connector, parser->getScrollId());
 }
 
+// The id goes into a body as it came: still escaped, between quotes.
+std::string scrollIdMember(const ElasticSearchConnector *connector)
+{
+    return std::string(R"("scroll_id":")") + connector->scrollId + "\"";
+}
+
+std::unique_ptr<SearchResultParser> requestNextPage(ElasticSearchConnector *connector)
+{
+    const std::string url = clusterUrl(connector) + "/_search/scroll";
+    if (!speaksVersion(connector, 7)) {
+        const std::string parameters =
+            std::string("?scroll=") + connector->scrollTimeout + "&scroll_id=" + connector->scrollId;
+        return fetch(connector, url + parameters, "");
+    }
+    std::string body = R"({"scroll":")";
+    const char *timeout = connector->scrollTimeout;
+    if (!Utf8ToJson(timeout, timeout + std::strlen(timeout), body))
+        throw FdwError(ERRCODE_FDW_INVALID_HANDLE, "utf8 to json conversion error");
+    return fetch(connector, url, body + "\"," + scrollIdMember(connector) + "}");
+}
+
 void fetchNextPage(ElasticSearchConnector *connector)
 {
     if (!connector->scrollId || connector->rowsReturned >= connector->totalHits)
         return;
-    const std::string url = clusterUrl(connector) + "/_search/scroll?scroll=" + connector->scrollTimeout +
-                            "&scroll_id=" + connector->scrollId;
-    const auto parser = fetch(connector, url, "");
+    const auto parser = requestNextPage(connector);
     const int64 hits = hitCount(*parser);
     if (hits == 0 || connector->rowsReturned + hits == connector->totalHits)
         dropScrollId(connector);
@@ -94,8 +147,9 @@ void UpdateConnectorCacheStdMode(ElasticSearchConnector *connector)
         return;
     ++connector->pagesFetched;
 
-    // The doubled slash is the form that the search path has always had here.
-    const std::string url = clusterUrl(connector) + "/" + connector->indexList + "/" + "/_search";
+    // The doubled slash is the form that the search path has always had here; version 8 stopped routing it.
+    const std::string url = clusterUrl(connector) + "/" + connector->indexList +
+                            (speaksVersion(connector, 7) ? "/_search" : "//_search");
     do {
         std::string members;
         bool hasIds = true;
@@ -123,8 +177,11 @@ void UpdateConnectorCacheScrollMode(ElasticSearchConnector *connector)
 
 void DeleteScroll(ElasticSearchConnector *connector)
 {
-    DoCurlRequest(connector, clusterUrl(connector) + "/_search/scroll?&scroll_id=" + connector->scrollId, "",
-                  nullptr, true);
+    const std::string url = clusterUrl(connector) + "/_search/scroll";
+    if (speaksVersion(connector, 7))
+        DoCurlRequest(connector, url, "{" + scrollIdMember(connector) + "}", nullptr, true);
+    else
+        DoCurlRequest(connector, url + "?&scroll_id=" + connector->scrollId, "", nullptr, true);
 }
 
 } // namespace qm::pgFdwElaticSearch

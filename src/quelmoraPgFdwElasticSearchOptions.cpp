@@ -8,6 +8,7 @@
 #include <cstring>
 #include <strings.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qm::pgFdwElaticSearch
 {
@@ -103,14 +104,31 @@ void checkAddress(const Option &option)
         refuse(option, "addresses of the schemes http and https only");
 }
 
-int32 milliseconds(const Option &option)
+int32 positiveNumber(const Option &option, const char *what)
 {
     char *end = nullptr;
     errno = 0;
     const long value = std::strtol(option.value, &end, 10);
     if (errno != 0 || end == option.value || *end != '\0' || value < 1 || value > INT32_MAX)
-        refuse(option, "a whole number of milliseconds from 1 to 2147483647");
+        refuse(option, what);
     return static_cast<int32>(value);
+}
+
+int32 milliseconds(const Option &option)
+{
+    return positiveNumber(option, "a whole number of milliseconds from 1 to 2147483647");
+}
+
+PartialResults partialResultsOf(const Option &option)
+{
+    constexpr std::pair<const char *, PartialResults> choices[] = {{"ignore", PartialResults::Ignore},
+                                                                   {"warning", PartialResults::Warning},
+                                                                   {"error", PartialResults::Error}};
+    for (const auto &[name, choice] : choices) {
+        if (std::strcmp(option.value, name) == 0)
+            return choice;
+    }
+    refuse(option, "'ignore', 'warning' or 'error'");
 }
 
 bool isTrue(const Option &option)
@@ -142,6 +160,11 @@ void readTableOption(ElasticSearchConnector *connector, const Option &option)
         connector->compressionLevel = parseCompressionLevel(option.value);
     } else if (named(option, "fullerrormsg")) {
         connector->fullErrorMsg = std::strcmp(option.value, "true") == 0;
+    } else if (named(option, "esversion")) {
+        connector->esVersion =
+            positiveNumber(option, "a whole number, the major version of the search servers");
+    } else if (named(option, "partialresults")) {
+        connector->partialResults = partialResultsOf(option);
     }
 }
 

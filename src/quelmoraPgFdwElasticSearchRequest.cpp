@@ -66,6 +66,17 @@ void closeQuery(const ElasticSearchConnector *connector, std::string &body)
         body += connector->docTypeFilterClose;
 }
 
+// From version 7 on a search counts no further than this, unless it is asked to; a scroll always counts all.
+constexpr int64 LeastEstimatedTotal = 10000;
+
+// Only an exact total tells whether a request of standard mode found more than it may return.
+void askForExactTotal(const ElasticSearchConnector *connector, std::string &body)
+{
+    if (connector->connectorType == qm::pgFdw::ConnectorTypes::ElasticSearchStd &&
+        speaksVersion(connector, 7))
+        body += R"(,"track_total_hits":true)";
+}
+
 void appendQuery(const ElasticSearchConnector *connector, std::string &body)
 {
     openQuery(connector, body);
@@ -74,6 +85,8 @@ void appendQuery(const ElasticSearchConnector *connector, std::string &body)
     body += connector->query;
     closeQuery(connector, body);
     body += R"(,"size":)" + std::to_string(requestSize(connector));
+    if (requestSize(connector) >= LeastEstimatedTotal)
+        askForExactTotal(connector, body);
     if (connector->highlight)
         body.append(R"(,"highlight":)").append(connector->highlight);
 }
@@ -96,6 +109,7 @@ int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, bool 
     body += "]}}";
     closeQuery(connector, body);
     body += R"(,"size":)" + std::to_string(allIds ? requestSize(connector) : written);
+    askForExactTotal(connector, body);
     return written;
 }
 

@@ -4,6 +4,8 @@
 namespace
 {
 
+using zq::elasticsearch::SearchAnswerStatus;
+
 std::string finishText(int objects, int arrays, int hitTag, int nextIs, int error)
 {
     return "Finish error : { => " + std::to_string(objects) + ", [ => " + std::to_string(arrays) +
@@ -21,7 +23,7 @@ HandMadeAnswer made(const std::string &name, const std::string &text, int total 
                     const std::vector<Document> &documents = {}, const std::string &finish = "",
                     const std::string &error = "", const std::string &scrollId = "")
 {
-    return {name, text, Outcome{finish, error, total, scrollId, documents}};
+    return {name, text, Outcome{finish, error, total, scrollId, documents, describe(SearchAnswerStatus())}};
 }
 
 HandMadeAnswer withId(const std::string &raw, const std::string &decoded)
@@ -111,6 +113,9 @@ std::vector<HandMadeAnswer> madeAnswers()
             R"({"hits":{"total":{"value":1},"hits":{"total":2,"hits":[{"_id":"a"}]}}})",
             R"({"_scroll_id":{"a":"b"},"hits":["hits",{"hits":"hits"}],"_scroll_id":1,"error":{"a":{"b":{"c":1}}}})",
             R"({"_shards":{"failures":[{"reason":{"type":"x","type":"type"}}]},"hits":{"hits":[{"_id":"a"}]}})",
+            R"({"timed_out" : true ,"_shards":{"total":5,"successful": 3,"skipped":0,"failed":2 },"hits":{"hits":[]}})",
+            R"({"hits":{"hits":[]},"x":{"total":9},"_shards":{"a":{"failed":7},"failed":[1],"total":"3","successful":1e3}})",
+            R"({"a":["timed_out":true,{"_shards":{"total":4}}],"timed_out","_shards":{"total":12345678901234567890}})",
             R"({"a":"\\","b":"\\\"","c":"\\\\\"","hits":{"hits":[{"_source":{"\\":"\"}"},"_id":"\\\""}]}})",
             "{\"hits\":{\"hits\":[{\"_source\":{\"a\":\"\xff\xc3\",\"type\":\"\xc3(\"},\"_id\":\"\xc3\xa9\"}]}}",
             R"({"aVeryLongNameThatIsNoneOfOurs":1,"_scroll_idx":"a","_scroll_id":"bbbbbbbbbbbbbbbbbbbbbbbbbbbbb"})"}) {

@@ -7,21 +7,57 @@ namespace
 {
 
 // clang-format off: what steers the lexer comes more than once.
-const std::vector<const char *> jsonTokens = {
-    "{", "}", "[", "]", "\"", ":", ",", "\\", "{", "}", "\"", ":", ",", "\"error\"", " ", "\n", "0", "17", "-", "null",
-    "u00e9", "\\u00e9", "\\ud83d", "\\n", "\\\\", "\\\"", "x", "a plain span of some length",
-    "\"a string of some length\"", "\"k\":{", "},{", "}]", "\xc3\xa9", "\xf0\x9f\x90\x8b", "\xc3", "\xff", "|"};
+const std::vector<const char *> jsonTokens = {"{",
+                                              "}",
+                                              "[",
+                                              "]",
+                                              "\"",
+                                              ":",
+                                              ",",
+                                              "\\",
+                                              "{",
+                                              "}",
+                                              "\"",
+                                              ":",
+                                              ",",
+                                              "\"error\"",
+                                              " ",
+                                              "\n",
+                                              "0",
+                                              "17",
+                                              "-",
+                                              "null",
+                                              "u00e9",
+                                              "\\u00e9",
+                                              "\\ud83d",
+                                              "\\n",
+                                              "\\\\",
+                                              "\\\"",
+                                              "x",
+                                              "a plain span of some length",
+                                              "\"a string of some length\"",
+                                              "\"k\":{",
+                                              "},{",
+                                              "}]",
+                                              "\xc3\xa9",
+                                              "\xf0\x9f\x90\x8b",
+                                              "\xc3",
+                                              "\xff",
+                                              "|"};
 // clang-format on
 
 const AnswerKind &searchAnswers()
 {
     static const AnswerKind kind = [] {
-        AnswerKind made{{"\"hits\"", "\"_id\"", "\"_id\":\"a\"", "\"_source\"", "\"_source\":{", "\"total\"",
-                         "\"total\":3,", "\"type\"", "\"type\":\"x\"", "\"_score\"", "\"_score\":1.5,",
-                         "\"highlight\"", "\"highlight\":{", "\"_scroll_id\"", "hits"},
-                        {"", "{", R"({"hits":{)", R"({"hits":{"hits":[{)",
-                         R"({"hits":{"total":2,"hits":[{"_id":"x",)", R"({"hits":{"hits":[{"_source":{)"},
-                        {}};
+        AnswerKind made{
+            {"\"hits\"",           "\"_id\"",       "\"_id\":\"a\"",   "\"_source\"",    "\"_source\":{",
+             "\"total\"",          "\"total\":3,",  "\"type\"",        "\"type\":\"x\"", "\"_score\"",
+             "\"_score\":1.5,",    "\"highlight\"", "\"highlight\":{", "\"_scroll_id\"", "hits",
+             "\"timed_out\":true", "\"_shards\":{", "\"failed\":2,",   "\"successful\"", "true"},
+            {"", "{", R"({"hits":{)", R"({"hits":{"hits":[{)", R"({"hits":{"total":2,"hits":[{"_id":"x",)",
+             R"({"hits":{"hits":[{"_source":{)",
+             R"({"timed_out" : true, "_shards":{"total":4,"successful":1,)"},
+            {}};
         for (const HandMadeAnswer &answer : handMadeAnswers()) {
             made.answers.push_back(answer.text);
         }

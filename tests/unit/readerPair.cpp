@@ -2,6 +2,7 @@
 #include "readerPair.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <sstream>
 
 namespace
@@ -43,12 +44,32 @@ std::string compareDocuments(const std::vector<Document> &seen, const std::vecto
 
 } // namespace
 
+std::string describe(const zq::elasticsearch::SearchAnswerStatus &status)
+{
+    std::ostringstream text;
+    text << (status.timedOut ? "timed out, " : "in time, ") << status.totalShards << " shards, "
+         << status.successfulShards << " good, " << status.failedShards << " failed";
+    return text.str();
+}
+
+std::string describe(const std::map<std::string, std::string> &status)
+{
+    const auto number = [&](const char *name) {
+        const auto member = status.find(name);
+        return member == status.end() ? 0 : std::strtol(member->second.c_str(), nullptr, 10);
+    };
+    const auto timedOut = status.find("timed_out");
+    return describe({timedOut != status.end() && timedOut->second == "true", number("total"),
+                     number("successful"), number("failed")});
+}
+
 std::string Outcome::differenceFrom(const Outcome &expected) const
 {
     return firstOf({differ("finish text", finishText, expected.finishText),
                     differ("error text", errorText, expected.errorText),
                     differ("total", totalHitCount, expected.totalHitCount),
                     differ("scroll id", scrollId, expected.scrollId),
+                    differ("status", status, expected.status),
                     compareDocuments(documents, expected.documents, 0)});
 }
 
@@ -82,6 +103,7 @@ std::string ReaderPair::compare(bool fastVerdict, bool referenceVerdict)
                       fastText == referenceText && fast.getErrorMessage() == reference.getErrorMessage() &&
                       fast.getTotalHitCount() == reference.getTotalHitCount() &&
                       fast.getScrollId() == reference.getScrollId() &&
+                      describe(fast.getStatus()) == describe(reference.getStatus()) &&
                       compareDocuments(fast.documents, reference.documents, comparedDocuments).empty();
     comparedDocuments = fast.documents.size();
     if (same) {

@@ -4,6 +4,7 @@
 #include "referenceSearchReader.h"
 #include "searchResultParserInterface.h"
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -42,18 +43,22 @@ struct Outcome {
     int totalHitCount = 0;
     std::string scrollId;
     std::vector<Document> documents;
+    std::string status; ///< what it tells about shards and time
 
     /// Tells the first difference, or nothing when there is none.
     std::string differenceFrom(const Outcome &expected) const;
 };
+
+std::string describe(const zq::elasticsearch::SearchAnswerStatus &status);
+std::string describe(const std::map<std::string, std::string> &status);
 
 template <class Reader>
 Outcome outcomeOf(Reader &reader)
 {
     std::string finishText;
     reader.finish(&finishText);
-    return {finishText, reader.getErrorMessage(), reader.getTotalHitCount(), reader.getScrollId(),
-            reader.documents};
+    return {finishText,           reader.getErrorMessage(), reader.getTotalHitCount(),
+            reader.getScrollId(), reader.documents,         describe(reader.getStatus())};
 }
 
 /// Feeds both readers the same chunks. Feeding goes on after a refused chunk, so that a transport that stops

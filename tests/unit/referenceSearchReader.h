@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <exception>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -50,6 +51,8 @@ public:
     int getTotalHitCount() const { return totalHitCount; }
     const std::string &getScrollId() const { return scrollId; }
     const std::string &getErrorMessage() const { return content; }
+    /// "timed_out", and "total", "successful" and "failed" of "_shards", where they have a value.
+    const std::map<std::string, std::string> &getStatus() const { return status; }
 
 private:
     void takeByte(char c)
@@ -58,6 +61,7 @@ private:
         if (inScalar && !inSource && !inHighlight) {
             captureScalar(c);
         }
+        captureStatus(c);
         if (lexer.objectDepth < lexer.prevObjectDepth) {
             objectClosed();
         } else if (lexer.objectDepth > lexer.prevObjectDepth && lexer.objectDepth == 4) {
@@ -97,6 +101,38 @@ private:
         }
     }
 
+    void captureStatus(char c)
+    {
+        const bool isBlank = c == ' ' || c == '\t' || c == '\r' || c == '\n';
+        if (statusName.empty() || isBlank) {
+            return;
+        }
+        statusText += c;
+        const bool ends = c == ',' || c == '}';
+        if (ends && statusText.size() > 1 && statusText.front() == ':') {
+            status[statusName] = statusText.substr(1, statusText.size() - 2);
+        }
+        if (ends || statusText.front() != ':' || c == '"' || c == '{' || c == '[' || statusText.size() > 19) {
+            statusName.clear();
+        }
+    }
+
+    void nameStatus(const std::string &text)
+    {
+        if (lexer.arrayDepth != 0 || hitTag != 0) {
+            return;
+        }
+        const bool inShards = lexer.objectDepth == 2 && outerName == "_shards";
+        if ((lexer.objectDepth == 1 && text == "timed_out") ||
+            (inShards && (text == "total" || text == "successful" || text == "failed"))) {
+            statusName = text;
+            statusText.clear();
+        }
+        if (lexer.objectDepth == 1) {
+            outerName = text;
+        }
+    }
+
     void objectClosed()
     {
         if (hitTag == 1 && lexer.objectDepth == 1) {
@@ -116,6 +152,7 @@ private:
 
     void takeString(const std::string &text)
     {
+        nameStatus(text);
         if (lexer.objectDepth <= 2) {
             if (nextIs == 2) {
                 scrollId = text;
@@ -209,6 +246,8 @@ private:
     }
 
     ReferenceLexer lexer;
+    std::map<std::string, std::string> status;
+    std::string statusName, statusText, outerName;
     std::string scalarText, content, highlight, docId, docType, score, scrollId, nowhere;
     int totalHitCount = 0;
     int hitTag = 0;

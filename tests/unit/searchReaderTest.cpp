@@ -72,6 +72,35 @@ TEST(SearchReader, ReadsRecordedAnswers)
     }
 }
 
+TEST(SearchReader, TellsWhichShardsAnsweredInTime)
+{
+    const struct {
+        const char *text, *status;
+        bool isPartial;
+    } answers[] = {
+        {R"({"took":1,"timed_out":false,"_shards":{"total":5,"successful":5,"skipped":2,"failed":0}})",
+         "in time, 5 shards, 5 good, 0 failed", false},
+        {R"({"timed_out" :
+ true,"_shards" : {"failed" : 0 ,"successful":4,"total":5
+}})",
+         "timed out, 5 shards, 4 good, 0 failed", true},
+        {R"({"timed_out":true})", "timed out, 0 shards, 0 good, 0 failed", true},
+        {R"({"_shards":{"total":2,"successful":1,"failed":1,"failures":[{"failed":9,"total":8}],"x":{"total":7}}})",
+         "in time, 2 shards, 1 good, 1 failed", true},
+        // The hits have a total too, other objects as well, and a value is no name.
+        {R"({"x":"timed_out","hits":{"total":3,"hits":[]},"y":{"total":4,"failed":1},"_shards":{"z":"total"}})",
+         "in time, 0 shards, 0 good, 0 failed", false},
+        {R"({"timed_out":"true","_shards":{"total":[6],"failed":{"failed":1}}})",
+         "in time, 0 shards, 0 good, 0 failed", false},
+    };
+    for (const auto &expected : answers) {
+        FastReader reader;
+        read(reader, expected.text);
+        EXPECT_EQ(describe(reader.getStatus()), expected.status) << expected.text;
+        EXPECT_EQ(reader.getStatus().isPartial(), expected.isPartial) << expected.text;
+    }
+}
+
 TEST(SearchReader, RefusesRecordedErrors)
 {
     int errors = 0;
