@@ -55,8 +55,9 @@ def counted(function, command, directory, run=subprocess.run, **kwargs):
 def check(name, instructions):
     kept = KEPT[name]
     assert instructions <= kept * MOST_GROWTH, f"{name}: {instructions} instructions, {kept} were kept"
-    # A count that fell far is no failure of the module, but such a figure guards nothing.
-    assert instructions >= kept / 2, f"{name}: only {instructions} instructions, {kept} were kept"
+    # A count that fell far is no failure of the module, but such a figure guards nothing. How the C library copies
+    # on a processor accounts for less.
+    assert instructions >= kept / 4, f"{name}: only {instructions} instructions, {kept} were kept"
 
 
 @pytest.mark.parametrize("kind, source", [("text", text_source), ("dense", dense_source)])
