@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Builds the module, warnings being errors, and runs its tests on several PostgreSQL versions, each in a
-# Debian of its own time: its server, its compiler, its libraries.
+# Debian of its own time: its server, its compiler, its libraries. Installs the Debian package for version 15 in
+# a Debian that has nothing but its dependencies, and lets it answer a query there.
 #
-#   scripts/test-matrix.sh             all versions: 13 15 17 18
-#   scripts/test-matrix.sh 13 17       these
+#   scripts/test-matrix.sh             all of it: 13 15 17 18 package
+#   scripts/test-matrix.sh 13 package  these
 #
-# One line per version at the end; the exit status is 0 when everything passed. Needs root, or sudo. The Debian
+# One line for each at the end; the exit status is 0 when everything passed. Needs root, or sudo. The Debian
 # folders (about 1.5 GB each) stay in build/matrix, or in $VELTRANE_MATRIX_DIR, so that the next run is quick;
 # remove the folder of a Debian release to have it made anew. They come from the mirrors of the machine's own
 # apt sources; $VELTRANE_MATRIX_MIRROR names one to be tried first, for releases that those no longer carry.
@@ -14,15 +15,18 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cache=$(realpath -m "${VELTRANE_MATRIX_DIR:-$root/build/matrix}")
 tree=/srv/veltrane # where the source lies inside a Debian folder
-all_versions=(13 15 17 18)
+all_tests=(13 15 17 18 package)
+package_version=15
 debian= # the Debian folder in use
 
-release_of() {
+# Where a test takes place; for a version, also the name of the Debian release.
+folder_of() { # TEST
     case $1 in
     13) echo bullseye ;;
     15) echo bookworm ;;
     17) echo trixie ;;
     18) echo forky ;;
+    package) echo package ;;
     *) return 1 ;;
     esac
 }
@@ -71,12 +75,8 @@ bootstrap() { # RELEASE
     return 1
 }
 
-install_inside() { # VERSION
-    local packages="cmake ninja-build g++ postgresql-$1 postgresql-server-dev-$1 libcurl4-openssl-dev
-        libutfcpp-dev zlib1g-dev libgtest-dev python3-pytest python3-psycopg2"
-    local done_before=$debian/var/lib/veltrane-packages
-    [ "$(cat "$done_before" 2>/dev/null)" != "$packages" ] || return 0
-
+# Installs the newest versions of packages, or package files, in the current Debian folder.
+install_inside() { # PACKAGE...
     # No service is started and no cluster is made: the tests make their own.
     printf '#!/bin/sh\nexit 101\n' >"$debian/usr/sbin/policy-rc.d"
     chmod +x "$debian/usr/sbin/policy-rc.d"
@@ -88,21 +88,34 @@ install_inside() { # VERSION
     fi
     in_debian dpkg --configure -a # what a run that was killed has left
     # Durable writes would only cost time: a folder that a crash left half done is completed by the next run.
-    # shellcheck disable=SC2086  # the list is meant to be split
     in_debian apt-get -q -y --no-install-recommends -o Dpkg::Options::=--force-unsafe-io \
-        -o Dpkg::Options::=--force-confold install $packages
+        -o Dpkg::Options::=--force-confold install "$@"
     in_debian apt-get clean
-    echo "$packages" >"$done_before"
 }
 
-prepare() { # VERSION RELEASE
-    if [ ! -e "$debian/var/lib/veltrane-bootstrapped" ]; then
-        bootstrap "$2"
-        touch "$debian/var/lib/veltrane-bootstrapped"
-    fi
+mount_inside() {
     mount -t proc proc "$debian/proc"
     mount --rbind /dev "$debian/dev" # the server needs /dev/shm as well
-    install_inside "$1"
+}
+
+# Makes the folder in which a version is built and tested the current one, and completes it.
+prepare() { # VERSION
+    local release packages done_before
+    release=$(folder_of "$1")
+    debian=$cache/$release
+    if [ ! -e "$debian/var/lib/veltrane-bootstrapped" ]; then
+        bootstrap "$release"
+        touch "$debian/var/lib/veltrane-bootstrapped"
+    fi
+    mountpoint -q "$debian/proc" || mount_inside
+    packages="cmake ninja-build g++ postgresql-$1 postgresql-server-dev-$1 libcurl4-openssl-dev
+        libutfcpp-dev zlib1g-dev libgtest-dev python3-pytest python3-psycopg2"
+    done_before=$debian/var/lib/veltrane-packages
+    if [ "$(cat "$done_before" 2>/dev/null)" != "$packages" ]; then
+        # shellcheck disable=SC2086  # the list is meant to be split
+        install_inside $packages
+        echo "$packages" >"$done_before"
+    fi
 }
 
 # ---- building and testing ------------------------------------------------------------------------------
@@ -145,13 +158,11 @@ run_sql_tests() { # VERSION
 
 # All steps for one version. Leaves in RELEASE.result how far it came.
 run_version() { # VERSION
-    local release result output summary unit_status=0 sql_status=0
-    release=$(release_of "$1")
-    debian=$cache/$release
-    result=$cache/$release.result
-    output=$cache/$release.pytest
+    local result output summary unit_status=0 sql_status=0
+    result=$cache/$(folder_of "$1").result
+    output=$cache/$(folder_of "$1").pytest
     echo "no Debian folder" >"$result"
-    prepare "$1" "$release"
+    prepare "$1"
     echo "no copy of the source" >"$result"
     copy_source
     echo "does not build" >"$result"
@@ -168,26 +179,92 @@ run_version() { # VERSION
     return $((unit_status || sql_status))
 }
 
-server_version() { # VERSION
-    in_debian "/usr/lib/postgresql/$1/bin/postgres" --version 2>/dev/null | awk '{print $3}'
+# ---- the package -----------------------------------------------------------------------------------------
+
+# Does what the package's users do, and leaves the answer in /tmp/answer: the id and the author of a document.
+ask_in_fresh_cluster() { # PORT
+    cat >"$debian/tmp/query.sql" <<END
+CREATE EXTENSION veltranepgfdw;
+CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw;
+CREATE FOREIGN TABLE books
+    (docname text, doccontent bytea, score real, doctype text, highlights bytea, param text)
+    SERVER search
+    OPTIONS (connectortype 'elasticsearch', address '127.0.0.1', port '$1', indexlist 'books',
+             batchsize '100');
+SELECT docname, veltranepgfdw_jsonb(doccontent)->>'author' FROM books
+    WHERE param = 'query={"match":{"text":"whale"}}' ORDER BY score DESC LIMIT 1;
+END
+    in_debian runuser -u postgres -- env HOME=/tmp pg_virtualenv -v "$package_version" \
+        psql -X -q -A -t -v ON_ERROR_STOP=1 -f /tmp/query.sql -o /tmp/answer
 }
 
-run_matrix() { # VERSION...
-    local version release log result lines=() failed=0
-    for version in "$@"; do
-        release=$(release_of "$version")
-        debian=$cache/$release
-        log=$cache/$release.log
-        say "PostgreSQL $version ($release) ..."
+# Builds the package in the folder of its version, where the search server runs as well, and takes it to a fresh
+# Debian. Leaves in package.result how far it came.
+run_package() {
+    local result=$cache/package.result builder file port server answer
+    echo "does not build" >"$result"
+    prepare "$package_version"
+    copy_source
+    file=$debian$(in_debian "$tree/scripts/package.sh")
+    builder=$debian
+
+    echo "cannot be installed" >"$result"
+    debian=$cache/package
+    bootstrap "$(folder_of "$package_version")"
+    mount_inside
+    trap 'umount --recursive --lazy "$debian/proc" "$debian/dev"; rm -rf --one-file-system "$debian"' EXIT
+    cp "$file" "$debian/tmp"
+    install_inside "/tmp/${file##*/}"
+
+    echo "the query failed" >"$result"
+    # It ends with the shell that waits for it, whose number is the one known here.
+    exec {port_line}< <(debian=$builder in_debian setpriv --pdeathsig TERM \
+        env --chdir="$tree/demo" python3 -B -m searchserver --documents books.ndjson)
+    server=$!
+    read -r port <&"$port_line"
+    ask_in_fresh_cluster "$port"
+    kill "$server"
+    answer=$(<"$debian/tmp/answer")
+    say "The answer: $answer"
+    [ "$answer" = "moby-dick|Herman Melville" ]
+    echo "${file##*/}: installed, extension created, query answered" >"$result"
+}
+
+# ---- all tests -------------------------------------------------------------------------------------------
+
+run_one() { # TEST
+    if [ "$1" = package ]; then
+        run_package
+    else
+        run_version "$1"
+    fi
+}
+
+title_of() { # TEST
+    local version
+    debian=$cache/$(folder_of "$1")
+    if [ "$1" = package ]; then
+        echo "Debian package ($(folder_of "$package_version"))"
+    else
+        version=$(in_debian "/usr/lib/postgresql/$1/bin/postgres" --version 2>/dev/null | awk '{print $3}') || true
+        echo "PostgreSQL ${version:-$1} ($(folder_of "$1"))"
+    fi
+}
+
+run_tests() { # TEST...
+    local test log result lines=() failed=0
+    for test in "$@"; do
+        say "$(title_of "$test") ..."
+        log=$cache/$(folder_of "$test").log
         # A process of its own, so that its first failing command ends it.
-        if bash "${BASH_SOURCE[0]}" --inside-one "$version" >"$log" 2>&1; then
-            result=$(<"$cache/$release.result")
+        if bash "${BASH_SOURCE[0]}" --inside-one "$test" >"$log" 2>&1; then
+            result=$(<"${log%.log}.result")
         else
             failed=1
             tail -n 60 "$log" >&2
-            result="FAILED, $(<"$cache/$release.result") (all of it: $log)"
+            result="FAILED, $(<"${log%.log}.result") (all of it: $log)"
         fi
-        lines+=("PostgreSQL $(server_version "$version" || echo "$version") ($release): $result")
+        lines+=("$(title_of "$test"): $result")
     done
     printf '%s\n' "${lines[@]}"
     return $failed
@@ -198,11 +275,11 @@ run_matrix() { # VERSION...
 case "${1:-}" in
 --inside)
     shift
-    run_matrix "$@"
+    run_tests "$@"
     exit
     ;;
 --inside-one)
-    run_version "$2"
+    run_one "$2"
     exit
     ;;
 -h | --help)
@@ -211,10 +288,10 @@ case "${1:-}" in
     ;;
 esac
 
-[ $# -gt 0 ] || set -- "${all_versions[@]}"
-for version in "$@"; do
-    if ! release_of "$version" >/dev/null; then
-        say "usage: ${0##*/} [VERSION...], out of ${all_versions[*]}"
+[ $# -gt 0 ] || set -- "${all_tests[@]}"
+for test in "$@"; do
+    if ! folder_of "$test" >/dev/null; then
+        say "usage: ${0##*/} [TEST...], out of ${all_tests[*]}"
         exit 2
     fi
 done

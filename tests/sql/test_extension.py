@@ -1,0 +1,160 @@
+"""The installed extension, on a server whose directories are a private copy: made, used, moved, dumped, dropped."""
+import os
+import shutil
+import subprocess
+import tempfile
+from pathlib import Path
+
+import psycopg2
+import pytest
+from conftest import Database, module_path
+from privatecluster import PrivateCluster
+
+LIBRARY = "$libdir/libVeltranePgFdw3_0"
+FUNCTIONS = {"veltranepgfdwinterfacehandler()", "veltranepgfdwinterfacevalidator(text[],oid)",
+             "veltranepgfdw_text(bytea)", "veltranepgfdw_jsonb(bytea)"}
+LEFT_BEHIND = """
+SELECT proname::text FROM pg_proc WHERE proname ^@ 'veltranepgfdw' OR probin ~ 'Veltrane'
+UNION ALL SELECT fdwname FROM pg_foreign_data_wrapper UNION ALL SELECT srvname FROM pg_foreign_server
+UNION ALL SELECT ftrelid::regclass::text FROM pg_foreign_table UNION ALL SELECT description FROM pg_description
+    WHERE description ~ 'veltranepgfdw'"""
+TITLES = """
+SELECT docname, {schema}veltranepgfdw_jsonb(doccontent)->>'title'
+FROM books WHERE docname IN ('b001', 'b002') ORDER BY docname"""
+FOUND = [("b001", "whales"), ("b002", "letters")]
+
+
+def directory_of_server(which):
+    config = os.environ.get("PG_CONFIG", "pg_config")
+    return subprocess.check_output([config, f"--{which}"], text=True).strip()
+
+
+@pytest.fixture(scope="module")
+def installed():
+    """The root of a copy of the server's directories, the built tree installed into it.
+
+    The server finds its directories from where its program lies, so the programs are copied; everything else is
+    linked to.
+    """
+    with tempfile.TemporaryDirectory(prefix="fdw-server-") as copy:
+        os.chmod(copy, 0o755)
+        umask = os.umask(0o022)  # the server is another user's
+        for which, bring in (("bindir", shutil.copy), ("pkglibdir", os.symlink), ("sharedir", os.symlink)):
+            original = directory_of_server(which)
+            shutil.copytree(original, copy + original, copy_function=bring,
+                            ignore=shutil.ignore_patterns("*[Vv]eltrane*"))
+        subprocess.run(["cmake", "--install", module_path().parent], env={**os.environ, "DESTDIR": copy},
+                       check=True, stdout=subprocess.DEVNULL)
+        os.umask(umask)
+        yield copy
+
+
+@pytest.fixture(scope="module")
+def cluster(installed):
+    """In place of the cluster of the other tests, so that `db` has the extension."""
+    preload = os.environ.get("VELTRANE_SERVER_PRELOAD")
+    with PrivateCluster(module_path(), pg_bindir=installed + directory_of_server("bindir"),
+                        environment={"LD_PRELOAD": preload} if preload else None) as started:
+        connection = psycopg2.connect(started.dsn)
+        connection.autocommit = True
+        connection.cursor().execute("CREATE EXTENSION veltranepgfdw; "
+                                    "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
+        connection.close()
+        yield started
+
+
+@pytest.fixture
+def new_database(db):
+    """new_database(name): a session in a new database without the extension."""
+    sessions = {}
+
+    def make(name):
+        db.run(f"CREATE DATABASE {name} TEMPLATE template0")
+        sessions[name] = Database(db.cluster, db.port, name)
+        return sessions[name]
+
+    yield make
+    for name, session in sessions.items():
+        session.connection.close()
+        db.run(f"DROP DATABASE {name}")
+
+
+def make_extension(session, schema="public"):
+    session.run(f"CREATE SCHEMA IF NOT EXISTS {schema}; CREATE EXTENSION veltranepgfdw SCHEMA {schema}; "
+                "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
+    session.make_table()
+
+
+def run_program(session, name, *arguments, text=None):
+    """The output of a client program of the server on a session's database."""
+    dsn = f"{session.cluster.dsn} dbname={session.connection.info.dbname}"
+    return subprocess.run([os.path.join(session.cluster.pg_bindir, name), *arguments, dsn], input=text, check=True,
+                          text=True, stdout=subprocess.PIPE).stdout
+
+
+def test_objects(db):
+    described = db.run("""
+        SELECT pg_describe_object(classid, objid, 0), obj_description(objid, classid::regclass::text) IS NOT NULL
+        FROM pg_depend WHERE refclassid = 'pg_extension'::regclass AND deptype = 'e'
+            AND refobjid = (SELECT oid FROM pg_extension WHERE extname = 'veltranepgfdw')""")
+    assert dict(described) == dict.fromkeys(
+        {"foreign-data wrapper veltranepgfdw"} | {f"function {name}" for name in FUNCTIONS}, True)
+    # strict; the readers of contents, which serve indexes and parallel plans, also immutable and parallel safe
+    assert sorted(db.run("SELECT proname::text, probin, proisstrict, provolatile, proparallel FROM pg_proc "
+                         "WHERE proname ^@ 'veltranepgfdw'")) == [
+        ("veltranepgfdw_jsonb", LIBRARY, True, "i", "s"),
+        ("veltranepgfdw_text", LIBRARY, True, "i", "s"),
+        ("veltranepgfdwinterfacehandler", LIBRARY, True, "v", "u"),
+        ("veltranepgfdwinterfacevalidator", LIBRARY, True, "v", "u")]
+
+
+def test_search_through_the_installed_library(db, installed):
+    assert db.run(TITLES.format(schema="")) == FOUND
+    assert db.value("SELECT veltranepgfdw_text(doccontent)::json->>'number' FROM books WHERE docname = 'b007'") == "7"
+    assert db.value("""SELECT veltranepgfdw_jsonb(doccontent)->'number' FROM books
+                       WHERE param IN ('query={"term":{"number":9}}', 'compressionlevel=-2')""") == 9
+    maps = Path(f"/proc/{db.pid}/maps").read_text(encoding="utf-8")
+    assert f"{installed}{directory_of_server('pkglibdir')}/{module_path().name}" in maps
+
+
+def test_another_schema(new_database):
+    session = new_database("elsewhere")
+    make_extension(session, schema="one")
+    assert session.run(TITLES.format(schema="one.")) == FOUND
+    session.run("CREATE SCHEMA two; ALTER EXTENSION veltranepgfdw SET SCHEMA two")
+    assert session.run(TITLES.format(schema="two.")) == FOUND
+    assert session.run("SELECT DISTINCT pronamespace::regnamespace::text FROM pg_proc "
+                       "WHERE proname ^@ 'veltranepgfdw'") == [("two",)]
+
+
+def test_drop(new_database):
+    session = new_database("dropping")
+    untouched = session.run(LEFT_BEHIND)
+    make_extension(session)
+    assert session.failure("DROP EXTENSION veltranepgfdw") == (
+        "2BP01", "cannot drop extension veltranepgfdw because other objects depend on it")
+    assert session.run(TITLES.format(schema="")) == FOUND
+    session.run("DROP SERVER search CASCADE; DROP EXTENSION veltranepgfdw")
+    assert session.run(LEFT_BEHIND) == untouched == []
+    make_extension(session)
+    session.run("DROP EXTENSION veltranepgfdw CASCADE")
+    assert session.run(LEFT_BEHIND) == []
+
+
+def test_dump_and_restore(new_database):
+    session = new_database("dumped")
+    make_extension(session)
+    session.run(f"CREATE VIEW titles AS {TITLES.format(schema='')}")
+    dump = run_program(session, "pg_dump")
+    assert "CREATE EXTENSION IF NOT EXISTS veltranepgfdw" in dump
+    assert not [line for line in dump.splitlines() if line.startswith(("CREATE FUNCTION", "CREATE FOREIGN DATA"))]
+    restored = new_database("restored")
+    run_program(restored, "psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", text=dump)
+    assert restored.run("SELECT * FROM titles") == FOUND
+
+
+def test_script_by_hand_makes_nothing(new_database, installed):
+    session = new_database("by_hand")
+    (script,) = Path(installed + directory_of_server("sharedir"), "extension").glob("veltranepgfdw--*.sql")
+    assert 'Use "CREATE EXTENSION veltranepgfdw"' in run_program(session, "psql", "-X", "-f", script)
+    assert session.run(LEFT_BEHIND) == []
