@@ -1,8 +1,8 @@
 // The columns that a query uses, and compressed bytea values.
 #include "quelmoraPgFdwConnectorBase.h"
+#include "quelmoraPgZlibMemory.h"
 
 #include <cstring>
-#include <zlib.h>
 
 namespace qm::pgFdw
 {
@@ -24,15 +24,6 @@ void parseVarNames(List *expressions, tupleDesc *descriptor, ColumnNameCallback 
         parseVarName(static_cast<Expr *>(lfirst(cell)), descriptor, callback, userData);
 }
 
-// zlib takes null for failure, so nothing is raised through its frames.
-void *allocateForZlib(void *context, unsigned int items, unsigned int size)
-{
-    return MemoryContextAllocExtended(static_cast<MemoryContext>(context), static_cast<Size>(items) * size,
-                                      MCXT_ALLOC_HUGE | MCXT_ALLOC_NO_OOM);
-}
-
-void freeForZlib(void *, void *memory) { pfree(memory); }
-
 void closeStream(DeflateStream &stream)
 {
     if (!stream.state)
@@ -49,9 +40,7 @@ bool prepareStream(DeflateStream &stream, int level)
         return deflateReset(stream.state) == Z_OK;
     closeStream(stream);
     stream.state = static_cast<z_stream *>(MemoryContextAllocZero(stream.context, sizeof(z_stream)));
-    stream.state->zalloc = allocateForZlib;
-    stream.state->zfree = freeForZlib;
-    stream.state->opaque = stream.context;
+    allocateIn(stream.context, *stream.state);
     stream.level = level;
     if (deflateInit(stream.state, level) == Z_OK)
         return true;
