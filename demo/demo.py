@@ -92,7 +92,14 @@ def search_server(cluster, stack):
     return url, "books"
 
 
+def major_version(url):
+    """The major version of a search server, as it tells it."""
+    with urllib.request.urlopen(url, timeout=WAIT_SECONDS) as answer:
+        return json.load(answer)["version"]["number"].partition(".")[0]
+
+
 def create_tables(connection, cluster, url, index):
+    """Makes the tables of the tour, for a search server of any version."""
     parts = urllib.parse.urlsplit(url)
     address = parts.hostname if parts.scheme == "http" else f"{parts.scheme}://{parts.hostname}"
     values = {"module": os.path.splitext(cluster.module_path)[0], "address": address,
@@ -100,6 +107,7 @@ def create_tables(connection, cluster, url, index):
     with connection.cursor() as cursor:
         cursor.execute(SETUP.format(**{name: QuotedString(value).getquoted().decode()
                                        for name, value in values.items()}))
+        cursor.execute("ALTER FOREIGN TABLE books OPTIONS (ADD esversion %s)", (major_version(url),))
 
 
 def show(connection, query, title=None):

@@ -5,6 +5,7 @@ import pathlib
 import signal
 
 from . import SearchServer
+from .dialect import DIALECTS
 
 
 def main():
@@ -12,12 +13,12 @@ def main():
     options.add_argument("--port", type=int, default=0, help="0 takes a free one (default)")
     options.add_argument("--documents", type=pathlib.Path, action="append", default=[], metavar="FILE.ndjson",
                          help="bulk file to load; the index is named after it unless its lines name one")
-    options.add_argument("--total", choices=("object", "number"), default="object",
-                         help="form of the hit count: object from version 7 on (default), number before")
+    options.add_argument("--version", type=int, choices=DIALECTS, default=7,
+                         help="major version whose dialect to speak (default: 7)")
     chosen = options.parse_args()
     stop = {signal.SIGTERM, signal.SIGINT}
     signal.pthread_sigmask(signal.SIG_BLOCK, stop)
-    with SearchServer(total=chosen.total, port=chosen.port) as server:
+    with SearchServer(chosen.version, chosen.port) as server:
         for path in chosen.documents:
             server.load(path.read_text(encoding="utf-8"), path.stem)
         print(server.port, flush=True)

@@ -16,10 +16,11 @@ from .scroll import Scrolls
 class Document:
     """One document: `raw` is the source text as it was given, `source` its value."""
 
-    def __init__(self, doc_id, raw, source):
+    def __init__(self, doc_id, raw, source, shard):
         self.id = doc_id
         self.raw = raw
         self.source = source
+        self.shard = shard  # its number within the index
         self.version = 1
 
     @functools.cached_property
@@ -77,8 +78,9 @@ class Field:
 class Index:
     """One index. A document's place, its number in order of arrival, is what queries work with."""
 
-    def __init__(self, name):
+    def __init__(self, name, shards):
         self.name = name
+        self.shards = shards
         self.uuid = base64.urlsafe_b64encode(hashlib.md5(name.encode()).digest()).decode()[:22]
         self.documents = {}
         self.places = {}
@@ -99,7 +101,7 @@ class Index:
         if not isinstance(value, dict):
             raise typed(400, "mapper_parsing_exception", "failed to parse",
                         {"type": "not_x_content_exception", "reason": "the source is not a JSON object"})
-        document = Document(doc_id, raw, value)
+        document = Document(doc_id, raw, value, self.next_place % self.shards)
         if doc_id in self.places:
             document.version += self.documents.pop(self.places[doc_id]).version
             self.forget_fields()
@@ -135,16 +137,22 @@ class Index:
 
 
 class Cluster:
-    """All indices by name and all scroll contexts; whoever reads or changes them holds `lock`."""
+    """All indices by name and all scroll contexts; whoever reads or changes them holds `lock`.
+
+    `partial` is the Partial that befalls its answers, or None.
+    """
 
     def __init__(self):
         self.indices = {}
         self.scrolls = Scrolls()
+        self.partial = None
         self.lock = threading.RLock()
 
-    def create(self, name):
-        """The index of that name, made when it is new."""
-        return self.indices.setdefault(name, Index(name))
+    def create(self, name, shards=1):
+        """The index of that name, made of so many shards when it is new."""
+        if name not in self.indices:
+            self.indices[name] = Index(name, shards)
+        return self.indices[name]
 
     def select(self, names):
         """The indices of a comma-separated list with wildcards; SearchError 404 for a missing name."""

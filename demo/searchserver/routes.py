@@ -18,9 +18,9 @@ CONTENT_TYPES = ("application/json", "application/x-ndjson")
 class Exchange:
     """One request being answered; handlers may add `headers` to the answer."""
 
-    def __init__(self, cluster, total, request):
+    def __init__(self, cluster, dialect, request):
         self.cluster = cluster
-        self.total = total
+        self.dialect = dialect
         self.method = request.method
         self.path, _, query_string = request.path.partition("?")
         self.parameters = dict(parse_qsl(query_string, keep_blank_values=True))
@@ -32,16 +32,17 @@ class Exchange:
         return self.parameters.get(name) in ("", "true")
 
 
-def respond(cluster, total, request):
+def respond(cluster, dialect, request):
     """(status, headers, text) of the answer to a request."""
-    exchange = Exchange(cluster, total, request)
+    exchange = Exchange(cluster, dialect, request)
     try:
         handler, parts = find(exchange)
         content_type = (exchange.content_type or "").partition(";")[0].strip().lower()
         if exchange.body and content_type not in CONTENT_TYPES:
             said = f"[{exchange.content_type}] is not supported" if exchange.content_type else "is missing"
             raise SearchError(406, {"error": f"Content-Type header {said}", "status": 406})
-        unknown = next((name for name in exchange.parameters if name not in handler.parameters), None)
+        known = set(handler.parameters) - (set() if dialect.ids_in_urls else {"scroll_id"})
+        unknown = next((name for name in exchange.parameters if name not in known), None)
         if unknown is not None:
             raise illegal_argument(f"request [{exchange.path}] contains unrecognized parameter: [{unknown}]")
         with cluster.lock:
@@ -65,7 +66,8 @@ def endpoint(*parameters):
 def find(exchange):
     """The handler of a request and the variable parts of its path; SearchError when there is none."""
     segments = [unquote(part) for part in exchange.path.split("/") if part]
-    for pattern, methods in ROUTES:
+    refused = exchange.dialect.empty_type == "refused" and "//" in exchange.path
+    for pattern, methods in () if refused else ROUTES:
         parts = match(pattern, segments)
         if parts is None:
             continue
@@ -89,12 +91,12 @@ def match(pattern, segments):
 
 @endpoint()
 def info(exchange):
-    number, lucene = ("6.8.0", "7.7.0") if exchange.total == "number" else ("7.8.0", "8.5.1")
+    number = exchange.dialect.number
     about = {"name": "bundled", "cluster_name": "bundled-search-server",
              "cluster_uuid": "bundledSearchServer001",
              "version": {"number": number, "build_flavor": "unknown", "build_type": "unknown",
                          "build_hash": "unknown", "build_date": "unknown", "build_snapshot": True,
-                         "lucene_version": lucene, "minimum_wire_compatibility_version": number,
+                         "lucene_version": exchange.dialect.lucene, "minimum_wire_compatibility_version": number,
                          "minimum_index_compatibility_version": number},
              "tagline": "A stand-in for tests and demonstrations"}
     return 200, json.dumps(about, indent=2, separators=(",", " : ")) + "\n"
@@ -104,18 +106,19 @@ def info(exchange):
 def search(exchange, names="_all"):
     started = time.monotonic()
     keep_alive = scroll.seconds(exchange.parameters["scroll"]) if "scroll" in exchange.parameters else None
-    request = SearchRequest(exchange.body, keep_alive)
-    # The empty segment of "books//_search" is taken as the name of a mapping type, as servers did of old.
-    if exchange.path.rstrip("/").endswith("//_search") and exchange.total == "object":
+    request = SearchRequest(exchange.body, exchange.dialect, keep_alive)
+    if exchange.path.rstrip("/").endswith("//_search") and exchange.dialect.empty_type == "deprecated":
         exchange.headers.append(("warning", DEPRECATED))
-    indices = exchange.cluster.select(names)
-    found = request.find(indices)
+    found = request.find(exchange.cluster.select(names))
+    partial = exchange.cluster.partial
+    if partial and partial.page == 1:
+        found = partial.cut(found)
     if keep_alive is None:
         scroll_id, hits = None, found.hits[request.start:request.start + request.size]
     else:
-        scroll_id, hits = exchange.cluster.scrolls.open(request, found, len(indices), keep_alive)
+        scroll_id, hits = exchange.cluster.scrolls.open(request, found, keep_alive)
     plain = exchange.flag("rest_total_hits_as_int")
-    return 200, request.write(found, hits, exchange.total, plain, started, scroll_id)
+    return 200, request.write(found, hits, plain, started, scroll_id)
 
 
 def scroll_members(exchange):
@@ -131,8 +134,11 @@ def next_page(exchange):
     (scroll_id, *_), time_value = scroll_members(exchange)
     keep_alive = None if time_value is None else scroll.seconds(time_value)
     context, hits = exchange.cluster.scrolls.next_page(scroll_id, keep_alive)
+    found, partial = context.found, exchange.cluster.partial
+    if partial and partial.page == context.page:
+        found, hits = partial.cut_page(found, hits)
     plain = exchange.flag("rest_total_hits_as_int")
-    return 200, context.request.write(context.found, hits, exchange.total, plain, started,
+    return 200, context.request.write(found, hits, plain, started,
                                       None if keep_alive is None else scroll_id, later_page=True)
 
 
@@ -142,11 +148,11 @@ def delete_scroll(exchange):
     return 200 if freed else 404, jsontext.write({"succeeded": True, "num_freed": freed})
 
 
-def written(index, document):
+def written(exchange, index, document):
     """What the interface tells of a document that was stored."""
-    return {"_index": index.name, "_type": "_doc", "_id": document.id, "_version": document.version,
-            "result": "created" if document.version == 1 else "updated", "_shards": SHARDS,
-            "_seq_no": index.next_place - 1, "_primary_term": 1}
+    return {"_index": index.name, **({"_type": "_doc"} if exchange.dialect.types else {}), "_id": document.id,
+            "_version": document.version, "result": "created" if document.version == 1 else "updated",
+            "_shards": SHARDS, "_seq_no": index.next_place - 1, "_primary_term": 1}
 
 
 def status_of(document):
@@ -158,7 +164,7 @@ def put_document(exchange, name, doc_id):
     _, text = jsontext.read(exchange.body)
     index = exchange.cluster.create(name)
     document = index.put(doc_id, text)
-    return status_of(document), jsontext.write(written(index, document))
+    return status_of(document), jsontext.write(written(exchange, index, document))
 
 
 @endpoint("refresh")
@@ -168,7 +174,7 @@ def bulk(exchange, name=None):
     for action, target, doc_id, source in bulk_actions(exchange.body.decode("utf-8"), name):
         index = exchange.cluster.create(target)
         document = index.put(doc_id, source)
-        items.append({action: {**written(index, document), "status": status_of(document)}})
+        items.append({action: {**written(exchange, index, document), "status": status_of(document)}})
     took = int((time.monotonic() - started) * 1000)
     return 200, jsontext.write({"took": took, "errors": False, "items": items})
 

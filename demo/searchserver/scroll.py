@@ -38,7 +38,7 @@ def seconds(text):
 
 
 def write_id(numbers):
-    """The scroll id of a result whose contexts, one an index, have these numbers."""
+    """The scroll id of a result whose contexts, one a shard, have these numbers."""
     def string(data):
         return bytes([len(data)]) + data
 
@@ -78,7 +78,10 @@ class Context:
 
     def __init__(self, request, found, keep_alive):
         self.request = request
-        self.found = found
+        # The later pages know nothing of the shards that failed before the first one.
+        shards = found.shards["successful"]
+        self.found = found._replace(timed_out=False, shards={
+            "total": shards, "successful": shards, "skipped": 0, "failed": 0})
         self.taken = 0
         self.keep(keep_alive)
 
@@ -90,6 +93,11 @@ class Context:
         start, self.taken = self.taken, self.taken + self.request.size
         return self.found.hits[start:self.taken]
 
+    @property
+    def page(self):
+        """The number of the page that was taken last, from 1."""
+        return self.taken // self.request.size
+
 
 class Scrolls:
     """The open contexts by scroll id; `opened` counts all there ever were."""
@@ -99,10 +107,11 @@ class Scrolls:
         self.opened = 0
         self.next_number = 1
 
-    def open(self, request, found, index_count, keep_alive):
+    def open(self, request, found, keep_alive):
         """(id, hits of the first page) of a new context."""
-        numbers = range(self.next_number, self.next_number + index_count)
-        self.next_number += index_count
+        shards = found.shards["successful"]
+        numbers = range(self.next_number, self.next_number + shards)
+        self.next_number += shards
         scroll_id = write_id(numbers)
         context = Context(request, found, keep_alive)
         if numbers:
@@ -124,7 +133,7 @@ class Scrolls:
         return context, context.take()
 
     def delete(self, scroll_ids):
-        """Drops contexts and returns how many there were, counted by index."""
+        """Drops contexts and returns how many there were, counted by shard."""
         counts = {scroll_id: len(read_id(scroll_id)) for scroll_id in scroll_ids}
         self.drop_expired()
         return sum(count for scroll_id, count in counts.items() if self.contexts.pop(scroll_id, None))

@@ -16,8 +16,9 @@ TOKENS = {dict: "START_OBJECT", list: "START_ARRAY", str: "VALUE_STRING", bool: 
 KEYS = ("query", "size", "from", "sort", "_source", "highlight", "track_total_hits", "track_scores")
 
 
-# All hits in their order, their count, the account of the indices, the highest score or None.
-Found = namedtuple("Found", "hits count shards highest")
+# All hits in their order, their count, the account of the shards, the highest score or None, the indices in which
+# the search succeeded, whether it ran out of time.
+Found = namedtuple("Found", "hits count shards highest indices timed_out")
 
 
 class SearchRequest:
@@ -26,7 +27,8 @@ class SearchRequest:
     `keep_alive` is the time in seconds of the scroll context that the search opens, or None.
     """
 
-    def __init__(self, data, keep_alive=None):
+    def __init__(self, data, dialect, keep_alive=None):
+        self.dialect = dialect
         self.keep_alive = keep_alive
         body, text = jsontext.read(data) if data.strip() else ({}, "")
         try:
@@ -49,6 +51,9 @@ class SearchRequest:
         self.highlight = highlight.parse(body["highlight"], ("highlight",)) if "highlight" in body else []
         self.sort = parse_sort(body.get("sort", []))
         self.count = body.get("track_total_hits", COUNT_LIMIT)
+        # Servers with plain totals count all hits or none.
+        if self.dialect.plain_total and not isinstance(body.get("track_total_hits", True), bool):
+            raise ParseError(("track_total_hits",), "[track_total_hits] must be a boolean")
         if not isinstance(self.count, (bool, int)):
             raise ParseError(("track_total_hits",), "[track_total_hits] must be a boolean or a number")
         sorted_by_score = not self.sort or any(field == "_score" for field, _ in self.sort)
@@ -83,20 +88,21 @@ class SearchRequest:
 
     def find(self, indices):
         """The Found of a search; SearchError when it fails on every index."""
-        hits, failures, count = [], [], 0
+        hits, failures, succeeded, count = [], [], [], 0
         for index in indices:
             try:
                 self.check_window()
                 scores = self.query.evaluate(index)
                 hits += self.ordered(index, scores)
                 count += len(scores)
+                succeeded.append(index)
             except ShardFailure as failure:
                 failures.append(failure.entry(index))
-        if indices and len(failures) == len(indices):
+        if indices and not succeeded:
             raise all_shards_failed(failures)
         hits.sort(key=lambda hit: hit[0])
-        shards = {"total": len(indices), "successful": len(indices) - len(failures), "skipped": 0,
-                  "failed": len(failures)}
+        total, successful = (sum(index.shards for index in each) for each in (indices, succeeded))
+        shards = {"total": total, "successful": successful, "skipped": 0, "failed": total - successful}
         if failures:
             shards["failures"] = failures
         highest = None
@@ -104,15 +110,16 @@ class SearchRequest:
             highest = 0.0
         elif hits and self.size and self.scored:
             highest = max(score for _, score, *_ in hits)
-        return Found(hits, count, shards, highest)
+        return Found(hits, count, shards, highest, succeeded, False)
 
-    def write(self, found, hits, total, plain_total, started, scroll_id=None, later_page=False):
-        """The answer's text; `total` is the server's form, `plain_total` asks for a number in any case."""
+    def write(self, found, hits, plain_total, started, scroll_id=None, later_page=False):
+        """The answer's text; `plain_total` asks for a number in any case."""
         head = f'"_scroll_id":"{scroll_id}",' if scroll_id else ""
         took = int((time.monotonic() - started) * 1000)
+        timed_out = jsontext.write(found.timed_out)
         ended = '"terminated_early":true,' if later_page else ""
-        return (f'{{{head}"took":{took},"timed_out":false,{ended}"_shards":{jsontext.write(found.shards)},'
-                f'"hits":{{{self.write_total(found.count, total == "number", plain_total)}'
+        return (f'{{{head}"took":{took},"timed_out":{timed_out},{ended}"_shards":{jsontext.write(found.shards)},'
+                f'"hits":{{{self.write_total(found.count, plain_total)}'
                 f'"max_score":{jsontext.write_score(found.highest)},'
                 f'"hits":[{",".join(self.write_hit(*hit[1:]) for hit in hits)}]}}}}')
 
@@ -125,8 +132,8 @@ class SearchRequest:
         return [(tuple(column(place)[0] for column in columns), scores[place] if self.scored else None,
                  index, index.documents[place], [column(place)[1] for column in columns]) for place in scores]
 
-    def write_total(self, count, old_server, plain):
-        if old_server or plain:
+    def write_total(self, count, plain):
+        if plain or self.dialect.plain_total:
             return f'"total":{-1 if self.count is False else count},'
         if self.count is False:
             return ""
@@ -135,7 +142,8 @@ class SearchRequest:
         return f'"total":{{"value":{min(count, limit)},"relation":"{relation}"}},'
 
     def write_hit(self, score, index, document, sort_values):
-        parts = [f'{{"_index":{jsontext.write(index.name)},"_type":"_doc",'
+        doc_type = '"_type":"_doc",' if self.dialect.types else ""
+        parts = [f'{{"_index":{jsontext.write(index.name)},{doc_type}'
                  f'"_id":{jsontext.write(document.id)},"_score":{jsontext.write_score(score)}']
         if self.source is None:
             parts.append(f',"_source":{document.raw}')

@@ -4,11 +4,14 @@ import json
 import socket
 import threading
 from collections import namedtuple
+from contextlib import contextmanager
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 from . import jsontext
+from .dialect import DIALECTS
 from .errors import typed
 from .index import Cluster
+from .partial import Partial
 from .routes import bulk_actions, respond
 
 # What came over the wire: `path` is the raw request target, `headers` (name, value) pairs, `body` bytes.
@@ -34,7 +37,7 @@ class Handler(BaseHTTPRequestHandler):
         if len(self.requestline) > MAX_LINE:
             self.send(TOO_LONG.status, [], jsontext.write(TOO_LONG.body))
         else:
-            self.send(*respond(self.server.owner.cluster, self.server.owner.total, request))
+            self.send(*respond(self.server.owner.cluster, self.server.owner.dialect, request))
 
     do_GET = do_HEAD = do_POST = do_PUT = do_DELETE = answer
 
@@ -91,14 +94,13 @@ class Listener(ThreadingHTTPServer):
 class SearchServer:
     """A search server on 127.0.0.1, run in a background thread while the object is used in `with`.
 
-    `total` is the form of the hit count: "object" (servers from version 7 on) or "number" (before).
+    `version` is the major version whose dialect it speaks, one of DIALECTS.
     Port 0 takes a free one; `port` holds the one in use from the start of `with`.
     """
 
-    def __init__(self, total="object", port=0):
-        if total not in ("object", "number"):
-            raise ValueError(f"total must be 'object' or 'number', not {total!r}")
-        self.total = total
+    def __init__(self, version=7, port=0):
+        self.version = version
+        self.dialect = DIALECTS[version]
         self.port = port
         self.journal = []
         self.cluster = Cluster()
@@ -116,10 +118,10 @@ class SearchServer:
         self.listener.hang_up()
         self.thread.join()
 
-    def create_index(self, name):
-        """Makes an empty index."""
+    def create_index(self, name, shards=1):
+        """Makes an empty index. Documents go to its shards in turn; the more shards, the longer a scroll id."""
         with self.cluster.lock:
-            self.cluster.create(name)
+            self.cluster.create(name, shards)
 
     def put(self, index, doc_id, source):
         """Stores one document: a dict, or JSON text that comes back byte for byte."""
@@ -153,6 +155,15 @@ class SearchServer:
         """Drops all scroll contexts, as if their time had run out."""
         with self.cluster.lock:
             self.cluster.scrolls.contexts.clear()
+
+    @contextmanager
+    def partial_answers(self, page=1, failed=0, unassigned=0, timed_out=False):
+        """While in `with`, the answers of a search's `page` are partial as Partial tells; some shard must be left."""
+        self.cluster.partial = Partial(page, failed, unassigned, timed_out)
+        try:
+            yield
+        finally:
+            self.cluster.partial = None
 
     def take_journal(self):
         """The requests that came since the last call."""

@@ -1,5 +1,6 @@
 """What the SQL tests share: a private cluster with the module, search servers, and short ways to ask both."""
 import contextlib
+import functools
 import os
 import re
 import socket
@@ -29,6 +30,22 @@ CREATE FOREIGN DATA WRAPPER veltranepgfdw
     HANDLER veltranepgfdwinterfacehandler VALIDATOR veltranepgfdwinterfacevalidator;
 CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw;
 """
+
+
+# What the tests marked with `every_version` run with: the major version of the search server, and the option
+# esversion of the tables on it. All others run with the default.
+VERSIONS = [(6, None), (6, 6), (7, None), (7, 7), (8, 8), (9, 9)]
+DEFAULT_VERSION = 7, 7
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "every_version: runs against a search server of each version")
+
+
+def pytest_generate_tests(metafunc):
+    if metafunc.definition.get_closest_marker("every_version"):
+        metafunc.parametrize("versions", VERSIONS, indirect=True, ids=[
+            f"{version}{'' if esversion else ' untold'}" for version, esversion in VERSIONS])
 
 
 def bodies(server):
@@ -78,8 +95,9 @@ class Database:
     expression compiler in.
     """
 
-    def __init__(self, cluster, port, dbname="postgres", jit=True):
+    def __init__(self, cluster, port, dbname="postgres", jit=True, esversion=None):
         self.cluster, self.port, self.log_start = cluster, port, os.path.getsize(cluster.log_path)
+        self.esversion = esversion  # of the tables on that port
         self.connection = psycopg2.connect(cluster.dsn, dbname=dbname)
         self.connection.autocommit = True
         self.pid = self.connection.info.backend_pid
@@ -112,7 +130,8 @@ class Database:
     def make_table(self, name="books", columns=COLUMNS, server="search", **options):
         """Makes a foreign table, replacing one of that name; an option of None is left out."""
         options = {"connectortype": "elasticsearch", "address": "127.0.0.1", "port": str(self.port),
-                   "indexlist": "books", "batchsize": "100", **options}
+                   "indexlist": "books", "batchsize": "100",
+                   "esversion": None if "port" in options else self.esversion, **options}
         texts = ", ".join(f"\"{key}\" '{value}'" for key, value in options.items() if value is not None)
         self.run(f"DROP FOREIGN TABLE IF EXISTS {name}")
         self.run(f"CREATE FOREIGN TABLE {name} ({columns}) SERVER {server} OPTIONS ({texts})")
@@ -152,18 +171,30 @@ def cluster():
 
 @pytest.fixture(scope="session")
 def library():
-    """The search server with the documents that the tests share."""
-    with SearchServer(total="object") as server:
-        server.put_many("books", [(f"b{n:03}", {"title": "whales" if n % 2 else "letters", "number": n,
-                                                "type": "book" if n % 10 else "essay"}) for n in range(250)])
-        server.create_index("empty")
-        yield server
+    """library(version): the search server of that version with the documents that the tests share."""
+    with contextlib.ExitStack() as stack:
+        @functools.lru_cache(None)
+        def of_version(version):
+            server = stack.enter_context(SearchServer(version))
+            server.put_many("books", [(f"b{n:03}", {"title": "whales" if n % 2 else "letters", "number": n,
+                                                    "type": "book" if n % 10 else "essay"}) for n in range(250)])
+            server.create_index("empty")
+            return server
+
+        yield of_version
 
 
 @pytest.fixture
-def search(library):
-    library.take_journal()
-    return library
+def versions(request):
+    """(version of the search server, esversion of the tables or None)."""
+    return getattr(request, "param", DEFAULT_VERSION)
+
+
+@pytest.fixture
+def search(library, versions):
+    server = library(versions[0])
+    server.take_journal()
+    return server
 
 
 @pytest.fixture
@@ -182,9 +213,10 @@ def closed_port():
 
 
 @pytest.fixture
-def db(cluster, search):
+def db(cluster, search, versions):
     """A session of its own, with the table `books` on the shared search server."""
-    database = Database(cluster, search.port)
+    # The expression compiler does not see which version it is, and would take most of the time.
+    database = Database(cluster, search.port, jit=versions == DEFAULT_VERSION, esversion=versions[1])
     database.make_table()
     yield database
     database.connection.close()

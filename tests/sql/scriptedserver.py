@@ -25,6 +25,19 @@ def hits(*documents, total=None, scroll_id=None):
     return f'{{{start}"took":1,"hits":{{"total":{total},"max_score":1.0,"hits":[{inner}]}}}}'
 
 
+def purpose(method, path):
+    """What a request is for: the "first" page of a search, the "next" one of its scroll, to "delete" that."""
+    if method == "DELETE":
+        return "delete"
+    return "next" if path.startswith("/_search/scroll") else "first"
+
+
+def scroll_id_in(path, body):
+    """The scroll id that the request of a next page or of a deletion gives, in its URL or its body."""
+    _, in_url, scroll_id = path.partition("scroll_id=")
+    return scroll_id if in_url else json.loads(body)["scroll_id"]
+
+
 def silence(peer):
     """Accepts the request and does not answer."""
     peer.wait_for_close(NEVER)
@@ -61,6 +74,10 @@ class Peer:
         while len(self.body) < length:
             self.body += self._connection.recv(65536)
         return True
+
+    @property
+    def purpose(self):
+        return purpose(self.verb, self.path)
 
     def send(self, data):
         """Sends raw bytes."""

@@ -101,7 +101,9 @@ def test_escapes(sent):
 def test_request(db, sent, scripted):
     for options, path in (
             ({}, "/books//_search"), ({"indexlist": None}, "/_all//_search"),
-            ({"address": "http://127.0.0.1", "indexlist": "books,notes*"}, "/books,notes*//_search")):
+            ({"address": "http://127.0.0.1", "indexlist": "books,notes*"}, "/books,notes*//_search"),
+            ({"esversion": 6}, "/books//_search"), ({"esversion": 7}, "/books/_search"),
+            ({"esversion": 10}, "/books/_search")):
         db.make_table(port=scripted.port, **options)
         sent(f"SELECT docname FROM books WHERE {QUERY}")
         (request,) = scripted.requests
@@ -110,10 +112,26 @@ def test_request(db, sent, scripted):
         assert {name for name, _ in request.headers} == {"Accept", "Content-Length", "Content-Type", "Host"}
 
 
+@pytest.mark.parametrize("options, clause, exact", [
+    ({"esversion": 7}, QUERY, False), ({"esversion": 7, "batchsize": 9999}, QUERY, False),
+    ({"esversion": 7, "batchsize": 10_000}, QUERY, True), ({"batchsize": 10_000}, QUERY, False),
+    ({"esversion": 6, "batchsize": 10_000}, QUERY, False),
+    ({"esversion": 7}, "docname = 'a'", True), ({"esversion": 6}, "docname = 'a'", False),
+    ({"esversion": 7, "connectortype": "elasticsearchscroll", "batchsize": 10_000}, QUERY, False),
+    ({"esversion": 7, "connectortype": "elasticsearchscroll"}, "docname = 'a'", False)])
+def test_exact_totals(db, sent, scripted, options, clause, exact):
+    """They are asked for where a total of the default accuracy would not tell whether a batch holds all hits."""
+    db.make_table(port=scripted.port, **options)
+    first, *_ = sent(f"SELECT docname FROM books WHERE {clause}")
+    assert ("track_total_hits" in json.loads(first)) == exact
+    assert not exact or json.loads(first)["track_total_hits"] is True
+
+
 def batches(server):
     return [len(json.loads(body)["query"]["terms"]["_id"]) for body in bodies(server)]
 
 
+@pytest.mark.every_version
 def test_lookups_go_out_in_batches(db, search):
     wanted = [f"b{number:03}" for number in range(250)]
     statement = "SELECT docname FROM books WHERE docname = ANY(%s)"
@@ -130,6 +148,7 @@ def test_lookups_go_out_in_batches(db, search):
     assert len(db.run(statement, (wanted[:100] + ["b000", "b100"],))) == 101 and batches(search) == [100, 1]
 
 
+@pytest.mark.every_version
 def test_an_id_in_several_indices(db, search):
     """A look-up that finds more documents than it has ids must not drop one of them."""
     for index in ("twice1", "twice2"):
@@ -149,6 +168,7 @@ def test_a_sort_of_lookups_reads_them_in_full_batches(db, search):
     assert batches(search) == [4]
 
 
+@pytest.mark.every_version
 @pytest.mark.parametrize("limit, names, sizes", [
     # A batch is never greater than the rows that are still wanted at most; an early end asks no more.
     (2, ["b000", "b001", "b002"], [2]),

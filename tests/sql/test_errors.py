@@ -16,6 +16,7 @@ def test_only_true_is_true(db, closed_port):
             ' query was {"query":q,"size":100,"_source":false}, ' if value == "true" else "")))
 
 
+@pytest.mark.every_version
 def test_errors_of_the_search_server(db):
     assert db.failure(QUERY) == ("HV000", "ElasticSearch error")
     db.make_table(indexlist="nothere", fullerrormsg="true")

@@ -69,7 +69,7 @@ def raw(document, value):
 def second(failing):
     """A script with a first page that is good."""
     first = answer(hits(HIT, total=2, scroll_id="s"))
-    return lambda peer: (first if peer.verb == "POST" else failing)(peer)
+    return lambda peer: (first if peer.purpose == "first" else failing)(peer)
 
 
 REFUSED = '":"' + LONG + '","status":400}'
@@ -110,6 +110,9 @@ FAILURES = [
     *wrong("address", SCHEMES, "ftp://127.0.0.1", "file:///etc", "FILE:/etc", "gopher://127.0.0.1"),
     *wrong("address", BLANKS, "a b", "127.0.0.1\r\nX: y"), *wrong("port", BLANKS, "1 HTTP/1.1", "80\n"),
     *wrong("indexlist", BLANKS, "a\tb"), *wrong("scrolltimeout", BLANKS, "1m \x7f"),
+    *wrong("esversion", "a whole number, the major version of the search servers", "", "0", "-7", "7.8", "v7",
+           "2147483648"),
+    *wrong("partialresults", "'ignore', 'warning' or 'error'", "Error"),
     *wrong("timeout", NUMBER, *NO_NUMBERS, of="server"), *wrong("connecttimeout", NUMBER, *NO_NUMBERS, of="server"),
     *wrong("tlsverify", "'true' or 'false'", "", "TRUE", "off", of="server"),
     *wrong("cafile", "the absolute path of a file that the server can read", "", "ca.pem", "/no/file", of="server"),
@@ -143,6 +146,8 @@ FAILURES = [
     failing_search(answer(hits('"_id":"\\x"')), BAD_ID),
     failing_search(raw('"_id":"@"', b"\xc3("), BAD_ID),
     unreadable(CUT), unreadable(hits(HIT)[:10]), unreadable("{}"),
+    fails("ElasticSearch answer is partial: timed out", partialresults="error",
+          script=answer('{"timed_out":true,' + hits(HIT)[1:])),
     fails("es search result bigger than batch size, use a scroll", script=answer(hits(HIT, total="101"))),
     fails(NUL.format("id"), script=answer(hits(HIT, '"_id":"a\\u0000b"'))),
     fails(NUL.format("type"), select="doctype", script=raw('"_id":"a","_source":{"type":"a@b"}', b"\0")),
@@ -151,9 +156,11 @@ FAILURES = [
     fails('invalid byte sequence for encoding "UTF8": 0xc3 0x28', state="22021", select="doctype",
           script=raw('"_id":"a","_source":{"type":"@"}', b"\xc3(")),
     fails(NO_EURO, state="22P05", database="latin1", script=answer(hits(HIT, '"_id":"\u20ac"'))),
-    # the second page, whose request has no body
+    # the second page, whose request has no body but from version 7 on
     fails("ElasticSearch error", full=f"ElasticSearch error, query was '', error was '{GONE}'",
           script=second(answer('{"error' + GONE, "404 Not Found")), **SCROLL),
+    fails("ElasticSearch error", script=second(answer('{"error' + GONE, "404 Not Found")), **SCROLL, esversion="7",
+          full=f"""ElasticSearch error, query was '{{"scroll":"5m","scroll_id":"s"}}', error was '{GONE}'"""),
     fails("Elasticsearhc result parser error", full="Elasticsearhc result parser error, query was ",
           script=second(answer(CUT)), **SCROLL),
     fails("Curl error (18)", full="Curl error (18), query was , ", script=second(answer("{", length=9)), **SCROLL),
@@ -193,7 +200,7 @@ def prepare(db, closed_port, server="", mapping="", **options):
 def test_message_and_memory(cluster, databases, scripted, closed_port, statement, state, message, full, settings):
     options = dict(settings)
     scripted.script = options.pop("script", None)
-    sends = [[], ["POST"], ["POST", "GET"]] if scripted.script else [[]]
+    sends = [[], ["first"], ["first", "next"]] if scripted.script else [[]]
     db = Database(cluster, scripted.port, options.pop("database", "postgres"), jit=False)
     prepare(db, closed_port, **options)
     forms = [(statement, (state, message))]
@@ -206,7 +213,7 @@ def test_message_and_memory(cluster, databases, scripted, closed_port, statement
         for query, expected in forms:
             assert db.failure(query) == expected
             # Nothing is tried twice. A request that was given up may come in late.
-            assert [peer.verb for peer in scripted.requests] in sends or scripted.script is silence
+            assert [peer.purpose for peer in scripted.requests] in sends or scripted.script is silence
             del scripted.requests[:]
     growth = memory(db.pid) - before
     db.run("DROP SERVER failing CASCADE")

@@ -1,16 +1,19 @@
 """A search server that misbehaves: whatever it does, a scan ends in a clear error or the right rows."""
 import gzip
 import hashlib
+import json
 import time
 
 import pytest
 
 from conftest import Database, memory
-from scriptedserver import Peer, answer, hits, silence
+from scriptedserver import Peer, answer, hits, scroll_id_in, silence
 
 STANDARD, SCROLL = "elasticsearch", "elasticsearchscroll"
-# What meets the fault: the search of either mode, the second page, the deletion of what a LIMIT left unread.
-PLACES = [("POST", STANDARD), ("POST", SCROLL), ("GET", SCROLL), ("DELETE", SCROLL)]
+# What meets the fault: the search of either mode, the second page, the deletion of what a LIMIT left unread; the last
+# two with the scroll id in the URL, and in the body.
+PLACES = [("first", STANDARD, None), ("first", SCROLL, None), ("next", SCROLL, None), ("delete", SCROLL, None),
+          ("next", SCROLL, 7), ("delete", SCROLL, 7)]
 QUERY = "SELECT {} FROM {} WHERE param IN ('query=q', 'compressionlevel=-2')"
 PATIENCE = 1.5
 
@@ -25,33 +28,35 @@ def curl(code):
     return "HV000", f"Curl error ({code})"
 
 
-def page(verb, scroll_id="s", members=""):
+def page(purpose, scroll_id="s", members=""):
     """The page that belongs to a request, of two hits of four."""
-    documents = [f'"_id":"{name}","_score":1{members}' for name in ("cd" if verb == "GET" else "ab")]
+    documents = [f'"_id":"{name}","_score":1{members}' for name in ("cd" if purpose == "next" else "ab")]
     return hits(*documents, total=4, scroll_id=scroll_id).encode()
 
 
 def play(peer, members=""):
-    answer(page(peer.verb, members=members))(peer)
+    answer(page(peer.purpose, members=members))(peer)
 
 
 @pytest.fixture
 def strike(db, scripted):
     """strike(fault, expected): plays the script at each place in turn and judges the outcome of the query,
     which may be one of several; then the next query of the same session."""
-    db.make_table("std", port=scripted.port)
-    db.make_table("scroll", port=scripted.port, connectortype=SCROLL)
+    tables = {}
+    for _, mode, esversion in PLACES:
+        tables[mode, esversion] = f"{mode}{esversion or ''}"
+        db.make_table(tables[mode, esversion], port=scripted.port, connectortype=mode, esversion=esversion)
 
     def run(fault, *expected, columns="docname", members="", timeout=0):
-        for verb, mode in PLACES:
+        for purpose, mode, esversion in PLACES:
             def script(peer):
-                if peer.verb == verb:
+                if peer.purpose == purpose:
                     fault(peer)
                 else:
                     play(peer, members)
             scripted.script = script
-            query = QUERY.format(columns, "std" if mode == STANDARD else "scroll")
-            deletes = verb == "DELETE"
+            query = QUERY.format(columns, tables[mode, esversion])
+            deletes = purpose == "delete"
             rows = [(name,) for name in ("a" if deletes else "ab" if mode == STANDARD else "abcd")]
             wanted = [rows if each is ROWS or deletes and each != CANCELLED else each for each in expected]
             logged, start = len(db.log()) if deletes else 0, time.monotonic()
@@ -60,12 +65,12 @@ def strike(db, scripted):
             db.run("RESET statement_timeout")
             if isinstance(outcome, list):
                 outcome = [row[:1] for row in outcome]
-            assert outcome in wanted, (verb, mode)
-            assert time.monotonic() - start < (PATIENCE if timeout else 5), (verb, mode)
+            assert outcome in wanted, (purpose, mode, esversion)
+            assert time.monotonic() - start < (PATIENCE if timeout else 5), (purpose, mode, esversion)
             if deletes and outcome == rows:
                 assert len(db.log()) == logged
             scripted.script = answer(hits('"_id":"z"'))
-            assert db.run(QUERY.format("docname", "std")) == [("z",)], (verb, mode)
+            assert db.run(QUERY.format("docname", STANDARD)) == [("z",)], (purpose, mode, esversion)
 
     return run
 
@@ -83,7 +88,7 @@ STAGES = {"before the headers": None, "in the headers": None, "before the body":
 def broken(action, stage, frame="of a length", members=""):
     """A script that answers as far as the stage and then does action(peer, the rest of the answer)."""
     def script(peer):
-        body = page(peer.verb, members=members)
+        body = page(peer.purpose, members=members)
         head = HEAD + FRAMES[frame](body) + b"\r\n"
         encoded = [b"1\r\n%c\r\n" % byte if frame == "in chunks" else b"%c" % byte for byte in body]
         mark = STAGES[stage]
@@ -140,7 +145,7 @@ DEEP = 1_000_000
 
 
 def wrong_length(by):
-    return lambda peer: answer(page(peer.verb), length=len(page(peer.verb)) + by)(peer)
+    return lambda peer: answer(page(peer.purpose), length=len(page(peer.purpose)) + by)(peer)
 
 
 ANSWERS = {
@@ -150,7 +155,7 @@ ANSWERS = {
     "a chunk of no length": (lambda peer: peer.send(
         HEAD + b"Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\nxyz\r\n"), curl(56)),
     "noise": (answer(bytes(range(256)) * 100), PARSER),
-    "compressed": (lambda peer: answer(gzip.compress(page(peer.verb)))(peer), PARSER),
+    "compressed": (lambda peer: answer(gzip.compress(page(peer.purpose)))(peer), PARSER),
     **{f"200 with {text!r}": (answer(text), PARSER) for text in
        ("", " ", "[]", "null", "{}", '{"ok":true}', '{"hits":{}}', HTML)},
     "204": (lambda peer: peer.send(b"HTTP/1.1 204 No Content\r\n\r\n"), PARSER),
@@ -158,7 +163,7 @@ ANSWERS = {
     "braces without end": (answer('{"a":' * DEEP), PARSER),
     "brackets only": (answer("[" * DEEP + "]" * DEEP), PARSER),
     "brackets before the hits": (lambda peer: answer(
-        b'{"x":' + b"[" * DEEP + b"]" * DEEP + b"," + page(peer.verb)[1:])(peer), ROWS),
+        b'{"x":' + b"[" * DEEP + b"]" * DEEP + b"," + page(peer.purpose)[1:])(peer), ROWS),
     "braces in documents": (lambda peer: play(
         peer, ',"_source":{"a":' + '{"a":' * DEEP + "[]" + "}" * DEEP + "}"), ROWS),
     "a continuation first": (lambda peer: (peer.send(b"HTTP/1.1 100 Continue\r\n\r\n"), play(peer)), ROWS),
@@ -172,7 +177,7 @@ def test_odd_answers(strike, script, expected):
 
 @pytest.mark.parametrize("status", [301, 302, 401, 404, 429, 500, 502, 503])
 def test_statuses(strike, status):
-    for body in (HTML, "", '{"status":1}', page("POST")):
+    for body in (HTML, "", '{"status":1}', page("first")):
         strike(answer(body, f"{status} Reason", ["Location: http://127.0.0.1:1/"]), REFUSED)
 
 
@@ -197,7 +202,7 @@ TEXTS = [
 @pytest.mark.parametrize("hit, expected", TEXTS)
 def test_texts(db, scripted, hit, expected, mode):
     def script(peer):
-        last = mode == STANDARD or peer.verb == "GET"
+        last = mode == STANDARD or peer.purpose == "next"
         answer(hits("@" if last else FIRST, total=2, scroll_id="s").encode().replace(b"@", hit))(peer)
     scripted.script = script
     db.make_table(port=scripted.port, connectortype=mode)
@@ -208,16 +213,22 @@ def test_texts(db, scripted, hit, expected, mode):
     assert outcome == expected
 
 
-@pytest.mark.parametrize("scroll_id, expected, step", [
-    ("x" * 20_000, [("a",), ("b",), ("c",), ("d",)], 1), ("x" * 9_000_000, curl(3), 2),
-    ("s HTTP/1.1\r\nX: y", curl(3), 2)], ids=["long", "far too long", "with a line break"])
-def test_scroll_ids(db, scripted, scroll_id, expected, step):
-    scripted.script = lambda peer: answer(page(peer.verb, scroll_id))(peer)
-    db.make_table(port=scripted.port, connectortype=SCROLL)
+ALL = [("a",), ("b",), ("c",), ("d",)]
+
+
+@pytest.mark.parametrize("esversion, scroll_id, expected, step", [
+    (None, "x" * 20_000, ALL, 1), (None, "x" * 9_000_000, curl(3), 2), (None, "s HTTP/1.1\r\nX: y", curl(3), 2),
+    (7, "x" * 900_000, ALL, 1), (7, '\\" \\\\\\r\\u00e9', ALL, 1)],
+    ids=["long", "far too long", "with a line break", "long in a body", "with escapes in a body"])
+def test_scroll_ids(db, scripted, esversion, scroll_id, expected, step):
+    scripted.script = lambda peer: answer(page(peer.purpose, scroll_id))(peer)
+    db.make_table(port=scripted.port, connectortype=SCROLL, esversion=esversion)
     assert db.outcome(QUERY.format("docname", "books")) == expected
     assert db.run(QUERY.format("docname", "books") + " LIMIT 1") == [("a",)]
-    sent = [(peer.verb, peer.path.partition("&scroll_id=")[2]) for peer in scripted.requests]
-    assert sent == [("POST", ""), ("GET", scroll_id), ("POST", ""), ("DELETE", scroll_id)][::step]
+    # In a body it is a JSON string again, so what the answer's string stood for must come back.
+    wanted = json.loads(f'"{scroll_id}"') if esversion else scroll_id
+    sent = [(peer.purpose, peer.purpose != "first" and scroll_id_in(peer.path, peer.body)) for peer in scripted.requests]
+    assert sent == [("first", False), ("next", wanted), ("first", False), ("delete", wanted)][::step]
 
 
 # ---- Large and endless answers ---------------------------------------------------------------------------

@@ -6,6 +6,8 @@ import pytest
 
 from conftest import bodies
 
+pytestmark = pytest.mark.every_version
+
 QUERY = 'query={"match":{"title":"whales"}}'
 REFUSED = ("HV000", "es search result bigger than batch size, use a scroll")
 

@@ -4,9 +4,9 @@ import subprocess
 
 from conftest import module_path
 
-ENTRY_POINTS = {"Pg_magic_func", "_PG_init", "_PG_fini", "veltranepgfdwinterfacehandler",
-                "veltranepgfdwinterfacevalidator", "pg_finfo_veltranepgfdwinterfacehandler",
-                "pg_finfo_veltranepgfdwinterfacevalidator"}
+FUNCTIONS = {"veltranepgfdwinterfacehandler", "veltranepgfdwinterfacevalidator", "veltranepgfdw_text",
+             "veltranepgfdw_jsonb"}
+ENTRY_POINTS = {"Pg_magic_func", "_PG_init", "_PG_fini"} | FUNCTIONS | {f"pg_finfo_{name}" for name in FUNCTIONS}
 VERSION = {f"VeltranePgFdw3_0::Version::Get{name} const" for name in (
     "Major()", "Minor()", "Release()", "Revision()", "Year()", "Month()", "DescStringMajorMinor(bool)",
     "DescStringMajorMinorRelease(bool)", "DescStringMajorMinorReleaseRevision(bool)",

@@ -4,13 +4,11 @@ import json
 import pytest
 
 from conftest import unpacked
-from scriptedserver import answer, hits
+from scriptedserver import answer, hits, purpose, scroll_id_in
 
 ALL = "param = 'query={\"match_all\":{}}'"
 NAMES = [f"b{number:03}" for number in range(250)]
 SCROLL = {"connectortype": "elasticsearchscroll"}
-VERBS = {"POST": "first", "GET": "next", "DELETE": "delete"}
-
 
 class Scrolling:
     """A session with `books` as a scroll table, and the account of the scrolls that its queries opened.
@@ -32,7 +30,7 @@ class Scrolling:
 
     def trace(self):
         """What the requests since the last call were for."""
-        return " ".join(VERBS[request.method] for request in self.taken())
+        return " ".join(purpose(request.method, request.path) for request in self.taken())
 
 
 @pytest.fixture
@@ -46,17 +44,29 @@ def scroll(db, search):
     assert search.open_scrolls() == scrolling.left
 
 
+@pytest.mark.every_version
 def test_requests(scroll):
     db, server = scroll.db, scroll.server
-    host = [("Host", f"127.0.0.1:{server.port}"), ("Accept", "*/*")]
+
+    def request(verb, path, body=""):
+        headers = [("Host", f"127.0.0.1:{server.port}"), ("Accept", "*/*")]
+        if body:
+            headers += [("Content-Type", "application/json"), ("Content-Length", str(len(body)))]
+        return verb, path, headers, body.encode()
+
+    def page(timeout, scroll_id):
+        if (db.esversion or 0) < 7:
+            return request("GET", f"/_search/scroll?scroll={timeout}&scroll_id={scroll_id}")
+        return request("POST", "/_search/scroll", f'{{"scroll":"{timeout}","scroll_id":"{scroll_id}"}}')
+
+    def deletion(scroll_id):
+        if (db.esversion or 0) < 7:
+            return request("DELETE", f"/_search/scroll?&scroll_id={scroll_id}")
+        return request("DELETE", "/_search/scroll", f'{{"scroll_id":"{scroll_id}"}}')
 
     def expect(path, size, *others):
-        first, *rest = scroll.taken()
-        body = f'{{"query":{{"match_all":{{}}}},"size":{size},"_source":false}}'.encode()
-        content = [("Content-Type", "application/json"), ("Content-Length", str(len(body)))]
-        assert first == ("POST", path, host + content, body)
-        assert rest == [(verb, f"/_search/scroll?{target}&scroll_id={scroll_id}", host, b"")
-                        for verb, target, scroll_id in others]
+        body = f'{{"query":{{"match_all":{{}}}},"size":{size},"_source":false}}'
+        assert scroll.taken() == [request("POST", path, body), *others]
 
     for count, path, timeout, options in ((1, "books", "5m", {}), (2, "books,empty", "90s", {
             "scrolltimeout": "90s", "indexlist": "books,empty"})):
@@ -64,12 +74,12 @@ def test_requests(scroll):
         assert db.run(f"SELECT docname FROM books WHERE {ALL}") == [(name,) for name in NAMES]
         scroll.left += 1
         *_, scroll_id = server.cluster.scrolls.contexts
-        page = "GET", f"scroll={timeout}", scroll_id
-        expect(f"/{path}/_search/?scroll={timeout}", 100, page, page)
+        next_page = page(timeout, scroll_id)
+        expect(f"/{path}/_search/?scroll={timeout}", 100, next_page, next_page)
         db.run(f"DECLARE c{count} CURSOR WITH HOLD FOR SELECT docname FROM books WHERE {ALL} LIMIT 1")
         assert len(db.run(f"FETCH ALL FROM c{count}")) == 1
-        scroll_id = server.journal[-1].path.partition("scroll_id=")[2]
-        expect(f"/{path}/_search/?scroll={timeout}", 1, ("DELETE", "", scroll_id))
+        scroll_id = scroll_id_in(server.journal[-1].path, server.journal[-1].body)
+        expect(f"/{path}/_search/?scroll={timeout}", 1, deletion(scroll_id))
 
 
 NOTHING = "param = 'query={\"match\":{\"title\":\"zeppelin\"}}'"
@@ -100,6 +110,7 @@ READS = [
 ]
 
 
+@pytest.mark.every_version
 @pytest.mark.parametrize("batch_size, select, rows, trace", READS)
 def test_pages(scroll, batch_size, select, rows, trace):
     scroll.db.make_table(batchsize=batch_size, **SCROLL)
@@ -113,6 +124,7 @@ def test_pages(scroll, batch_size, select, rows, trace):
     scroll.left += trace.count("first") - trace.count("delete")
 
 
+@pytest.mark.every_version
 def test_values_stay_with_their_row_on_every_page(scroll):
     scroll.db.make_table(batchsize=40, **SCROLL)
     rows = scroll.db.run(
@@ -125,6 +137,7 @@ def test_values_stay_with_their_row_on_every_page(scroll):
     scroll.left += 1
 
 
+@pytest.mark.every_version
 def test_ids(scroll):
     db, wanted = scroll.db, [f"b{number:03}" for number in range(1000)]
     assert db.run("SELECT docname, score FROM books WHERE docname = ANY(%s)", (wanted,)) == [
@@ -132,7 +145,7 @@ def test_ids(scroll):
     first, second, third = scroll.taken()
     listed = ",".join(f'"{name}"' for name in wanted)
     assert first.body.decode() == f'{{"query":{{"terms":{{"_id":[{listed}]}}}},"size":100,"_source":false}}'
-    assert second.body == third.body == b""
+    assert [purpose(each.method, each.path) for each in (first, second, third)] == ["first", "next", "next"]
     scroll.left += 1
     assert db.run("SELECT docname, doctype FROM books WHERE docname = ANY(%s) AND doctype = 'essay'",
                   (wanted,)) == [(name, "essay") for name in NAMES[::10]]
@@ -161,6 +174,7 @@ ENDS = [
 ]
 
 
+@pytest.mark.every_version
 @pytest.mark.parametrize("statements, trace, left_open", ENDS)
 def test_ends(scroll, statements, trace, left_open):
     scroll.db.connection.autocommit = False
@@ -176,6 +190,7 @@ def test_ends(scroll, statements, trace, left_open):
     scroll.left += 1
 
 
+@pytest.mark.every_version
 def test_two_scrolls_at_a_time(scroll):
     db = scroll.db
     db.connection.autocommit = False
@@ -213,19 +228,22 @@ ANSWERS = {
 }
 
 
+@pytest.mark.parametrize("esversion", [None, 7])
 @pytest.mark.parametrize("pages, read, rows, requests", ANSWERS.values(), ids=ANSWERS)
-def test_answers(db, scripted, pages, read, rows, requests):
+def test_answers(db, scripted, pages, read, rows, requests, esversion):
     left = list(pages)
-    scripted.script = lambda peer: (answer("{}") if peer.verb == "DELETE" else left.pop(0))(peer)
-    db.make_table(port=scripted.port, **SCROLL)
+    scripted.script = lambda peer: (answer("{}") if peer.purpose == "delete" else left.pop(0))(peer)
+    db.make_table(port=scripted.port, esversion=esversion, **SCROLL)
     db.connection.autocommit = False
     db.run(f"DECLARE c CURSOR FOR {QUERY}")
     assert "".join(name for (name,) in db.run(f"FETCH {read} FROM c")) == rows
     db.connection.commit()
-    assert ["-" * (peer.verb == "DELETE") + peer.path.partition("&scroll_id=")[2]
-            for peer in scripted.requests] == ["", *requests]
+    first, *others = scripted.requests
+    assert first.purpose == "first"
+    assert ["-" * (peer.purpose == "delete") + scroll_id_in(peer.path, peer.body) for peer in others] == requests
 
 
+@pytest.mark.every_version
 def test_a_context_that_is_gone(scroll):
     """Its next page is an error; its deletion is no matter."""
     scroll.db.make_table(fullerrormsg="true", **SCROLL)
