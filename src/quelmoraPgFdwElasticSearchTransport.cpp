@@ -41,16 +41,6 @@ void allowHttpOnly(CURL *easy)
     curl_easy_setopt(easy, CURLOPT_DEFAULT_PROTOCOL, "http");
 }
 
-// A cancelled query must not wait for a name that a thread of libcurl's is still being told.
-void leaveResolverBehind(CURL *easy)
-{
-#if LIBCURL_VERSION_NUM >= 0x075700
-    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
-#else
-    (void)easy;
-#endif
-}
-
 void apply(const ConnectionSettings &settings, CURL *easy)
 {
     if (settings.connectTimeoutMs > 0)
@@ -96,7 +86,6 @@ Outcome sendRequest(const ConnectionSettings &settings, const std::string &url, 
     curl_easy_setopt(easy.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy.get(), CURLOPT_BUFFERSIZE, ReceiveBufferSize);
     allowHttpOnly(easy.get());
-    leaveResolverBehind(easy.get());
     apply(settings, easy.get());
 
     HeaderList headers;

@@ -19,6 +19,22 @@ constexpr int LongestWaitMs = 200;
 
 using MultiHandle = std::unique_ptr<CURLM, CurlDeleter<curl_multi_cleanup>>;
 
+// A cancelled query must not wait for a name that a thread of libcurl's is still being told. Newer versions of
+// libcurl ask the multi handle about this, older ones the easy handle.
+void leaveResolverBehind(CURLM *multi, CURL *easy)
+{
+#if LIBCURL_VERSION_NUM >= 0x081600
+    curl_multi_setopt(multi, CURLMOPT_QUICK_EXIT, 1L);
+#else
+    (void)multi;
+#endif
+#if LIBCURL_VERSION_NUM >= 0x075700
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+#else
+    (void)easy;
+#endif
+}
+
 // Takes the easy handle out of the multi handle, as libcurl wants it before either is cleaned up.
 class Attachment
 {
@@ -85,6 +101,7 @@ CURLcode runTransfer(CURL *easy)
     const MultiHandle multi(curl_multi_init());
     if (!multi)
         throw std::bad_alloc();
+    leaveResolverBehind(multi.get(), easy);
     const Attachment attachment(multi.get(), easy);
     while (advance(multi.get())) {
         if (InterruptPending)
