@@ -164,6 +164,22 @@ def small_table(values):
         yield [small_name(value)] + [f"{time:.3f}" for time in times]
 
 
+def contents_rows(values):
+    """The target is that of inflating; jsonb has to be parsed on top, and raw text needs no inflating."""
+    for value in values:
+        if value["form"] == "compressed":
+            target = Target("≤", 1.2) if value["function"] == "text" else None
+            yield Row(f"veltranepgfdw_{value['function']} / its floor", value["kind"], value["ratio"], target)
+
+
+def contents_table(values):
+    yield ["seconds", "contents", "documents", "values", "function", "floor", "of which"]
+    for value in values:
+        parts = ", ".join(f"{part} {time:.3f}" for part, time in value["floor"].items())
+        yield [f"veltranepgfdw_{value['function']}", value["form"], value["kind"], f"{value['values']:,}",
+               f"{value['seconds']:.3f}", f"{sum(value['floor'].values()):.3f}", parts]
+
+
 def growth_table(values):
     yield ["documents", "seconds", "µs a row", "peak memory, MB"]
     for value in values:
@@ -204,7 +220,7 @@ def processor():
 
 
 SECTIONS = {"reader": "the reader", "query": "large results", "small": "small queries",
-            "growth": "growth", "batch": "batch sizes"}
+            "growth": "growth", "batch": "batch sizes", "contents": "contents in SQL"}
 
 
 def missing(values):
@@ -258,6 +274,12 @@ def markdown(values, rows, chart_name):
                   markdown_table(growth_table(values["growth"]))]
     if values.get("batch"):
         parts += ["## Batch sizes\n", markdown_table(batch_table(values["batch"]))]
+    if values.get("contents"):
+        parts += ["## Contents in SQL\n",
+                  "What the functions take, without the scan of the local table. Their floor is a program that "
+                  "inflates into one\nbuffer, for jsonb with the server's cast of the same texts; for raw contents "
+                  "the server's own `convert_from` or cast.\n",
+                  markdown_table(contents_table(values["contents"]))]
     return "\n".join(filter(None, parts))
 
 
@@ -301,7 +323,7 @@ def main():
     arguments = parser.parse_args()
     values = read_lines(arguments.files)
     rows = [*ReaderValues(values.get("reader", [])).rows(), *query_rows(values.get("query", [])),
-            *small_rows(values.get("small", []))]
+            *small_rows(values.get("small", [])), *contents_rows(values.get("contents", []))]
     print(ratio_table(rows) + missing(values), end="")
     if arguments.chart:
         arguments.chart.write_text(chart.page([*bar_panels(values), *line_panels(values)]), encoding="utf-8")

@@ -43,7 +43,9 @@ measure_reader() {
 
 measure_queries() {
     echo "Measuring the queries ..." >&2
-    /usr/bin/python3 -B bench/query/measure.py --build $build $quick >$build/queries.jsonl
+    for program in measure contents; do
+        /usr/bin/python3 -B bench/query/$program.py --build $build $quick
+    done >$build/queries.jsonl
 }
 
 report=$build

@@ -27,13 +27,13 @@ READ_BYTES, READ_TEXT = "get_byte(value, 0)", "ascii(value)"
 class Measuring:
     def __init__(self, programs, cluster, quick):
         self.programs = programs
-        self.rounds, self.documents = (3, 10_000) if quick else (7, 100_000)
+        self.rounds, self.most = (3, 10_000) if quick else (7, 100_000)
         self.backend = Backend(cluster)
         self.backend.run(FUNCTIONS.format(module=cluster.module_path))
 
-    def fill(self, kind):
+    def fill(self, kind, documents):
         """Makes the tables of one kind of documents: compressed, raw and text."""
-        index = f"{kind}-{self.documents}"
+        index = f"{kind}-{documents}"
         for table, what in (("compressed", "bytea"), ("raw", "bytea"), ("texts", "text")):
             self.backend.run(f"DROP TABLE IF EXISTS {table}")
             # Contents that fit into a page stay in it, where they cost the least.
@@ -49,13 +49,15 @@ class Measuring:
         # What is measured must be right.
         cases = (("value", "texts"), ("veltranepgfdw_text(value)", "compressed"), ("veltranepgfdw_text(value)", "raw"))
         sizes = [self.backend.run(f"SELECT sum(octet_length({what})) FROM {table}") for what, table in cases]
-        floor = self.programs.run("inflateFloor", kind, self.documents, LEVEL)["bytes"]
+        floor = self.programs.run("inflateFloor", kind, documents, LEVEL)["bytes"]
         if any(size != [(floor,)] for size in sizes):
             raise RuntimeError(f"{index}: {sizes} bytes, {floor} expected")
 
     def measure(self, kind):
+        # All tables of a kind must find room in the server's memory.
+        documents = min(self.most, 20_000) if kind == "20KB" else self.most
         say(f"contents: {kind}")
-        self.fill(kind)
+        self.fill(kind, documents)
         statements = {
             "compressed": ("compressed", READ_BYTES), "compressed text": ("compressed", "veltranepgfdw_text(value)"),
             "compressed jsonb": ("compressed", "veltranepgfdw_jsonb(value)"),
@@ -65,7 +67,7 @@ class Measuring:
             "texts": ("texts", READ_TEXT), "texts jsonb": ("texts", "value::jsonb")}
         actions = {name: lambda text=f"SELECT count({what}) FROM {table}": self.backend.seconds(text)
                    for name, (table, what) in statements.items()}
-        actions["inflate"] = lambda: self.programs.run("inflateFloor", kind, self.documents, LEVEL)["seconds"]
+        actions["inflate"] = lambda: self.programs.run("inflateFloor", kind, documents, LEVEL)["seconds"]
         times = in_turn(self.rounds, actions)
 
         def above_scan(name):
@@ -77,7 +79,7 @@ class Measuring:
                                       ("raw", "text", {"convert_from": above_scan("raw convert_from")}),
                                       ("raw", "jsonb", {"cast": cast})):
             seconds = above_scan(f"{form} {function}")
-            show("contents", function=function, form=form, kind=kind, values=self.documents, scan=times[form],
+            show("contents", function=function, form=form, kind=kind, values=documents, scan=times[form],
                  seconds=round(seconds, 6), floor={part: round(time, 6) for part, time in floor.items()},
                  ratio=round(seconds / sum(floor.values()), 3))
 
@@ -86,12 +88,13 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, metavar="DIR", help="a build with the module and bench/")
     parser.add_argument("--quick", action="store_true", help="fewer documents and rounds")
+    parser.add_argument("--only", choices=KINDS, metavar="KIND", help=f"one of {', '.join(KINDS)}")
     options = parser.parse_args()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # the cluster must not stay behind
     programs = Programs(options.build)
     with measuring_cluster(programs.module) as cluster:
         measuring = Measuring(programs, cluster, options.quick)
-        for kind in KINDS:
+        for kind in [options.only] if options.only else KINDS:
             measuring.measure(kind)
         measuring.backend.close()
 
