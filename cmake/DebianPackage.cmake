@@ -9,7 +9,7 @@ set(package_doc_dir /usr/share/doc/${package})
 # Only the package has the documents: `cmake --install` serves the server's directories and no others.
 configure_file(cmake/debian/changelog.in ${PROJECT_BINARY_DIR}/debian/changelog.Debian @ONLY)
 configure_file(CHANGELOG.md ${PROJECT_BINARY_DIR}/debian/changelog COPYONLY)
-install(FILES cmake/debian/copyright README.md
+install(FILES cmake/debian/copyright README.md CONTRIBUTING.md
     ${PROJECT_BINARY_DIR}/debian/changelog ${PROJECT_BINARY_DIR}/debian/changelog.Debian
     DESTINATION ${package_doc_dir} COMPONENT documents EXCLUDE_FROM_ALL)
 install(DIRECTORY docs DESTINATION ${package_doc_dir} COMPONENT documents EXCLUDE_FROM_ALL)

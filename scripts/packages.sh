@@ -20,5 +20,5 @@ install_packages() {
     fi
     $as_root apt-get -qq update >&2
     # shellcheck disable=SC2086  # the list is meant to be split
-    $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install $missing >&2
+    $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install $missing >/dev/null
 }

@@ -3,6 +3,7 @@
 import argparse
 import pathlib
 import signal
+import sys
 
 from . import SearchServer
 from .dialect import DIALECTS
@@ -16,11 +17,19 @@ def main():
     options.add_argument("--version", type=int, choices=DIALECTS, default=7,
                          help="major version whose dialect to speak (default: 7)")
     chosen = options.parse_args()
+    try:
+        serve(chosen)
+    except OSError as error:
+        sys.exit(f"searchserver: {error}")
+
+
+def serve(chosen):
     stop = {signal.SIGTERM, signal.SIGINT}
     signal.pthread_sigmask(signal.SIG_BLOCK, stop)
     with SearchServer(chosen.version, chosen.port) as server:
         for path in chosen.documents:
             server.load(path.read_text(encoding="utf-8"), path.stem)
+        print("Serving until interrupted, on 127.0.0.1 and port", file=sys.stderr)
         print(server.port, flush=True)
         signal.sigwait(stop)
 
