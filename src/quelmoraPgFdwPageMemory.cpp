@@ -11,6 +11,11 @@ namespace
 constexpr Size SmallestBlock = Size{16} << 10;
 constexpr Size LargestBlock = Size{1} << 20;
 
+char *bytesOf(PageMemory::Block *block)
+{
+    return reinterpret_cast<char *>(block) + MAXALIGN(sizeof(PageMemory::Block));
+}
+
 } // namespace
 
 void *PageMemory::take(Size size)
