@@ -32,22 +32,11 @@ class Unexpected(Exception):
 
 
 class Session(Database):
-    """A session of the run; `admin` is another one, which may interrupt it."""
+    """A session of the run."""
 
-    def __init__(self, cluster, port, admin=None):
+    def __init__(self, cluster, port):
         super().__init__(cluster, port, jit=False)
-        self.admin = admin
         self.run("SET search_path = soak")
-
-    def insist(self, statement):
-        """Runs a statement again if it is cancelled."""
-        for _ in range(10):
-            outcome = self.outcome(statement)
-            if not isinstance(outcome, tuple):
-                return
-            if outcome[0] != "57014":
-                break
-        raise Unexpected(f"{statement}: {outcome}")
 
     @contextmanager
     def transaction(self):
@@ -66,9 +55,9 @@ class Backend(threading.Thread):
     def __init__(self, soak, number):
         super().__init__(daemon=True, name=f"backend {number}")
         self.soak = soak
-        self.db = Session(soak.cluster, soak.port, soak.admin)
+        self.db = Session(soak.cluster, soak.port)
         self.rng = Random(number)
-        self.answered, self.failed, self.outages = Counter(), Counter(), Counter()
+        self.done, self.outages = Counter(), Counter()
         self.before = self.after = None
         self.doing, self.problem = "", None
 
@@ -87,7 +76,6 @@ class Backend(threading.Thread):
 
     def ask(self, kind):
         self.doing, started = kind, time.monotonic()
-        counts = self.answered if kind in ANSWERED else self.failed
         try:
             for got, right in (ANSWERED.get(kind) or FAILING[kind])(self.db, self.rng):
                 if kind in ANSWERED and got != right:
@@ -98,7 +86,7 @@ class Backend(threading.Thread):
         except psycopg2.Error as error:
             self.excuse(started, *diagnosis(error))
             return
-        counts[kind] += 1
+        self.done[kind] += 1
 
     def excuse(self, started, state, message):
         """Accepts an error that an outage explains."""
@@ -167,19 +155,14 @@ class Soak:
         for name, options in TABLES.items():
             self.admin.make_table(name, **{"indexlist": "library", "batchsize": PAGE, "fullerrormsg": "true",
                                            **options})
-        self.admin.run("CREATE TABLE wanted AS SELECT 'd' || to_char(n, 'FM0000') AS docname "
-                       "FROM generate_series(0, 900, 7) n")
         self.backends = [Backend(self, number) for number in range(BACKENDS)]
         for backend in self.backends:
             backend.start()
 
     def judge(self, search):
         """Looks for what the run has left behind."""
-        for backend in self.backends:
-            if backend.is_alive():
-                self.problems.append(f"{backend.name} hangs: {backend.doing}")
-            elif backend.problem:
-                self.problems.append(backend.problem)
+        self.problems = [f"{backend.name} hangs: {backend.doing}" if backend.is_alive() else backend.problem
+                         for backend in self.backends if backend.is_alive() or backend.problem]
         if self.problems:
             return
         for backend in self.backends:
@@ -195,15 +178,15 @@ class Soak:
 
     def summary(self):
         """The figures of the run, as text."""
-        def listed(name):
+        def listed(name, kinds):
             counts = sum((getattr(backend, name) for backend in self.backends), Counter())
-            return f"{sum(counts.values())}: " + ", ".join(f"{kind} {count}" for kind, count in counts.items())
+            return ", ".join(f"{kind} {counts[kind]}" for kind in kinds if counts[kind])
 
         growth = ", ".join(f"{backend.before}->{backend.after}" for backend in self.backends)
         return "\n".join([
-            "queries answered, every answer right, " + listed("answered"),
-            "failed or interrupted as they must, " + listed("failed"),
-            f"hit by {len(self.outages)} restarts of the search server, " + listed("outages"),
+            "queries answered, every answer right: " + listed("done", ANSWERED),
+            "failed or interrupted as they must: " + listed("done", FAILING),
+            f"hit by {len(self.outages)} restarts of the search server: " + listed("outages", OUTAGE.values()),
             f"{self.scrolls_opened} scrolls opened, none left open",
             f"memory of each backend after {min(60, self.seconds / 5):.0f} s and at the end, in KiB, "
             f"at most {GROWTH} more: {growth}"])

@@ -1,18 +1,19 @@
 """The installed extension, on a server whose directories are a private copy: made, used, moved, dumped, dropped."""
+import contextlib
 import os
 import shutil
 import subprocess
 import tempfile
 from pathlib import Path
 
-import psycopg2
 import pytest
 from conftest import Database, module_path
 from privatecluster import PrivateCluster
 
-LIBRARY = "$libdir/libVeltranePgFdw3_0"
-FUNCTIONS = {"veltranepgfdwinterfacehandler()", "veltranepgfdwinterfacevalidator(text[],oid)",
-             "veltranepgfdw_text(bytea)", "veltranepgfdw_jsonb(bytea)"}
+# strict; the readers of contents, which serve indexes and parallel plans, also immutable and parallel safe
+FUNCTIONS = [("veltranepgfdw_jsonb(bytea)", True, "i", "s"), ("veltranepgfdw_text(bytea)", True, "i", "s"),
+             ("veltranepgfdwinterfacehandler()", True, "v", "u"),
+             ("veltranepgfdwinterfacevalidator(text[],oid)", True, "v", "u")]
 LEFT_BEHIND = """
 SELECT proname::text FROM pg_proc WHERE proname ^@ 'veltranepgfdw' OR probin ~ 'Veltrane'
 UNION ALL SELECT fdwname FROM pg_foreign_data_wrapper UNION ALL SELECT srvname FROM pg_foreign_server
@@ -55,28 +56,24 @@ def cluster(installed):
     preload = os.environ.get("VELTRANE_SERVER_PRELOAD")
     with PrivateCluster(module_path(), pg_bindir=installed + directory_of_server("bindir"),
                         environment={"LD_PRELOAD": preload} if preload else None) as started:
-        connection = psycopg2.connect(started.dsn)
-        connection.autocommit = True
-        connection.cursor().execute("CREATE EXTENSION veltranepgfdw; "
-                                    "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
-        connection.close()
+        owner = Database(started, 0)
+        make_extension(owner)
+        owner.connection.close()
         yield started
 
 
 @pytest.fixture
 def new_database(db):
     """new_database(name): a session in a new database without the extension."""
-    sessions = {}
+    with contextlib.ExitStack() as stack:
+        def make(name):
+            db.run(f"CREATE DATABASE {name} TEMPLATE template0")
+            stack.callback(db.run, f"DROP DATABASE {name}")
+            session = Database(db.cluster, db.port, name)
+            stack.callback(session.connection.close)
+            return session
 
-    def make(name):
-        db.run(f"CREATE DATABASE {name} TEMPLATE template0")
-        sessions[name] = Database(db.cluster, db.port, name)
-        return sessions[name]
-
-    yield make
-    for name, session in sessions.items():
-        session.connection.close()
-        db.run(f"DROP DATABASE {name}")
+        yield make
 
 
 def make_extension(session, schema="public"):
@@ -98,21 +95,14 @@ def test_objects(db):
         FROM pg_depend WHERE refclassid = 'pg_extension'::regclass AND deptype = 'e'
             AND refobjid = (SELECT oid FROM pg_extension WHERE extname = 'veltranepgfdw')""")
     assert dict(described) == dict.fromkeys(
-        {"foreign-data wrapper veltranepgfdw"} | {f"function {name}" for name in FUNCTIONS}, True)
-    # strict; the readers of contents, which serve indexes and parallel plans, also immutable and parallel safe
-    assert sorted(db.run("SELECT proname::text, probin, proisstrict, provolatile, proparallel FROM pg_proc "
-                         "WHERE proname ^@ 'veltranepgfdw'")) == [
-        ("veltranepgfdw_jsonb", LIBRARY, True, "i", "s"),
-        ("veltranepgfdw_text", LIBRARY, True, "i", "s"),
-        ("veltranepgfdwinterfacehandler", LIBRARY, True, "v", "u"),
-        ("veltranepgfdwinterfacevalidator", LIBRARY, True, "v", "u")]
+        ["foreign-data wrapper veltranepgfdw", *(f"function {name}" for name, *_ in FUNCTIONS)], True)
+    assert db.run("""
+        SELECT oid::regprocedure::text, proisstrict, provolatile, proparallel FROM pg_proc
+        WHERE proname ^@ 'veltranepgfdw' AND probin = '$libdir/libVeltranePgFdw3_0' ORDER BY 1""") == FUNCTIONS
 
 
 def test_search_through_the_installed_library(db, installed):
     assert db.run(TITLES.format(schema="")) == FOUND
-    assert db.value("SELECT veltranepgfdw_text(doccontent)::json->>'number' FROM books WHERE docname = 'b007'") == "7"
-    assert db.value("""SELECT veltranepgfdw_jsonb(doccontent)->'number' FROM books
-                       WHERE param IN ('query={"term":{"number":9}}', 'compressionlevel=-2')""") == 9
     maps = Path(f"/proc/{db.pid}/maps").read_text(encoding="utf-8")
     assert f"{installed}{directory_of_server('pkglibdir')}/{module_path().name}" in maps
 
@@ -123,19 +113,15 @@ def test_another_schema(new_database):
     assert session.run(TITLES.format(schema="one.")) == FOUND
     session.run("CREATE SCHEMA two; ALTER EXTENSION veltranepgfdw SET SCHEMA two")
     assert session.run(TITLES.format(schema="two.")) == FOUND
-    assert session.run("SELECT DISTINCT pronamespace::regnamespace::text FROM pg_proc "
-                       "WHERE proname ^@ 'veltranepgfdw'") == [("two",)]
 
 
 def test_drop(new_database):
     session = new_database("dropping")
-    untouched = session.run(LEFT_BEHIND)
     make_extension(session)
     assert session.failure("DROP EXTENSION veltranepgfdw") == (
         "2BP01", "cannot drop extension veltranepgfdw because other objects depend on it")
-    assert session.run(TITLES.format(schema="")) == FOUND
     session.run("DROP SERVER search CASCADE; DROP EXTENSION veltranepgfdw")
-    assert session.run(LEFT_BEHIND) == untouched == []
+    assert session.run(LEFT_BEHIND) == []
     make_extension(session)
     session.run("DROP EXTENSION veltranepgfdw CASCADE")
     assert session.run(LEFT_BEHIND) == []

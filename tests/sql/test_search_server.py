@@ -13,7 +13,6 @@ from conftest import ROOT, SearchServer
 
 RECORDINGS = ROOT / "tests" / "data" / "recordings"
 JSON = {"Content-Type": "application/json"}
-UNSUPPORTED = "terms-aggregation"
 
 
 def send(server, path, body=None, method="POST", headers=JSON):
@@ -58,32 +57,29 @@ def recorded_sources(text):
     return found
 
 
-RECORDED = sorted(path.stem for path in RECORDINGS.glob("*.json") if not path.stem.startswith(UNSUPPORTED))
 # By version, what belongs together in the order of the recording: up to "delete", the pages of one scroll.
 SCROLLS = {7: [f"scroll-{name}" for name in (
     "1 2 3 4 delete delete-again after-delete malformed-id bad-timeout empty body-2 body-delete").split()],
     8: [f"v8-scroll-{name}" for name in "1 2 delete body-2 body-delete".split()]}
-WIDE = ["scroll-wide-1", "scroll-wide-2"]
-RECORDED_SHARDS = 2  # of each recorded index
-
-
-def recorded_version(name):
-    return 8 if name.startswith("v8-") else 7
+SINGLE = sorted({path.stem for path in RECORDINGS.glob("*.json")} - {"terms-aggregation", *SCROLLS[7], *SCROLLS[8]})
+SCROLL_ID_HEAD = 45  # characters that are the same in every scroll id of as many shards
 
 
 @pytest.fixture(scope="module")
 def recorded_servers():
     """{version: server} with the recorded documents."""
-    books = recorded_sources(recording("search-large")["response"])
-    indices = {"books": books.items(),
-               "notes": [(f"n{place}", raw) for place, raw in enumerate(list(books.values())[:50])],
-               "emoji": recorded_sources(recording("ids-emoji")["response"]).items(),
-               "oldbooks": recorded_sources(recording("partial-shard-failure")["response"]).items()}
+    def documents(name):
+        return recorded_sources(recording(name)["response"])
+
+    books = documents("search-large")
+    indices = {"books": books, "notes": {f"n{place}": raw for place, raw in enumerate(list(books.values())[:50])},
+               "emoji": documents("ids-emoji"), "oldbooks": documents("partial-shard-failure"),
+               "wide": {**{f"w{number}": "{}" for number in range(120)}, **documents("scroll-wide-1")}}
     with SearchServer(7) as seven, SearchServer(8) as eight:
         for server in (seven, eight):
-            for name, documents in indices.items():
-                server.create_index(name, RECORDED_SHARDS)
-                server.put_many(name, documents)
+            for name, sources in indices.items():
+                server.create_index(name, 60 if name == "wide" else 2)
+                server.put_many(name, sources.items())
         yield {7: seven, 8: eight}
 
 
@@ -111,17 +107,18 @@ def masked(value):
     return re.sub(r" for id \[\d+\]$", " for id []", value) if isinstance(value, str) else value
 
 
-@pytest.mark.parametrize("name", [name for name in RECORDED if name not in [*SCROLLS[7], *SCROLLS[8], *WIDE]])
+@pytest.mark.parametrize("name", SINGLE)
 def test_answers_like_the_recording(recorded_servers, name):
     recorded = recording(name)
-    request, server = recorded["request"], recorded_servers[recorded_version(name)]
+    request, server = recorded["request"], recorded_servers[8 if name.startswith("v8-") else 7]
     status, headers, text = send(server, request["path"], request["body"], request["method"])
-    assert status == recorded["status"]
-    assert headers["content-type"] == recorded["headers"]["content-type"]
+    assert (status, headers["content-type"]) == (recorded["status"], recorded["headers"]["content-type"])
     assert int(headers["content-length"]) == len(text.encode())
     assert ("warning" in headers) == ("warning" in recorded["headers"])
     ours, theirs = json.loads(text), json.loads(recorded["response"])
     assert shape(ours) == shape(theirs)
+    mine, recorded_id = ours.get("_scroll_id", ""), theirs.get("_scroll_id", "")
+    assert (len(mine), mine[:SCROLL_ID_HEAD]) == (len(recorded_id), recorded_id[:SCROLL_ID_HEAD])
     if "error" in theirs:
         assert masked(ours) == masked(theirs)
     elif "hits" in theirs:
@@ -142,6 +139,7 @@ def test_answers_like_the_recording(recorded_servers, name):
 @pytest.mark.parametrize("version, opened, left", [(7, 3, 1), (8, 2, 0)])
 def test_scrolls_like_the_recordings(recorded_servers, version, opened, left):
     server, names = recorded_servers[version], SCROLLS[version]
+    server.expire_scrolls()
     before = server.opened_scrolls
     # No recording tells how the scroll of "body-2" began; its page is the last ten of 250 hits.
     first = ask(server, "/books/_search?scroll=1m", {"size": 240})
@@ -162,9 +160,7 @@ def test_scrolls_like_the_recordings(recorded_servers, version, opened, left):
             continue
         assert shape(ours) == shape(theirs)
         known[theirs["_scroll_id"]] = ours["_scroll_id"]
-        for part in ("total", "max_score"):
-            assert ours["hits"][part] == theirs["hits"][part]
-        assert ours["_shards"] == theirs["_shards"]
+        assert {**ours["hits"], "hits": 0} == {**theirs["hits"], "hits": 0} and ours["_shards"] == theirs["_shards"]
         if first_scroll:
             pages.update((hit["_id"], hit) for hit in ours["hits"]["hits"])
             recorded_pages += theirs["hits"]["hits"]
@@ -172,25 +168,6 @@ def test_scrolls_like_the_recordings(recorded_servers, version, opened, left):
     assert len(pages) == len(recorded_pages) == {7: 250, 8: 200}[version]
     assert all(pages.get(hit["_id"], hit) == hit for hit in recorded_pages)
     assert (server.opened_scrolls - before, server.open_scrolls()) == (opened, left)
-
-
-def test_scroll_ids_like_the_recordings():
-    with SearchServer() as server:
-        server.create_index("books", RECORDED_SHARDS)
-        server.create_index("wide", 60)
-        for name in ("scroll-1", WIDE[0]):
-            text = send(server, recording(name)["request"]["path"], {})[2]
-            recorded = recording(name)["response"]
-            assert text.index('"took"') == recorded.index('"took"') and text[:60] == recorded[:60]
-        scroll_id = json.loads(text)["_scroll_id"]
-        status, _, text = send(server, f"/_search/scroll?scroll=1m&scroll_id={scroll_id}", None, "GET", {})
-        refused = recording(WIDE[1])
-        assert (status, text) == (refused["status"], refused["response"])
-        page = ask(server, "/_search/scroll", {"scroll_id": scroll_id, "scroll": "1m"})
-        assert page["_scroll_id"] == scroll_id and page["_shards"]["total"] == 60
-        assert ask(server, "/_search/scroll", {"scroll_id": [scroll_id]}, "DELETE") == {
-            "succeeded": True, "num_freed": 60}
-        assert server.open_scrolls() == 1
 
 
 # What queries find
@@ -211,7 +188,6 @@ def server():
     with SearchServer() as server:
         server.put_many("books", BOOKS.items())
         server.put("notes", "n1", {"title": "A note on the whale", "year": "old"})
-        server.create_index("empty")
         yield server
 
 
@@ -219,28 +195,22 @@ MATCH_WHALE = {"match": {"text": "whale"}}
 
 
 @pytest.mark.parametrize("query, expected", [
-    ({"match_all": {}}, ["whale", "pond", "café", "blank"]),
     (MATCH_WHALE, ["whale", "pond"]),
+    ({"match": {"text": "WHALE ship still"}}, ["pond", "whale"]),
     ({"match": {"text": {"query": "WHALE ship", "operator": "and"}}}, ["pond"]),
     ({"match": {"text": "don't"}}, ["café"]),
     ({"match": {"title": "cafe"}}, []),
-    ({"match": {"year": "1851"}}, ["whale"]),
     ({"match": {"author.name": "henry"}}, ["pond"]),
     ({"term": {"tags": "hunt"}}, ["whale"]),
-    ({"term": {"title.keyword": "Nothing"}}, ["blank"]),
     ({"terms": {"_id": ["blank", "café", "nope", "blank"]}}, ["café", "blank"]),
-    ({"ids": {"values": ["pond"]}}, ["pond"]),
     ({"range": {"year": {"gt": 1851, "lte": "1990.5"}}}, ["pond", "café"]),
     ({"range": {"title.keyword": {"lt": "L"}}}, ["café"]),
-    ({"prefix": {"title": "whi"}}, ["whale"]),
     ({"exists": {"field": "year"}}, ["whale", "pond", "café"]),
     ({"bool": {"must": MATCH_WHALE, "filter": [{"term": {"type": "essay"}}]}}, ["pond"]),
     ({"bool": {"must_not": MATCH_WHALE}}, ["café", "blank"]),
     ({"bool": {"should": [{"term": {"type": "essay"}}, {"term": {"sold": True}}]}}, ["pond", "café"]),
-    ({"bool": {"filter": {"term": {"type": "novel"}}, "should": {"term": {"sold": True}}}},
-     ["café", "whale"]),
-    ({"bool": {"should": [MATCH_WHALE, {"term": {"type": "essay"}}], "minimum_should_match": "100%"}},
-     ["pond"]),
+    ({"bool": {"filter": {"prefix": {"type": "nov"}}, "should": {"term": {"sold": True}}}}, ["café", "whale"]),
+    ({"bool": {"should": [MATCH_WHALE, {"term": {"type": "essay"}}], "minimum_should_match": "100%"}}, ["pond"]),
 ], ids=str)
 def test_query(server, query, expected):
     hits = find(server, {"query": query})
@@ -250,51 +220,28 @@ def test_query(server, query, expected):
     assert scores == sorted(scores, reverse=True) and hits["max_score"] == (scores[0] if scores else None)
 
 
-def test_scores(server):
-    assert find(server, {"query": {"bool": {"filter": {"match_all": {}}}}})["max_score"] == 0.0
-    assert find(server, {"query": {"bool": {}}})["max_score"] == 1.0
-    first, second = find(server, {"query": MATCH_WHALE})["hits"]
-    assert first["_score"] > second["_score"] > 0
-
-
 SOURCES = [
     (False, None),
-    (True, BOOKS["whale"]),
     (["title", "author.b*"], {"title": "The white whale", "author": {"born": 1819}}),
     ({"includes": ["t*"], "excludes": ["text"]},
      {"title": "The white whale", "type": "novel", "tags": ["sea", "hunt"]}),
     ({"include": "author", "exclude": "*.name"}, {"author": {"born": 1819}}),
-    ({"excludes": ["text", "tags", "author", "year"]}, {"title": "The white whale", "type": "novel"}),
 ]
 LONG = "One whale came first. " + "Then a calm grey winter followed them all. " * 4 + "The last whale left."
 HIGHLIGHTS = [
-    ("books", MATCH_WHALE, {"fields": {"text": {}, "title": {}}},
-     {"text": ["A <em>whale</em>, a <em>whale</em>! The sea hid the <em>Whale</em>."]}),
-    ("books", MATCH_WHALE,
-     {"fields": {"t*": {}}, "require_field_match": False, "pre_tags": ["<b>"], "post_tags": ["</b>"]},
-     {"title": ["The white <b>whale</b>"],
-      "text": ["A <b>whale</b>, a <b>whale</b>! The sea hid the <b>Whale</b>."]}),
-    ("books", MATCH_WHALE, {"fields": [{"text": {"fragment_size": 15, "number_of_fragments": 2}}]},
+    ("books", {"fields": {"t*": {}}, "require_field_match": False, "pre_tags": ["<b>"], "post_tags": ["</b>"]},
+     {"title": ["The white <b>whale</b>"], "text": ["A <b>whale</b>, a <b>whale</b>! The sea hid the <b>Whale</b>."]}),
+    ("books", {"fields": [{"text": {"fragment_size": 15, "number_of_fragments": 2}, "title": {}}]},
      {"text": ["A <em>whale</em>, a", "<em>whale</em>!"]}),
-    ("books", {"bool": {"filter": {"prefix": {"title": "whi"}}, "must_not": {"term": {"title": "pond"}}}},
-     {"fields": {"title": {}}}, {"title": ["The <em>white</em> whale"]}),
-    ("books", {"match_all": {}}, {"fields": {"title": {}}}, None),
-    ("long", MATCH_WHALE, {"fields": {"text": {}}},
-     {"text": ["One <em>whale</em> came first. Then a calm grey winter followed them all.", "The last <em>whale</em> left."]}),
-    ("long", MATCH_WHALE, {"fields": {"text": {"number_of_fragments": 0}}},
-     {"text": [LONG.replace("whale", "<em>whale</em>")]}),
+    ("long", {"fields": {"text": {}}},
+     {"text": ["One <em>whale</em> came first. Then a calm grey winter followed them all.",
+               "The last <em>whale</em> left."]}),
 ]
 SORTS = [
     ("year", [("whale", 1851), ("pond", 1854), ("café", 1990.5), ("blank", 2 ** 63 - 1)]),
     ([{"year": {"order": "desc"}}], [("café", 1990.5), ("pond", 1854), ("whale", 1851), ("blank", -2 ** 63)]),
     ({"title.keyword": "desc"},
      [("whale", "The white whale"), ("blank", "Nothing"), ("pond", "Life at a pond"), ("café", "Café talk")]),
-]
-INDICES = [
-    ("books,notes/_search", ["whale", "pond", "café", "blank", "n1"]),
-    ("notes,books//_search/", ["n1", "whale", "pond", "café", "blank"]),
-    ("n*/_search", ["n1"]),
-    ("empty/_search", []),
 ]
 
 
@@ -303,149 +250,66 @@ def test_parts_of_a_search(server):
     for wanted, expected in SOURCES:
         hit, = find(server, {"query": {"ids": {"values": "whale"}}, "_source": wanted})["hits"]
         assert (wanted, hit.get("_source")) == (wanted, expected)
-    for index, query, highlight, expected in HIGHLIGHTS:
-        hit = find(server, {"query": query, "highlight": highlight}, f"/{index}/_search")["hits"][0]
+    for index, highlight, expected in HIGHLIGHTS:
+        hit = find(server, {"query": MATCH_WHALE, "highlight": highlight}, f"/{index}/_search")["hits"][0]
         assert (highlight, hit.get("highlight")) == (highlight, expected)
     for sort, expected in SORTS:
         hits = find(server, {"sort": sort})
         assert [(hit["_id"], *hit["sort"]) for hit in hits["hits"]] == expected
         assert hits["max_score"] is None and all(hit["_score"] is None for hit in hits["hits"])
         assert find(server, {"sort": sort, "track_scores": True})["max_score"] == 1.0
-    for path, expected in INDICES:
-        assert (path, ids(find(server, {}, "/" + path))) == (path, expected)
+    assert ids(find(server, {}, "/n*,books/_search/")) == ["n1", *BOOKS]
+    assert find(server, {"query": {"bool": {"filter": MATCH_WHALE}}})["max_score"] == 0.0
 
 
 # What differs between the versions
 
-@pytest.mark.parametrize("version, total, doc_type, doubled, warned, ids_in_urls", [
-    (6, 1, "_doc", 200, False, True), (7, {"value": 1, "relation": "eq"}, "_doc", 200, True, True),
-    (8, {"value": 1, "relation": "eq"}, None, 400, False, True),
-    (9, {"value": 1, "relation": "eq"}, None, 400, False, False)])
-def test_dialects(version, total, doc_type, doubled, warned, ids_in_urls):
+@pytest.mark.parametrize("version, total, doc_type, warned", [
+    (6, 1, "_doc", False), (7, {"value": 1, "relation": "eq"}, "_doc", True),
+    (8, {"value": 1, "relation": "eq"}, None, False), (9, {"value": 1, "relation": "eq"}, None, False)])
+def test_dialects(version, total, doc_type, warned):
     with SearchServer(version) as server:
-        stored = send(server, "/books/_doc/1", {"title": "x"}, "PUT")
-        assert (stored[0], json.loads(stored[2]).get("_type")) == (201, doc_type)
+        assert send(server, "/books/_doc/1", {"title": "x"}, "PUT")[0] == 201
         assert ask(server, "/", method="GET")["version"]["number"].startswith(f"{version}.")
         for path in ("/books/_search", "/books/_search/", "/_search", "/_all/_search"):
             hits = find(server, {}, path)
             assert (hits["total"], hits["hits"][0].get("_type")) == (total, doc_type)
-        status, headers, text = send(server, "/books//_search", {})
-        assert (status, "warning" in headers) == (doubled, warned)
-        assert doubled == 200 or json.loads(text) == {
-            "error": "no handler found for uri [/books//_search] and method [POST]"}
-
-        for method, more in (("GET", {"scroll": "1m"}), ("DELETE", {})):
-            given = {**more, "scroll_id": ask(server, "/books/_search?scroll=1m", {"size": 1})["_scroll_id"]}
-            in_url = "/_search/scroll?" + "&".join(map("=".join, given.items()))
-            status, _, text = send(server, in_url, None, method, {})
-            assert (method, status) == (method, 200 if ids_in_urls else 400)
-            if ids_in_urls and method == "DELETE":
-                continue  # it is gone
-            assert ids_in_urls or "unrecognized parameter: [scroll_id]" in text
-            ask(server, "/_search/scroll", given, method)
-
-
-def test_partial_answers():
-    with SearchServer() as server:
-        server.create_index("four", 4)
-        server.put_many("four", [(str(number), {"n": number}) for number in range(12)])
-        whole = ask(server, "/four/_search", {})
-        with server.partial_answers(failed=2, unassigned=1, timed_out=True):
-            found = ask(server, "/four/_search", {})
-        assert found["timed_out"] is True and found["hits"]["total"] == {"value": 3, "relation": "eq"}
-        assert ids(found["hits"]) == ["3", "7", "11"]
-        account = {"total": 4, "successful": 1, "skipped": 0, "failed": 2}
-        recorded = json.loads(recording("partial-shard-failure")["response"])["_shards"]
-        assert shape(found["_shards"]) == shape(recorded)
-        assert {**found["_shards"], "failures": 0} == {**account, "failures": 0}
-        with server.partial_answers(unassigned=1):
-            found = ask(server, "/four/_search", {})
-        assert (found["timed_out"], found["_shards"]) == (False, {**account, "successful": 3, "failed": 0})
-        assert {**ask(server, "/four/_search", {}), "took": 0} == {**whole, "took": 0}
-
-        for partial_page, pages in ((1, ["2367", "1011", ""]), (2, ["0123", "67", "891011"])):
-            page = "/four/_search?scroll=1m", {"size": 4}
-            with server.partial_answers(page=partial_page, failed=2):
-                for number, names in enumerate(pages, 1):
-                    found = ask(server, *page)
-                    assert "".join(ids(found["hits"])) == names
-                    assert ("failures" in found["_shards"]) == (number == partial_page)
-                    page = "/_search/scroll", {"scroll_id": found["_scroll_id"], "scroll": "1m"}
-
-
-@pytest.fixture(scope="module", params=[6, 7])
-def many(request):
-    """A server with more documents than a search counts."""
-    with SearchServer(request.param) as server:
-        server.put_many("many", [(f"{number:05}", {"n": number}) for number in range(10001)])
-        yield server
-
-
-@pytest.mark.parametrize("tracking, new, old", [
-    ({}, {"value": 10000, "relation": "gte"}, 10001),
-    ({"track_total_hits": True}, {"value": 10001, "relation": "eq"}, 10001),
-    ({"track_total_hits": 5}, {"value": 5, "relation": "gte"}, None),
-    ({"track_total_hits": False}, None, -1)])
-def test_pages_and_totals(many, tracking, new, old):
-    body = {**tracking, "from": 9997, "size": 3}
-    if many.version == 6 and old is None:
-        assert send(many, "/many//_search", body)[0] == 400
-        return
-    page = find(many, body, "/many//_search")
-    assert page.get("total") == (old if many.version == 6 else new)
-    assert ids(page) == ["09997", "09998", "09999"]
-
-
-def test_a_scroll_shows_what_was_there_when_it_began(many):
-    found = ask(many, "/many/_search/?scroll=1m", {"size": 10000, "sort": "n"})
-    assert found["hits"]["total"] == (10001 if many.version == 6 else {"value": 10001, "relation": "eq"})
-    many.put_many("many", [("10000", {"n": 0}), ("10001", {"n": 1})])
-    for expected in ([("10000", {"n": 10000})], []):
-        page = ask(many, f"/_search/scroll?scroll=1m&scroll_id={found['_scroll_id']}", method="GET")["hits"]
-        assert [(hit["_id"], hit["_source"]) for hit in page["hits"]] == expected
-        assert page["total"] == found["hits"]["total"]
+        status, headers, _ = send(server, "/books//_search", {})
+        assert (status, "warning" in headers) == (200 if version < 8 else 400, warned)
 
 
 def test_scroll_contexts_end(monkeypatch):
     now = 0.0
     monkeypatch.setattr("searchserver.scroll.monotonic", lambda: now)
     with SearchServer() as server:
-        server.put_many("books", [(str(number), {"n": number}) for number in range(9)])
+        server.put_many("books", [(str(number), {}) for number in range(9)])
 
         def page(scroll_id):
             """The ids of the next page, or the status of a refusal."""
             status, _, text = send(server, "/_search/scroll", {"scroll_id": scroll_id, "scroll": "400ms"})
-            return ids(json.loads(text)["hits"]) if status == 200 else status
+            return "".join(ids(json.loads(text)["hits"])) if status == 200 else status
 
         short, last, none = (ask(server, f"/books/_search?scroll={time}", {"size": 2})["_scroll_id"]
                              for time in ("400ms", "1m", "0"))
-        for expected in (["2", "3"], ["4", "5"], ["6", "7"]):  # each page renews the time
+        for expected in ("23", "45", "67"):  # each page renews the time
             now += 0.3
             assert page(short) == expected
         # Without a time it is the last page.
         assert "_scroll_id" not in ask(server, f"/_search/scroll?scroll_id={last}", method="GET")
         now += 0.5
-        assert [page(each) for each in (short, last, none)] == [404, 404, 404]
-        assert (server.open_scrolls(), server.opened_scrolls) == (0, 3)
+        assert [page(each) for each in (short, last, none)] == [404, 404, 404] and server.open_scrolls() == 0
 
 
 REFUSALS = [
-    ("_search?scroll=1", {}, "value [1] as a time value: unit is missing"),
-    ("_search?scroll=1.5h", {}, "failed to parse [1.5h], fractional time values"),
     ("_search?scroll=2d", {}, "Keep alive for scroll (172800s) is too large"),
-    ("_search?scroll=%201H%20", {"size": 0, "from": 1}, (
-        "Validation Failed: 1: using [from] is not allowed in a scroll context;"
-        "2: [size] cannot be [0] in a scroll context;")),
+    ("_search?scroll=1h", {"size": 0, "from": 1}, "is not allowed in a scroll context;2: [size] cannot be [0] in a"),
     ("_search?scroll=9nanos", {"size": 10001}, "Batch size is too large, size must be less than or equal to:"),
     ("_search/scroll", {"scroll_id": "x", "size": 1}, "Unknown parameter [size]"),
     ("_search/scroll?scroll_id=FA==", None, "Cannot parse scroll id"),
     ("books/_search", {"query": {"match": {"a": "x", "b": "y"}}}, "doesn't support multiple fields"),
-    ("books/_search", {"query": {"bool": {"must": [{"match_all": {}}, {"nope": {}}]}}}, "unknown query [nope]"),
     ("books/_search", {"query": {"terms": {"_id": ["x"] * 65537}}}, "allowed maximum of [65536]"),
-    ("books/_search", {"from": 9999, "size": 2}, "Result window is too large"),
     ("books/_search", b'{"query":"\xff"}', "Invalid UTF-8"),
     ("books/_search?odd=1", {}, "unrecognized parameter: [odd]"),
-    ("b" * 4096 + "/_search", {}, "An HTTP line is larger than 4096 bytes."),
 ]
 
 
@@ -462,39 +326,32 @@ def test_refusals(server):
 
 def test_sources_come_back_byte_for_byte_and_replaced_ones_are_gone():
     raw = '{ "title" : "caf\\u00e9 \\ud83d\\udc0b é 🐋",\t"n":1.50 }'
+    gone = {"query": {"match": {"title": "gone"}}}
     with SearchServer() as server:
         server.put("raw", "1", {"title": "gone"})
-        find(server, {"query": {"match": {"title": "gone"}}}, "/raw/_search")
+        assert ids(find(server, gone, "/raw/_search")) == ["1"]
         assert send(server, "/raw/_doc/1?refresh=true", raw, "PUT")[0] == 200
         lines = '{"index":{"_id":"2"}}\n' + raw + '\n{"create":{"_index":"other"}}\n{"title":"gone"}\n'
         assert ask(server, "/raw/_bulk", lines)["errors"] is False
         assert send(server, "/raw/_search", {})[2].count(f'"_source":{raw}') == 2
-        assert ids(find(server, {"query": {"match": {"title": "gone"}}}, "/raw/_search")) == []
-        assert find(server, {"query": {"match": {"title": "gone"}}}, "/_all/_search")["total"]["value"] == 1
+        assert [hit["_index"] for hit in find(server, gone, "/_all/_search")["hits"]] == ["other"]
 
 
-def test_journal_and_kept_connection():
+def test_kept_connections_end_with_the_server():
     with SearchServer() as server:
         connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=20)
-        sockets = set()
-        for path in ("//odd//_search?x=%41", "/_search"):
-            connection.request("GET", path, b'{"size":0}', {**JSON, "X-Own": "é".encode("latin-1")})
-            connection.getresponse().read()
-            sockets.add(connection.sock)
-        assert len(sockets) == 1 and None not in sockets
-        assert ask(server, "/_journal", method="GET")[1]["path"] == "/_search"
-        first, _ = server.take_journal()
-        assert (first.method, first.path, first.body) == ("GET", "//odd//_search?x=%41", b'{"size":0}')
-        assert ("X-Own", "é") in first.headers and server.journal == []
-    assert connection.sock.recv(1) == b""  # the server is gone, and so is its end of the connection
+        connection.request("GET", "/_search")
+        connection.getresponse().read()
+        assert connection.sock  # the client gives it up when it is not to be kept
+        assert ask(server, "/_journal", method="GET")[0]["path"] == "/_search"
+    assert connection.sock.recv(1) == b""
     connection.close()
 
 
 def test_command_line(tmp_path):
     (tmp_path / "books.ndjson").write_text('{"index":{"_id":"a"}}\n{"title":"x"}\n', encoding="utf-8")
-    command = [sys.executable, "-m", "searchserver", "--documents", tmp_path / "books.ndjson",
-               "--version", "6"]
-    process = subprocess.Popen(command, cwd=ROOT / "demo", stdout=subprocess.PIPE, text=True)
+    process = subprocess.Popen([sys.executable, "-m", "searchserver", "--documents", tmp_path / "books.ndjson",
+                                "--version", "6"], cwd=ROOT / "demo", stdout=subprocess.PIPE, text=True)
     with process:
         try:
             process.port = int(process.stdout.readline())
