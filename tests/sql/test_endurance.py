@@ -157,6 +157,7 @@ def threads_and_sockets(pid):
 def test_names(own_cluster, scripted, full_port):
     """Nothing waits for a name that is slow, and what is left of the look-up goes away unnoticed."""
     db = Database(own_cluster, scripted.port)
+    before = threads_and_sockets(db.pid)
     libcurl = ctypes.CDLL("libcurl.so.4").curl_version
     libcurl.restype = ctypes.c_char_p
     # The transport library can leave a look-up behind from this version on; before it has to wait.
@@ -167,7 +168,6 @@ def test_names(own_cluster, scripted, full_port):
         db.make_table(table, address=address)
     assert db.failure(QUERY.format("unknown")) == ("HV000", "Curl error (6)")
     db.run("CREATE SERVER impatient FOREIGN DATA WRAPPER veltranepgfdw OPTIONS (connecttimeout '300')")
-    before = threads_and_sockets(db.pid)
     for arrange, error in CANCELS:
         arrange(db, 0.3)
         start = time.monotonic()
