@@ -15,11 +15,6 @@ from workbench import Backend, Programs, measuring_cluster
 KINDS = ("300B", "2KB", "20KB")
 LEVEL = 5
 
-FUNCTIONS = """
-CREATE FUNCTION veltranepgfdw_text(bytea) RETURNS text AS '{module}' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
-CREATE FUNCTION veltranepgfdw_jsonb(bytea) RETURNS jsonb AS '{module}' LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
-"""
-
 # The cheapest function that wants the whole value, also where it lies out of line.
 READ_BYTES, READ_TEXT = "get_byte(value, 0)", "ascii(value)"
 
@@ -29,7 +24,6 @@ class Measuring:
         self.programs = programs
         self.rounds, self.most = (3, 10_000) if quick else (7, 100_000)
         self.backend = Backend(cluster)
-        self.backend.run(FUNCTIONS.format(module=cluster.module_path))
 
     def fill(self, kind, documents):
         """Makes the tables of one kind of documents: compressed, raw and text."""
