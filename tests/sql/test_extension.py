@@ -69,7 +69,7 @@ def new_database(db):
         def make(name):
             db.run(f"CREATE DATABASE {name} TEMPLATE template0")
             stack.callback(db.run, f"DROP DATABASE {name}")
-            session = Database(db.cluster, db.port, name)
+            session = Database(db.cluster, db.port, name, esversion=db.esversion)
             stack.callback(session.connection.close)
             return session
 
