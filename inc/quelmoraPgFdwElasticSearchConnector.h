@@ -72,8 +72,8 @@ struct ElasticSearchConnector {
     bool wrapInArray[ColumnCount]; // the table declares this column as an array of the value's type
     bool holdsText[ColumnCount];   // the table declares this column as something else than bytea
     MemoryContext scanContext;     // holds the record and what lives as long as it
-    qm::pgFdw::PageMemory page;    // the rows in the queues; emptied before each refill
-    MemoryContext pageContext;     // what of them had to be converted; emptied with it
+    qm::pgFdw::PageMemory page;    // the rows in the queues; emptied before each request
+    MemoryContext pageContext;     // what of them had to be converted; emptied before each refill
     MemoryContext rowContext;      // the values of the current row; emptied for each row
     qm::pgFdw::DeflateStream deflateStream;
 };

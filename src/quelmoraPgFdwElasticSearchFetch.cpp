@@ -54,6 +54,8 @@ void reportPartialAnswer(const ElasticSearchConnector *connector, const SearchAn
 std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, const std::string &url,
                                           const std::string &body)
 {
+    // No row is buffered at this time. A look-up of many batches of which no id exists must not pile up.
+    connector->page.reset();
     const bool *fill = connector->fillColumns;
     auto parser =
         std::make_unique<SearchResultParser>(connector->page, connector->batchSize, fill[DocContent],

@@ -60,7 +60,6 @@ void checkColumns(ElasticSearchConnector *connector, tupleDesc *descriptor)
 
 void refill(ElasticSearchConnector *connector)
 {
-    connector->page.reset();
     MemoryContextReset(connector->pageContext);
     connector->resultDocNames = {};
     connector->resultDocContents = {};
