@@ -246,7 +246,8 @@ void SearchResultParserInterface::endScalar()
     if (hitTag == insideHits) {
         // Two totals that count something: we cannot tell which of them is the response's own.
         errorFlag = errorFlag || totalHitCount != 0;
-        totalHitCount = static_cast<int>(std::strtol(scalarText.c_str(), nullptr, 10));
+        totalHits = std::strtol(scalarText.c_str(), nullptr, 10);
+        totalHitCount = static_cast<int>(totalHits);
     } else if (hitTag == insideHitArray) {
         score = scalarText;
     } else {
@@ -338,6 +339,8 @@ inline void SearchResultParserInterface::onStringClosed(std::string_view text, c
     } else if (jsonCtx->objectDepth == hitDepth) {
         if (jsonCtx->arrayDepth == 1 && hitTag == insideHitArray) {
             takeHitString(text, quote);
+        } else if (jsonCtx->arrayDepth == 0 && hitTag == insideHits && is(text, "gte")) {
+            totalIsLowerBound = true; // the "relation" of a total that is an object
         }
     } else if (jsonCtx->objectDepth < hitDepth) {
         takeOuterString(text, quote);

@@ -6,6 +6,7 @@
 #include "veltraneExport.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -35,8 +36,13 @@ public:
     /// `*message` is replaced by a text that tells the reader's state.
     bool finish(std::string *message);
 
-    /// The number of documents that match the search, which may be more than the response holds.
+    /// The number of documents that match the search, which may be more than the response holds; its low 32
+    /// bits.
     int getTotalHitCount() const { return totalHitCount; }
+    /// The whole number.
+    std::int64_t getTotalHits() const { return totalHits; }
+    /// Whether the search counted no further, so that more documents may match.
+    bool isTotalLowerBound() const { return totalIsLowerBound; }
     /// The scroll id, still escaped as it stood in the response; empty when there was none.
     const std::string &getScrollId() const { return scrollId; }
     /// What is known about the failure, once addData has returned false; may be empty.
@@ -95,10 +101,12 @@ private:
     std::string scrollId;
     const char *copyFrom = nullptr;  ///< from here on the chunk's bytes still have to reach copyTarget
     std::uint64_t openingBefore = 0; ///< the opening quotes of the block before, in the same chunk
-    int totalHitCount = 0;
+    std::int64_t totalHits = 0;
+    int totalHitCount = 0; ///< the low 32 bits of totalHits
     int hitTag = 0; ///< how many "hits" we are inside of: 1 the outer object, 2 the array of hits
     NextString nextIs = NextString::Nothing;
     bool carriedTypeName = false; ///< the chunk began in a string that may be a "type" and is not closed yet
+    bool totalIsLowerBound = false;
     bool hitsEnded = false;
     bool errorFlag = false;
     bool inSource = false;    ///< the bytes are being copied into `content`

@@ -2,6 +2,7 @@
 #include "termAggResultParserInterface.h"
 
 #include <algorithm>
+#include <new>
 
 namespace zq::elasticsearch
 {
@@ -32,6 +33,16 @@ bool TermAggResultParserInterface::addData(const char *data, std::size_t length)
     if (length == 0) {
         return !errorFlag;
     }
+    try {
+        takeChunk(data, length);
+    } catch (const std::bad_alloc &) {
+        fail("out of memory"); // short enough to need none
+    }
+    return !errorFlag;
+}
+
+void TermAggResultParserInterface::takeChunk(const char *data, std::size_t length)
+{
     const char *const end = data + length;
     jsonCtx->beginChunk(data);
     const char *at = data;
@@ -39,7 +50,6 @@ bool TermAggResultParserInterface::addData(const char *data, std::size_t length)
         at = takePiece(at, std::min<std::size_t>(end - at, JsonParseCtx::pieceBytes));
     }
     jsonCtx->endChunk(at);
-    return !errorFlag;
 }
 
 /// Returns what stands behind the last byte that was taken.

@@ -17,8 +17,9 @@ namespace zq::elasticsearch
 /// brackets, tracks strings and knows a few names at fixed depths; everything else is skipped unjudged, and a
 /// string is taken for a name wherever it stands.
 ///
-/// Call addData in stream order, then finish. Only what onAttributes throws and allocation failures are
-/// thrown; after an exception the reader must not be fed again.
+/// Call addData in stream order, then finish. The constructor throws std::bad_alloc, nothing else throws but
+/// what onAttributes throws; after that the reader must not be fed again. No frame between addData and
+/// onAttributes has anything to destroy, so that onAttributes may leave by longjmp.
 class VELTRANE_EXPORT TermAggResultParserInterface
 {
 public:
@@ -45,6 +46,7 @@ public:
     virtual void onAttributes(const std::string &name, int count, const std::string &values) = 0;
 
 private:
+    void takeChunk(const char *data, std::size_t length);
     const char *takePiece(const char *piece, std::size_t length);
     void takeEvent();
     void takeResponseEvent();

@@ -10,6 +10,8 @@ namespace qm::pgFdwElaticSearch
 // Plain data; all zero is the default. Strings live as long as the scan. The secrets must never reach an
 // error text, a log or a URL.
 struct ConnectionSettings {
+    char *address;          // where the server object says that the cluster is; null where it does not say
+    char *port;
     int32 connectTimeoutMs; // 0: libcurl's default
     int32 timeoutMs;        // of a whole request; 0: none
     char *caFile;           // certificate authorities to trust instead of the system's; null: the system's

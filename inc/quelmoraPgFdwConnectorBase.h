@@ -52,8 +52,9 @@ struct AnalyseCtx {
 
 // Each returns whether the clause restricts the column to constant values (column op constant, parameter,
 // IN list or ANY array, or an OR of such clauses) and, where the context says so, extracts them. The output
-// is emptied (set to 0, to false) first. Throw FdwError "inconsistant OR clause" for an OR that mixes such
-// clauses with others, and "fail to extract clause of type %i for %s" for a value that is no constant.
+// is emptied (set to 0, to false) first. The errors are "inconsistant OR clause" for an OR that mixes such
+// clauses with others, and "fail to extract clause of type %i for %s" for a value that is no constant: thrown as
+// FdwError for strings, raised as an ERROR of the server's by the two that are exported ([server side]).
 bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, AnalyseCtx &ctx,
                             const char *columnName);
 VELTRANE_EXPORT bool analyseExprInt(Expr *clause, int &value, AnalyseCtx &ctx, const char *columnName);

@@ -71,6 +71,7 @@ struct ElasticSearchConnector {
     ConnectionSettings connection; // what it and the user mapping add
     bool wrapInArray[ColumnCount]; // the table declares this column as an array of the value's type
     bool holdsText[ColumnCount];   // the table declares this column as something else than bytea
+    bool holdsJson[ColumnCount];   // as json
     MemoryContext scanContext;     // holds the record and what lives as long as it
     qm::pgFdw::PageMemory page;    // the rows in the queues; emptied before each request
     MemoryContext pageContext;     // what of them had to be converted; emptied before each refill

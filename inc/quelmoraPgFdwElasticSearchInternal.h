@@ -40,6 +40,11 @@ List *appendText(List *list, const char *string);
 // for a value that an option does not take.
 void readTableOptions(ElasticSearchConnector *connector);
 
+// Decides where the requests go: where the table says, or else the server. Throws FdwError where neither does,
+// and where credentials would go to another place than the server's own: whoever may create a table on it must
+// not be able to send them elsewhere.
+void settlePlace(ElasticSearchConnector *connector);
+
 // Whether the search servers are told to be of that major version or a later one.
 inline bool speaksVersion(const ElasticSearchConnector *connector, int32 version)
 {

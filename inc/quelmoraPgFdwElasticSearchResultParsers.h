@@ -63,8 +63,9 @@ private:
 // collector. An aggregation goes to the slot that its name tells as a decimal number, counted from 1; a later
 // one of the same number replaces it.
 //
-// addData throws FdwError "Parsing error" (HV00B) for a name that tells no slot, and ServerError when there
-// is no memory for a value; inside the server, call it within guardEntry.
+// addData is [server side]: it raises the server's ERROR "Parsing error" (HV00B) for a name that tells no slot, and
+// whatever the server raises for want of memory. The jump runs no destructor: call it in a PG_TRY block whose
+// handler destroys the collector, with nothing else on the stack that has one. No C++ exception leaves it.
 class VELTRANE_EXPORT TermAggResultParser : public zq::elasticsearch::TermAggResultParserInterface
 {
 public:

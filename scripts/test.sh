@@ -27,7 +27,7 @@ echo "== SQL tests"
 
 echo "== SQL tests of a module under AddressSanitizer and UndefinedBehaviorSanitizer, inside the server"
 cmake --preset release -B build/asan-server -DSANITIZE=address,undefined >/dev/null
-cmake --build build/asan-server --target VeltranePgFdw3_0 veltraneServerTests -- --quiet
+cmake --build build/asan-server --target VeltranePgFdw3_0 veltraneServerTests veltraneUserTests -- --quiet
 preload=$(mktemp -d)
 trap 'rm -rf "$preload"' EXIT
 chmod 755 "$preload"

@@ -117,6 +117,7 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
     connector->paramCompressionLevel = -3;
     connector->tableOid = tableOid;
     connector->limit = -1;
+    connector->partialResults = PartialResults::Warning;
 
     ParseParam(params, connector->paramCompressionLevel, connector->query, connector->highlight,
                connector->sourceIncludeFilter, connector->sourceExcludeFilter);
@@ -142,9 +143,8 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
     }
 
     readTableOptions(connector);
-    if (!connector->address || !connector->port)
-        throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
     readConnectionOptions(connector->connection, connector->serverOid, qm::pgCompat::userOfScan(node));
+    settlePlace(connector);
     if (docNames)
         appendDocNames(connector, *docNames);
     return connector;

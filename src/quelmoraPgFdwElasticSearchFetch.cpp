@@ -1,6 +1,7 @@
 // Where the rows come from: the requests of a scan, one batch or page at a time.
 #include "quelmoraPgFdwElasticSearchInternal.h"
 #include "quelmoraPgFdwElasticSearchJson.h"
+#include "quelmoraPgFdwUrl.h"
 
 #include <cstring>
 #include <memory>
@@ -16,9 +17,9 @@ using zq::elasticsearch::SearchAnswerStatus;
 namespace
 {
 
-std::string clusterUrl(const ElasticSearchConnector *connector)
+std::string urlOf(const ElasticSearchConnector *connector)
 {
-    return std::string(connector->address) + ":" + connector->port;
+    return clusterUrl(connector->address, connector->port);
 }
 
 std::string describePartialAnswer(const SearchAnswerStatus &status)
@@ -68,6 +69,12 @@ std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, con
 
 int64 hitCount(const SearchResultParser &parser) { return parser.getDocIdList().length(); }
 
+// The number of hits, more than any other where the answer only tells that there may be more than it counted.
+int64 totalOf(const SearchResultParser &parser)
+{
+    return parser.isTotalLowerBound() ? PG_INT64_MAX : parser.getTotalHits();
+}
+
 // Neither a part of the hits nor an arbitrary choice among them may pass for the result. `asked` is how many
 // hits the request asked for, `received` how many came.
 void refuseMoreThanABatch(const ElasticSearchConnector *connector, int64 asked, int64 received)
@@ -102,9 +109,9 @@ void openScroll(ElasticSearchConnector *connector)
     bool hasIds = true;
     AppendBasePostContent(connector, members, hasIds, true);
     const std::string url =
-        clusterUrl(connector) + "/" + connector->indexList + "/_search/?scroll=" + connector->scrollTimeout;
+        urlOf(connector) + "/" + connector->indexList + "/_search/?scroll=" + connector->scrollTimeout;
     const auto parser = fetch(connector, url, "{" + members + "}");
-    connector->totalHits = parser->getTotalHitCount();
+    connector->totalHits = totalOf(*parser);
     keepScrollId(connector, parser->getScrollId());
 }
 
@@ -116,7 +123,7 @@ std::string scrollIdMember(const ElasticSearchConnector *connector)
 
 std::unique_ptr<SearchResultParser> requestNextPage(ElasticSearchConnector *connector)
 {
-    const std::string url = clusterUrl(connector) + "/_search/scroll";
+    const std::string url = urlOf(connector) + "/_search/scroll";
     if (!speaksVersion(connector, 7)) {
         const std::string parameters =
             std::string("?scroll=") + connector->scrollTimeout + "&scroll_id=" + connector->scrollId;
@@ -150,7 +157,7 @@ void UpdateConnectorCacheStdMode(ElasticSearchConnector *connector)
     ++connector->pagesFetched;
 
     // The doubled slash is the form that the search path has always had here; version 8 stopped routing it.
-    const std::string url = clusterUrl(connector) + "/" + connector->indexList +
+    const std::string url = urlOf(connector) + "/" + connector->indexList +
                             (speaksVersion(connector, 7) ? "/_search" : "//_search");
     do {
         std::string members;
@@ -160,7 +167,7 @@ void UpdateConnectorCacheStdMode(ElasticSearchConnector *connector)
         if (!hasIds)
             return;
         const auto parser = fetch(connector, url, "{" + members + "}");
-        connector->totalHits = parser->getTotalHitCount();
+        connector->totalHits = totalOf(*parser);
         refuseMoreThanABatch(connector, idsBefore - connector->docNames.length(), hitCount(*parser));
         // A batch of ids of which none exists is no end: go on with the next one.
     } while (connector->searchMode == SearchByDocName && connector->resultDocNames.isEmpty() &&
@@ -179,7 +186,7 @@ void UpdateConnectorCacheScrollMode(ElasticSearchConnector *connector)
 
 void DeleteScroll(ElasticSearchConnector *connector)
 {
-    const std::string url = clusterUrl(connector) + "/_search/scroll";
+    const std::string url = urlOf(connector) + "/_search/scroll";
     if (speaksVersion(connector, 7))
         DoCurlRequest(connector, url, "{" + scrollIdMember(connector) + "}", nullptr, true);
     else

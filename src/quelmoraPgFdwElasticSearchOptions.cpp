@@ -2,11 +2,13 @@
 // over.
 #include "quelmoraPgFdwElasticSearchInternal.h"
 #include "quelmoraPgFdwEncoding.h"
+#include "quelmoraPgFdwUrl.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -21,7 +23,13 @@ namespace
 
 struct Option {
     const char *name;
-    const char *value;
+    const char *value; // in the database's encoding
+
+    // The value as it goes to the search cluster.
+    const char *utf8() const
+    {
+        return callServer([&] { return serverToUtf8(value); });
+    }
 };
 
 struct Options {
@@ -40,7 +48,7 @@ Options optionsOf(List *definitions)
     ListCell *cell;
     foreach (cell, definitions) {
         auto *definition = static_cast<DefElem *>(lfirst(cell));
-        options[count++] = {definition->defname, serverToUtf8(defGetString(definition))};
+        options[count++] = {definition->defname, defGetString(definition)};
     }
     return {options, count};
 }
@@ -86,11 +94,27 @@ bool hasBlankOrControl(const char *text)
     return false;
 }
 
-// A part of a request's URL must not smuggle in another request or another protocol.
+// Whether a segment of the path, up to the next slash, leads elsewhere: "." and "..", also percent-encoded.
+bool isDotSegment(std::string segment)
+{
+    for (size_t at; (at = segment.find("%2e")) != std::string::npos || (at = segment.find("%2E")) != std::string::npos;)
+        segment.replace(at, 3, ".");
+    return segment == "." || segment == "..";
+}
+
+// A part of a request's URL must not smuggle in another request, another path or another protocol.
 void checkUrlPart(const Option &option)
 {
     if (hasBlankOrControl(option.value))
         refuse(option, "no blanks, line breaks or other control characters");
+    if (std::strpbrk(option.value, "?#"))
+        refuse(option, "no question marks and number signs");
+    for (const char *segment = option.value; segment;) {
+        const char *slash = std::strchr(segment, '/');
+        if (isDotSegment(slash ? std::string(segment, slash) : std::string(segment)))
+            refuse(option, "no path segments '.' and '..'");
+        segment = slash ? slash + 1 : nullptr;
+    }
 }
 
 void checkAddress(const Option &option)
@@ -112,6 +136,14 @@ int32 positiveNumber(const Option &option, const char *what)
     if (errno != 0 || end == option.value || *end != '\0' || value < 1 || value > INT32_MAX)
         refuse(option, what);
     return static_cast<int32>(value);
+}
+
+void checkPort(const Option &option)
+{
+    const size_t length = std::strlen(option.value);
+    const long number = length <= 5 ? std::strtol(option.value, nullptr, 10) : 0;
+    if (std::strspn(option.value, "0123456789") != length || number < 1 || number > 65535)
+        refuse(option, "a number from 1 to 65535");
 }
 
 int32 milliseconds(const Option &option)
@@ -138,20 +170,33 @@ bool isTrue(const Option &option)
     return std::strcmp(option.value, "true") == 0;
 }
 
-void readTableOption(ElasticSearchConnector *connector, const Option &option)
+// The options that say where the requests go; the table and the server may have them.
+bool readPlaceOption(char *&address, char *&port, const Option &option)
 {
     if (named(option, "address")) {
         checkAddress(option);
-        connector->address = replaceString(connector->address, option.value);
+        address = replaceString(address, option.utf8());
     } else if (named(option, "port")) {
+        checkPort(option);
+        port = replaceString(port, option.value);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void readTableOption(ElasticSearchConnector *connector, const Option &option)
+{
+    if (readPlaceOption(connector->address, connector->port, option))
+        return;
+    if (named(option, "indexlist")) {
         checkUrlPart(option);
-        connector->port = replaceString(connector->port, option.value);
-    } else if (named(option, "indexlist")) {
-        checkUrlPart(option);
-        connector->indexList = replaceString(connector->indexList, option.value);
+        connector->indexList = replaceString(connector->indexList, option.utf8());
     } else if (named(option, "scrolltimeout")) {
+        if (connector->connectorType != qm::pgFdw::ConnectorTypes::ElasticSearchScroll)
+            return; // nothing uses it
         checkUrlPart(option);
-        connector->scrollTimeout = replaceString(connector->scrollTimeout, option.value);
+        connector->scrollTimeout = replaceString(connector->scrollTimeout, option.utf8());
     } else if (named(option, "batchsize")) {
         const auto size = static_cast<int32>(std::strtol(option.value, nullptr, 10));
         if (size > 0)
@@ -168,8 +213,17 @@ void readTableOption(ElasticSearchConnector *connector, const Option &option)
     }
 }
 
+// Regular files only: reading a pipe would wait for its writer, and nothing could end that.
+bool isReadableFile(const char *path)
+{
+    struct stat about;
+    return path[0] == '/' && stat(path, &about) == 0 && S_ISREG(about.st_mode) && access(path, R_OK) == 0;
+}
+
 void readServerOption(ConnectionSettings &settings, const Option &option)
 {
+    if (readPlaceOption(settings.address, settings.port, option))
+        return;
     if (named(option, "connecttimeout")) {
         settings.connectTimeoutMs = milliseconds(option);
     } else if (named(option, "timeout")) {
@@ -177,7 +231,7 @@ void readServerOption(ConnectionSettings &settings, const Option &option)
     } else if (named(option, "tlsverify")) {
         settings.skipTlsVerification = !isTrue(option);
     } else if (named(option, "cafile")) {
-        if (option.value[0] != '/' || access(option.value, R_OK) != 0)
+        if (!isReadableFile(option.value))
             refuse(option, "the absolute path of a file that the server can read");
         settings.caFile = replaceString(settings.caFile, option.value);
     }
@@ -189,14 +243,14 @@ void readUserOption(ConnectionSettings &settings, const Option &option)
     if (named(option, "username")) {
         if (!option.value[0] || std::strchr(option.value, ':') || hasBlankOrControl(option.value))
             refuse(option, "a name without colons, blanks and control characters");
-        settings.userName = replaceString(settings.userName, option.value);
+        settings.userName = replaceString(settings.userName, option.utf8());
     } else if (named(option, "password")) {
-        settings.password = replaceString(settings.password, option.value);
+        settings.password = replaceString(settings.password, option.utf8());
     } else if (named(option, "apikey")) {
         if (!option.value[0] || hasBlankOrControl(option.value))
             refuse(option, "an encoded key without blanks and control characters");
         settings.authorization = replaceString(
-            settings.authorization, (std::string("Authorization: ApiKey ") + option.value).c_str());
+            settings.authorization, (std::string("Authorization: ApiKey ") + option.utf8()).c_str());
     }
 }
 
@@ -223,6 +277,24 @@ void readConnectionOptions(ConnectionSettings &settings, Oid serverId, Oid userI
         throw FdwError(ERRCODE_FDW_ERROR, "option 'password' takes effect only with option 'username'");
     if (settings.userName && settings.authorization)
         throw FdwError(ERRCODE_FDW_ERROR, "options 'username' and 'apikey' exclude each other");
+}
+
+void settlePlace(ElasticSearchConnector *connector)
+{
+    const ConnectionSettings &settings = connector->connection;
+    if (!connector->address)
+        connector->address = settings.address;
+    if (!connector->port)
+        connector->port = settings.port;
+    if (!connector->address || !connector->port)
+        throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
+
+    const bool hasCredentials = settings.userName || settings.authorization;
+    const bool serverHasPlace = settings.address && settings.port;
+    if (hasCredentials && !(serverHasPlace && isSamePlace(clusterUrl(connector->address, connector->port),
+                                                          clusterUrl(settings.address, settings.port))))
+        throw FdwError(ERRCODE_FDW_ERROR, "the credentials of the user mapping are only sent where the options "
+                                          "'address' and 'port' of the foreign server say");
 }
 
 } // namespace qm::pgFdwElaticSearch

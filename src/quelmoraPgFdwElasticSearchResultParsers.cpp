@@ -82,17 +82,15 @@ void TermAggResultParser::onAttributes(const std::string &name, int count, const
 {
     const int number = static_cast<int>(std::strtol(name.c_str(), nullptr, 10));
     if (number < 1 || number > attributeCount)
-        throw FdwError(ERRCODE_FDW_INVALID_HANDLE, "Parsing error");
+        pgCompat::raiseError(ERRCODE_FDW_INVALID_HANDLE, "Parsing error", __FILE__, __LINE__, __func__);
     countSlots[number - 1] = count;
     if (!collectValues)
         return;
-    callServer([&] {
-        // The length that CompressData takes has fewer bits than a string may have bytes.
-        if (!AllocSizeIsValid(values.size()))
-            elog(ERROR, "invalid memory alloc request size %zu", values.size());
-        CompressData(values.data(), static_cast<unsigned int>(values.size()), valueSlots[number - 1],
-                     compressionLevel);
-    });
+    // The length that CompressData takes has fewer bits than a string may have bytes.
+    if (!AllocSizeIsValid(values.size()))
+        elog(ERROR, "invalid memory alloc request size %zu", values.size());
+    CompressData(values.data(), static_cast<unsigned int>(values.size()), valueSlots[number - 1],
+                 compressionLevel);
 }
 
 } // namespace qm::pgFdw

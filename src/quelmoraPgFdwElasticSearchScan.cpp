@@ -18,18 +18,21 @@ enum class Fit { No, Yes, AsArrayElement };
 
 bool holdsBytes(Oid type)
 {
-    return type == TEXTOID || type == BYTEAOID || type == VARCHAROID || type == BPCHAROID || type == JSONOID;
+    return type == TEXTOID || type == BYTEAOID || type == VARCHAROID || type == BPCHAROID;
 }
 
-// [server side]
-Fit fitOf(int column, Oid declaredType)
+// [server side] Nothing makes the values as short as the type says, or checks what a domain demands.
+Fit fitOf(int column, Form_pg_attribute attribute)
 {
+    int32 modifier = attribute->atttypmod;
+    const Oid type = getBaseTypeAndTypmod(attribute->atttypid, &modifier);
+    if (modifier >= 0 || (type != attribute->atttypid && DomainHasConstraints(attribute->atttypid)))
+        return Fit::No;
     if (column == ParamColumn)
         return Fit::Yes; // NULL, whatever the query asks for
-    const Oid type = getBaseType(declaredType);
     if (column == Score)
         return type == FLOAT4OID ? Fit::Yes : Fit::No;
-    if (holdsBytes(type))
+    if (holdsBytes(type) || (type == JSONOID && (column == DocContent || column == Highlights)))
         return Fit::Yes;
     // Steering columns may be text[]: an id or a type is then an array of one element.
     if (type == TEXTARRAYOID && (column == DocName || column == DocType))
@@ -47,14 +50,15 @@ void checkColumns(ElasticSearchConnector *connector, tupleDesc *descriptor)
         const bool alwaysNull = column != DocName && !connector->requestedColumns[column];
         if (alwaysNull || attribute->attisdropped)
             continue;
-        const Fit fit = callServer([&] { return fitOf(column, attribute->atttypid); });
+        const Fit fit = callServer([&] { return fitOf(column, attribute); });
         if (fit == Fit::No)
             throw FdwError(ERRCODE_FDW_ERROR, std::string("column \"") + NameStr(attribute->attname) +
                                                   "\" at position " + std::to_string(column + 1) +
                                                   " should be of type " + ValueTypes[column]);
         connector->wrapInArray[column] = fit == Fit::AsArrayElement;
-        connector->holdsText[column] =
-            callServer([&] { return getBaseType(attribute->atttypid); }) != BYTEAOID;
+        const Oid type = callServer([&] { return getBaseType(attribute->atttypid); });
+        connector->holdsText[column] = type != BYTEAOID;
+        connector->holdsJson[column] = type == JSONOID;
     }
 }
 
@@ -105,8 +109,13 @@ Value compressedValue(ElasticSearchConnector *connector, Column column, Datum fe
                                                                    : connector->compressionLevel;
     if (VARSIZE_ANY_EXHDR(source) == 0)
         return Null;
-    if (level == RawLevel) // as it was fetched it is the value already: a text and a bytea look the same
-        return {connector->holdsText[column] ? utf8ToServer(fetched) : fetched, false};
+    if (level == RawLevel) { // as it was fetched it is the value already: a text and a bytea look the same
+        if (connector->holdsText[column])
+            fetched = utf8ToServer(fetched);
+        if (connector->holdsJson[column])
+            DirectFunctionCall1(json_in, CStringGetDatum(TextDatumGetCString(fetched))); // refuses what is none
+        return {fetched, false};
+    }
     varlena *compressed = nullptr;
     qm::pgFdw::CompressData(VARDATA_ANY(source), VARSIZE_ANY_EXHDR(source), compressed, level,
                             connector->deflateStream);

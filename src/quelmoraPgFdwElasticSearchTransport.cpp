@@ -92,6 +92,7 @@ Outcome sendRequest(const ConnectionSettings &settings, const std::string &url, 
     if (!body.empty()) {
         curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, body.c_str());
         append(headers, "Content-Type:application/json");
+        append(headers, "Expect:"); // a large body is not to wait for the word to go on
     }
     if (settings.authorization)
         append(headers, settings.authorization);
@@ -99,9 +100,19 @@ Outcome sendRequest(const ConnectionSettings &settings, const std::string &url, 
         curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
     if (deleteRequest)
         curl_easy_setopt(easy.get(), CURLOPT_CUSTOMREQUEST, "DELETE");
+    if (!parser) {
+        runBriefTransfer(easy.get());
+        return {};
+    }
     Outcome outcome{runTransfer(easy.get()), 0};
     curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &outcome.status);
     return outcome;
+}
+
+// Requests and answers are in UTF-8, messages in the database's encoding.
+std::string readable(const std::string &message)
+{
+    return callServer([&] { return utf8ToMessage(message.c_str()); });
 }
 
 [[noreturn]] void throwRefusal(const std::string &body, const std::string &error, bool fullErrorMsg,
@@ -110,7 +121,7 @@ Outcome sendRequest(const ConnectionSettings &settings, const std::string &url, 
     std::string message = "ElasticSearch error";
     if (fullErrorMsg)
         message += ", query was '" + body + "', error was '" + error.substr(0, MostBytesOfAnErrorText) + "'";
-    throw FdwError(ERRCODE_FDW_ERROR, message, function);
+    throw FdwError(ERRCODE_FDW_ERROR, readable(message), function);
 }
 
 // Throws unless the transfer succeeded and the answer is a search answer, read to its proper end.
@@ -122,7 +133,7 @@ void judge(const Outcome &outcome, const std::string &body, SearchResultParser *
         std::string message = "Curl error (" + std::to_string(outcome.code) + ")";
         if (fullErrorMsg)
             message += ", query was " + body + ", ";
-        throw FdwError(ERRCODE_FDW_ERROR, message);
+        throw FdwError(ERRCODE_FDW_ERROR, readable(message));
     }
     if (outcome.status < 200 || outcome.status > 299)
         throwRefusal(body, "HTTP status " + std::to_string(outcome.status), fullErrorMsg);
@@ -131,7 +142,7 @@ void judge(const Outcome &outcome, const std::string &body, SearchResultParser *
         std::string message = "Elasticsearhc result parser error";
         if (fullErrorMsg)
             message += ", query was " + body;
-        throw FdwError(ERRCODE_FDW_ERROR, message);
+        throw FdwError(ERRCODE_FDW_ERROR, readable(message));
     }
 }
 
@@ -171,8 +182,11 @@ void moveResults(ElasticSearchConnector *connector, const SearchResultParser &pa
     qm::pgFdw::MemoryContextScope scope(connector->pageContext);
     convertEach(connector->resultDocNames, utf8ToServer);
     convertEach(connector->resultDocTypes, utf8ToServer);
-    convertEach(connector->resultScores,
-                [](Datum score) { return DirectFunctionCall1Coll(float4in, InvalidOid, score); });
+    // A score that is no number stands in the message about it.
+    convertEach(connector->resultScores, [](Datum score) {
+        const char *number = utf8ToMessage(DatumGetCString(score));
+        return DirectFunctionCall1Coll(float4in, InvalidOid, CStringGetDatum(number));
+    });
 }
 
 } // namespace

@@ -29,6 +29,11 @@ void quelmoraPgFdwGetForeignRelSize(PlannerInfo *, RelOptInfo *baserel, Oid)
 void quelmoraPgFdwGetForeignPaths(PlannerInfo *root, RelOptInfo *baserel, Oid)
 {
     // Nothing of C++ is alive here: the server's errors may pass.
+    if (!bms_is_empty(baserel->lateral_relids))
+        ereport(ERROR, (errcode(ERRCODE_FEATURE_NOT_SUPPORTED),
+                        errmsg("a scan of this foreign table cannot compute values of another table's columns"),
+                        errhint("Move the LATERAL references out of the subquery, into the select list or a "
+                                "join condition.")));
     add_path(baserel, reinterpret_cast<Path *>(qm::pgCompat::createForeignScanPath(
                           root, baserel, baserel->rows, StartupCost, TotalCost)));
 }
@@ -44,6 +49,17 @@ Const *packPrivateData(int32 connectorType, const char *description, Size length
                      false, false);
 }
 
+// [server side] A target of the plain columns in the relation's own. That is what version 10 has there; from 11
+// on the planner puts the query's finished expressions into it.
+PathTarget *columnsOf(const PathTarget *target)
+{
+    PathTarget *columns = create_empty_pathtarget();
+    columns->exprs = pull_var_clause(reinterpret_cast<Node *>(target->exprs),
+                                     PVC_RECURSE_AGGREGATES | PVC_RECURSE_WINDOWFUNCS |
+                                         PVC_RECURSE_PLACEHOLDERS);
+    return columns;
+}
+
 ForeignScan *quelmoraPgFdwGetForeignPlan(PlannerInfo *root, RelOptInfo *baserel, Oid foreignTableId,
                                          ForeignPath *, List *targetList, List *scanClauses, Plan *)
 {
@@ -56,8 +72,9 @@ ForeignScan *quelmoraPgFdwGetForeignPlan(PlannerInfo *root, RelOptInfo *baserel,
 
         std::vector<char> description;
         List *fdwExprs = NIL;
-        qm::pgFdwElaticSearch::CreateConnectorStep1(&clauses, baserel->reltarget, foreignTableId, description,
-                                                    fdwExprs, root);
+        PathTarget *columns = callServer([&] { return columnsOf(baserel->reltarget); });
+        qm::pgFdwElaticSearch::CreateConnectorStep1(&clauses, columns, foreignTableId, description, fdwExprs,
+                                                    root);
         Const *packed =
             callServer([&] { return packPrivateData(type, description.data(), description.size()); });
         if (!packed)

@@ -17,6 +17,10 @@ namespace
 // A signal interrupts the waiting at once, unless it arrives just before it begins: this bounds the delay.
 constexpr int LongestWaitMs = 200;
 
+// In microseconds.
+constexpr int64 LongestBriefTransfer = USECS_PER_SEC;
+constexpr int64 RoomBeforeTimeout = 20000;
+
 using MultiHandle = std::unique_ptr<CURLM, CurlDeleter<curl_multi_cleanup>>;
 
 // A cancelled query must not wait for a name that a thread of libcurl's is still being told. Newer versions of
@@ -34,24 +38,6 @@ void leaveResolverBehind(CURLM *multi, CURL *easy)
     (void)easy;
 #endif
 }
-
-// Takes the easy handle out of the multi handle, as libcurl wants it before either is cleaned up.
-class Attachment
-{
-public:
-    Attachment(CURLM *multi, CURL *easy) : multi(multi), easy(easy)
-    {
-        if (curl_multi_add_handle(multi, easy) != CURLM_OK)
-            throw std::bad_alloc();
-    }
-    ~Attachment() { curl_multi_remove_handle(multi, easy); }
-    Attachment(const Attachment &) = delete;
-    Attachment &operator=(const Attachment &) = delete;
-
-private:
-    CURLM *const multi;
-    CURL *const easy;
-};
 
 // Blocks the signals that the server handles. libcurl may start a thread to resolve a name: born while this
 // lives, it inherits the mask, and the server's handlers never run in it.
@@ -74,43 +60,95 @@ private:
     sigset_t saved;
 };
 
-// Works off what can be done without waiting; returns whether the transfer still runs.
-bool advance(CURLM *multi)
+// One transfer under way: ended when this goes, whatever its state.
+class Transfer
 {
-    SignalsBlocked blocked;
-    int running = 0;
-    if (curl_multi_perform(multi, &running) != CURLM_OK)
-        throw std::bad_alloc();
-    return running > 0;
+public:
+    explicit Transfer(CURL *easy) : multi(curl_multi_init()), easy(easy)
+    {
+        if (!multi)
+            throw std::bad_alloc();
+        leaveResolverBehind(multi.get(), easy);
+        if (curl_multi_add_handle(multi.get(), easy) != CURLM_OK)
+            throw std::bad_alloc();
+    }
+    // libcurl wants the easy handle taken out of the multi handle before either is cleaned up.
+    ~Transfer() { curl_multi_remove_handle(multi.get(), easy); }
+    Transfer(const Transfer &) = delete;
+    Transfer &operator=(const Transfer &) = delete;
+
+    // Works off what can be done without waiting; returns whether the transfer still runs.
+    bool advance()
+    {
+        SignalsBlocked blocked;
+        int running = 0;
+        if (curl_multi_perform(multi.get(), &running) != CURLM_OK)
+            throw std::bad_alloc();
+        return running > 0;
+    }
+
+    void wait(int milliseconds) { curl_multi_poll(multi.get(), nullptr, 0, milliseconds, nullptr); }
+
+    CURLcode result()
+    {
+        int left = 0;
+        while (const CURLMsg *message = curl_multi_info_read(multi.get(), &left)) {
+            if (message->msg == CURLMSG_DONE)
+                return message->data.result;
+        }
+        return CURLE_FAILED_INIT;
+    }
+
+private:
+    const MultiHandle multi;
+    CURL *const easy;
+};
+
+void serveInterrupts()
+{
+    if (InterruptPending)
+        qm::pgFdw::callServer([] { CHECK_FOR_INTERRUPTS(); });
 }
 
-CURLcode resultOf(CURLM *multi)
+bool mustEnd() { return QueryCancelPending || ProcDiePending; }
+
+// A brief transfer ends before statement_timeout strikes: the statement has done its work, and a time-out that
+// nobody raises as an error then would strike between this statement and the next.
+TimestampTz endOfBriefTransfer()
 {
-    int left = 0;
-    while (const CURLMsg *message = curl_multi_info_read(multi, &left)) {
-        if (message->msg == CURLMSG_DONE)
-            return message->data.result;
-    }
-    return CURLE_FAILED_INIT;
+    const TimestampTz now = GetCurrentTimestamp();
+    const TimestampTz timeout = get_timeout_start_time(STATEMENT_TIMEOUT) + StatementTimeout * int64{1000};
+    const TimestampTz end = now + LongestBriefTransfer;
+    return StatementTimeout > 0 && timeout > now ? Min(end, timeout - RoomBeforeTimeout) : end;
 }
 
 } // namespace
 
 CURLcode runTransfer(CURL *easy)
 {
-    const MultiHandle multi(curl_multi_init());
-    if (!multi)
-        throw std::bad_alloc();
-    leaveResolverBehind(multi.get(), easy);
-    const Attachment attachment(multi.get(), easy);
-    while (advance(multi.get())) {
-        if (InterruptPending)
-            qm::pgFdw::callServer([] { CHECK_FOR_INTERRUPTS(); });
-        curl_multi_poll(multi.get(), nullptr, 0, LongestWaitMs, nullptr);
-        if (InterruptPending)
-            qm::pgFdw::callServer([] { CHECK_FOR_INTERRUPTS(); });
+    Transfer transfer(easy);
+    while (transfer.advance()) {
+        serveInterrupts();
+        transfer.wait(LongestWaitMs);
+        serveInterrupts();
     }
-    return resultOf(multi.get());
+    return transfer.result();
+}
+
+void runBriefTransfer(CURL *easy)
+{
+    const TimestampTz end = endOfBriefTransfer();
+    try {
+        Transfer transfer(easy);
+        while (!mustEnd() && transfer.advance()) {
+            const int64 left = (end - GetCurrentTimestamp()) / 1000;
+            if (left <= 0)
+                return;
+            transfer.wait(static_cast<int>(Min(left, LongestWaitMs)));
+        }
+    } catch (const std::bad_alloc &) {
+        // It could not even begin.
+    }
 }
 
 } // namespace qm::pgFdwElaticSearch

@@ -3,6 +3,8 @@
 // returns integer: how many of those objects were never destroyed.
 #include "probe.h"
 
+#include "quelmoraPgErrorBoundary.h"
+
 #include <new>
 #include <stdexcept>
 

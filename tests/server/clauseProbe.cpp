@@ -2,7 +2,14 @@
 // the value of the integer or boolean analysis of a hand-built clause on the column "a".
 #include "probe.h"
 
+#include "quelmoraPgFdwConnectorBase.h"
+
+#include <cstring>
 #include <map>
+
+extern "C" {
+PG_MODULE_MAGIC;
+}
 
 using namespace probe;
 
@@ -53,22 +60,22 @@ const std::map<std::string, Expr *(*)()> Clauses = {
 };
 // clang-format on
 
+Expr *clauseOf(const char *name) { return Clauses.at(name)(); }
+
 } // namespace
 
+// Nothing with a destructor lives while the analysis runs: it raises the server's own errors.
 PROBE(probe_clause)
 {
-    return qm::pgFdw::guardEntry([&] {
-        const bool integers = textArgument(fcinfo, 1) == "int";
-        Expr *clause = Clauses.at(textArgument(fcinfo, 2))();
-        int integer = -1;
-        bool boolean = true;
-        bool recognised = false;
-        qm::pgFdw::withTupleDesc(PG_GETARG_OID(0), [&](tupleDesc *descriptor) {
-            qm::pgFdw::AnalyseCtx ctx(descriptor, nullptr, PG_GETARG_BOOL(3));
-            recognised = integers ? qm::pgFdw::analyseExprInt(clause, integer, ctx, "a")
-                                  : qm::pgFdw::analyseExprBool(clause, boolean, ctx, "a");
-        });
-        return textResult(std::string(recognised ? "yes " : "no ") +
-                          (integers ? std::to_string(integer) : boolean ? "true" : "false"));
-    });
+    const bool integers = std::strcmp(text_to_cstring(PG_GETARG_TEXT_PP(1)), "int") == 0;
+    Expr *clause = clauseOf(text_to_cstring(PG_GETARG_TEXT_PP(2)));
+    const Relation relation = relation_open(PG_GETARG_OID(0), AccessShareLock);
+    qm::pgFdw::AnalyseCtx ctx(relation->rd_att, nullptr, PG_GETARG_BOOL(3));
+    int integer = -1;
+    bool boolean = true;
+    const bool recognised = integers ? qm::pgFdw::analyseExprInt(clause, integer, ctx, "a")
+                                     : qm::pgFdw::analyseExprBool(clause, boolean, ctx, "a");
+    relation_close(relation, AccessShareLock);
+    const char *value = integers ? psprintf("%d", integer) : boolean ? "true" : "false";
+    return PointerGetDatum(cstring_to_text(psprintf("%s %s", recognised ? "yes" : "no", value)));
 }

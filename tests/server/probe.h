@@ -1,7 +1,7 @@
 // What the probes share: building expression nodes by hand, and SQL-callable functions.
 #pragma once
 
-#include "quelmoraPgFdwConnectorBase.h"
+#include "quelmoraPgServer.h"
 
 #include <string>
 #include <vector>

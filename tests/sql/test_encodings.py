@@ -92,3 +92,33 @@ def test_texts_outward(session, scripted, text):
         del scripted.requests[:]
         session.run(f"SELECT docname, doccontent FROM books WHERE {clause}")
         assert text in scripted.requests[0].body.decode("utf-8"), clause
+
+
+def test_invalid_bytes_outward(session, scripted):
+    """What is not valid cannot go into JSON; a query goes out as it is, and an option that nobody reads is nobody's
+    business."""
+    if session.encoding != "SQL_ASCII":
+        return  # the others let no such text in
+    session.make_table(port=scripted.port)
+    session.connection.set_client_encoding("SQL_ASCII")
+    for clause in (b"docname = 'a\xe4'", b"param = 'query=q' AND doctype = '\xff'",
+                   b"param IN ('query=q', 'sourceincludefilter=\xe4')"):
+        assert session.outcome(b"SELECT doccontent FROM books WHERE " + clause) == (
+            "HV00B", "utf8 to json conversion error")
+    session.run(b"ALTER FOREIGN TABLE books OPTIONS (ADD comment 'fr\xfcher')")
+    session.run(b"SELECT docname FROM books WHERE param = 'query=\xe4'")
+    assert scripted.requests[-1].body.startswith(b'{"query":\xe4,')
+    session.connection.set_client_encoding("UTF8")
+
+
+def test_messages(session, scripted):
+    """What a message quotes of the search cluster is text of the database, with ? for what cannot be."""
+    text, raw = "na\u00efve \u65e5\u672c", b"\xc3( \xe6\x97"
+    known = {"LATIN1": "na\u00efve ??", "EUC_JP": "na\u00efve \u65e5\u672c"}.get(session.encoding, text)
+    session.make_table(port=scripted.port, fullerrormsg="true")
+    scripted.script = answer(b'{"error":"' + text.encode() + b" " + raw + b'"}', "400 Bad Request")
+    message = session.outcome(QUERY)[1]
+    assert message.endswith(f"error was '\":\"{known} ?( ??\"}}'"), message
+    scripted.script = answer(hits('"_id":"a","_score":"@"').encode().replace(b"@", text.encode() + raw))
+    message = session.outcome("SELECT score FROM books WHERE param = 'query=q'")[1]
+    assert message == f'invalid input syntax for type real: "\"{known}?( ??\""'

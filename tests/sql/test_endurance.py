@@ -60,10 +60,10 @@ CANCELS = [(by_timeout, ("57014", "canceling statement due to statement timeout"
 TERMINATED = "57P01 FATAL:  terminating connection due to administrator command"
 
 PAGE = answer(hits('"_id":"a","_score":1,"_source":{}', total=2, scroll_id="s"))
-# Where a query hangs: in which request and how, the options of the table, the LIMIT; or while it connects.
-HANGING = [pytest.param(verb, script, options, limit, id=f"{verb} {script.__name__}")
-           for verb, options, limit in (("POST", {}, ""), ("GET", SCROLL, ""), ("DELETE", SCROLL, " LIMIT 1"))
-           for script in (silence, drip)] + [pytest.param(None, None, {}, "", id="connecting")]
+# Where a query hangs: in which request and how, the options of the table; or while it connects.
+HANGING = [pytest.param(verb, script, options, id=f"{verb} {script.__name__}")
+           for verb, options in (("POST", {}), ("GET", SCROLL))
+           for script in (silence, drip)] + [pytest.param(None, None, {}, id="connecting")]
 
 
 @pytest.fixture
@@ -83,23 +83,23 @@ def full_port():
         yield listener.getsockname()[1]
 
 
-def hang(db, scripted, full_port, verb, script, options, limit):
+def hang(db, scripted, full_port, verb, script, options):
     """Arranges for a query to hang; returns it."""
     scripted.script = lambda peer: (script if peer.verb == verb else PAGE)(peer)
     db.make_table(port=scripted.port if verb else full_port, **options)
-    return QUERY.format("books") + limit
+    return QUERY.format("books")
 
 
 @pytest.mark.parametrize("arrange, error", CANCELS, ids=["timeout", "request"])
-@pytest.mark.parametrize("verb, script, options, limit", HANGING)
-def test_cancel(db, scripted, full_port, verb, script, options, limit, arrange, error):
-    query = hang(db, scripted, full_port, verb, script, options, limit)
+@pytest.mark.parametrize("verb, script, options", HANGING)
+def test_cancel(db, scripted, full_port, verb, script, options, arrange, error):
+    query = hang(db, scripted, full_port, verb, script, options)
     act_after = 0.8  # a busy machine needs some time to come to where the query hangs
     arrange(db, act_after)
     start = time.monotonic()
     assert db.failure(query) == error
     assert act_after <= time.monotonic() - start + 0.1 and time.monotonic() - start < act_after + PATIENCE
-    # Nothing is tried twice, and no deletion, which might hang too, goes before the error.
+    # Nothing is tried twice, and no deletion, which would take its time, goes before the error.
     verbs = [peer.verb for peer in scripted.requests]
     assert verbs == {None: [], "POST": ["POST"]}.get(verb, ["POST", verb])
     assert connections_to(db.pid, scripted.port) == connections_to(db.pid, full_port) == 0
@@ -107,6 +107,36 @@ def test_cancel(db, scripted, full_port, verb, script, options, limit, arrange, 
     scripted.script = PAGE
     db.make_table(port=scripted.port, **options)
     assert len(db.run(QUERY.format("books") + " LIMIT 1")) == 1
+
+
+def endless(peer):
+    """Answers as fast as the other side reads."""
+    peer.send(b"HTTP/1.1 200 OK\r\n\r\n")
+    while True:
+        peer.send(b" " * 65536)
+
+
+@pytest.mark.parametrize("script", [silence, drip, endless])
+@pytest.mark.parametrize("arrange, ends_after", [
+    (None, 1), (lambda db: by_timeout(db, 0.4), 0.4), (lambda db: by_request(db, 0.4), 0.4)],
+    ids=["alone", "statement_timeout", "cancel"])
+def test_a_deletion_that_hangs(db, scripted, script, arrange, ends_after):
+    """It holds up a COMMIT for a second at most, takes nothing away from the transaction, and leaves no time-out
+    behind that would strike the next statement."""
+    scripted.script = lambda peer: (script if peer.verb == "DELETE" else PAGE)(peer)
+    db.make_table(port=scripted.port, **SCROLL)
+    db.run("CREATE TEMP TABLE kept (n integer)")
+    db.run("BEGIN; INSERT INTO kept VALUES (1); DECLARE c CURSOR FOR " + QUERY.format("books"))
+    assert len(db.run("FETCH 1 FROM c")) == 1
+    if arrange:
+        arrange(db)
+    start = time.monotonic()
+    db.run("COMMIT")
+    assert ends_after - 0.2 < time.monotonic() - start < ends_after + 0.4
+    assert db.run("SELECT n FROM kept") == [(1,)]
+    db.run("RESET statement_timeout")
+    assert [peer.verb for peer in scripted.requests] == ["POST", "DELETE"]
+    assert connections_to(db.pid, scripted.port) == 0
 
 
 # Stands in for the name service, so that no test asks a real one: "slow.invalid" is looked up for long, no
@@ -195,18 +225,18 @@ def test_fast_shutdown(own_cluster, full_port):
 
     with contextlib.ExitStack() as stack:
         sessions = []
-        for verb, script, options, limit in [each.values for each in HANGING] + [("name", None, {}, "")]:
+        for verb, script, options in [each.values for each in HANGING] + [("name", None, {})]:
             server = stack.enter_context(ScriptedServer(None))
             db = Database(own_cluster, server.port)
             table = f"t{len(sessions)}"
-            query = hang(db, server, full_port, verb, script, options, limit)
+            query = hang(db, server, full_port, verb, script, options)
             if verb == "name":
                 db.run("ALTER FOREIGN TABLE books OPTIONS (SET address 'slow.invalid')")
             db.run(f"ALTER FOREIGN TABLE books RENAME TO {table}")
             sessions.append((db, verb, server))
             threading.Thread(target=end, args=(db, query.replace("books", table)), daemon=True).start()
         for db, verb, server in sessions:
-            if verb in ("POST", "GET", "DELETE"):
+            if verb in ("POST", "GET"):
                 wait_until(lambda: server.requests and server.requests[-1].verb == verb)
         time.sleep(0.5)
         assert ends == []

@@ -79,12 +79,16 @@ CUT = hits(HIT, HIT)[:-20]
 BAD_ID = "json to utf8 conversion error"
 NUL = "ElasticSearch document {} with a NUL character"
 RANGE = "'compressionlevel' should be in range [-2;9]"
+MARKS = "no question marks and number signs"
+DOTS = "no path segments '.' and '..'"
 BLANKS = "no blanks, line breaks or other control characters"
 SCHEMES = "addresses of the schemes http and https only"
 NUMBER = "a whole number of milliseconds from 1 to 2147483647"
 NO_NUMBERS = "", "0", "-1", "1s", "2147483648", "99999999999999999999", "1.5"
 NO_EURO = ('character with byte sequence 0xe2 0x82 0xac in encoding "UTF8" '
            'has no equivalent in encoding "LATIN1"')
+LATERAL = "a scan of this foreign table cannot compute values of another table's columns"
+JSON_CONTENT = "docname text, doccontent json, score real, doctype text, highlights bytea, param text"
 BROKEN = r"'\xc328'::bytea::text"
 
 FAILURES = [
@@ -108,24 +112,36 @@ FAILURES = [
     fails("missing options on elastic search table", address=None),
     fails(RANGE, compressionlevel="10"),
     *wrong("address", SCHEMES, "ftp://127.0.0.1", "file:///etc", "FILE:/etc", "gopher://127.0.0.1"),
-    *wrong("address", BLANKS, "a b", "127.0.0.1\r\nX: y"), *wrong("port", BLANKS, "1 HTTP/1.1", "80\n"),
-    *wrong("indexlist", BLANKS, "a\tb"), *wrong("scrolltimeout", BLANKS, "1m \x7f"),
+    *wrong("address", BLANKS, "a b", "127.0.0.1\r\nX: y"), *wrong("indexlist", BLANKS, "a\tb"),
+    fails(f"option 'scrolltimeout' takes {BLANKS}", **SCROLL, scrolltimeout="1m \x7f"),
+    *wrong("indexlist", MARKS, "books/_delete_by_query#", "b?q=1#"), *wrong("address", MARKS, "h?", "http://h#"),
+    *wrong("indexlist", DOTS, "..", "a/../_all", "./a", "a/%2e%2E"), *wrong("address", DOTS, "h/.."),
+    *wrong("port", "a number from 1 to 65535", "", "x", "0", "65536", "9200#", "+9200", "80\n", "99999999999999999999"),
+    *wrong("port", "a number from 1 to 65535", "9200#", of="server"),
+    *wrong("address", SCHEMES, "ftp://127.0.0.1", of="server"),
     *wrong("esversion", "a whole number, the major version of the search servers", "", "0", "-7", "7.8", "v7",
            "2147483648"),
     *wrong("partialresults", "'ignore', 'warning' or 'error'", "Error"),
     *wrong("timeout", NUMBER, *NO_NUMBERS, of="server"), *wrong("connecttimeout", NUMBER, *NO_NUMBERS, of="server"),
     *wrong("tlsverify", "'true' or 'false'", "", "TRUE", "off", of="server"),
-    *wrong("cafile", "the absolute path of a file that the server can read", "", "ca.pem", "/no/file", of="server"),
+    *wrong("cafile", "the absolute path of a file that the server can read", "", "ca.pem", "/no/file", "/etc", "/dev/null",
+           of="server"),
     *wrong("username", "a name without colons, blanks and control characters", "", "a:b", "a b", of="mapping"),
     *wrong("apikey", "an encoded key without blanks and control characters", "", "k x", "k\r\nX: y", of="mapping"),
     fails("option 'password' takes effect only with option 'username'", mapping="password 'p'"),
     fails("options 'username' and 'apikey' exclude each other", mapping="username 'u', apikey 'k'"),
     # the columns
-    *wrong_column(1, "docname", "int"), *wrong_column(2, "doccontent", "bigint"),
-    *wrong_column(3, "score", "int", "double precision", "text"), *wrong_column(4, "doctype", "date"),
+    *wrong_column(1, "docname", "int", "varchar(1)", "char(3)", "json", "shout"), *wrong_column(2, "doccontent", "bigint"),
+    *wrong_column(3, "score", "int", "double precision", "text"), *wrong_column(4, "doctype", "date", "json"),
     *wrong_column(5, "highlights", "text[]"),
+    fails('invalid input syntax for type json', state="22P02", select="doccontent", columns=JSON_CONTENT,
+          compressionlevel=-2, script=raw('"_id":"a","_source":{"x":@}', b"wrong")),
+    fails("the credentials of the user mapping are only sent where the options 'address' and 'port' of the foreign "
+          "server say", mapping="apikey 'k'"),
+    ("SELECT n, x.* FROM generate_series(1, 2) n LEFT JOIN LATERAL (SELECT docname, n AS m FROM books WHERE "
+     "param = 'query=q') x ON true", "0A000", LATERAL, LATERAL, {}),
     # the connection
-    fails("Curl error (3)", port="x"),
+    fails("Curl error (3)", address="[x"),
     failing_transfer(7, port="closed"),
     failing_transfer(1, lambda peer: peer.send(b"\0\1\2\3" * 10 + b"\r\n\r\n")),
     failing_transfer(18, answer(hits(f'"_id":"{LONG}"'), length=99999)),
@@ -148,7 +164,8 @@ FAILURES = [
     unreadable(CUT), unreadable(hits(HIT)[:10]), unreadable("{}"),
     fails("ElasticSearch answer is partial: timed out", partialresults="error",
           script=answer('{"timed_out":true,' + hits(HIT)[1:])),
-    fails("es search result bigger than batch size, use a scroll", script=answer(hits(HIT, total="101"))),
+    *[fails("es search result bigger than batch size, use a scroll", script=answer(hits(HIT, total=total)), batchsize=1)
+      for total in ("2", f"{2**32}", '{"value":1,"relation":"gte"}')],
     fails(NUL.format("id"), script=answer(hits(HIT, '"_id":"a\\u0000b"'))),
     fails(NUL.format("type"), select="doctype", script=raw('"_id":"a","_source":{"type":"a@b"}', b"\0")),
     fails('invalid input syntax for type real: "null"', state="22P02", select="score",
@@ -177,8 +194,9 @@ def databases(cluster):
     latin1.connection.close()
     # The way in for a text that is not valid in the database's encoding.
     owner.run("CREATE CAST (bytea AS text) WITHOUT FUNCTION")
+    owner.run("CREATE DOMAIN shout AS text CHECK (value = upper(value))")
     yield
-    owner.run("DROP CAST (bytea AS text)")
+    owner.run("DROP CAST (bytea AS text); DROP DOMAIN shout CASCADE")
     owner.run("DROP DATABASE latin1")
     owner.connection.close()
 

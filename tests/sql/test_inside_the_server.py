@@ -9,22 +9,24 @@ import pytest
 from conftest import module_path
 
 FUNCTIONS = """
-CREATE FUNCTION probe_clause(regclass, text, text, boolean) RETURNS text AS '{0}' LANGUAGE C STRICT;
-CREATE FUNCTION probe_boundary(text, integer) RETURNS text AS '{0}' LANGUAGE C STRICT;
-CREATE FUNCTION probe_term_agg(text, integer, integer, integer, boolean) RETURNS text AS '{0}' LANGUAGE C STRICT;
-CREATE FUNCTION probe_alive() RETURNS integer AS '{0}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_clause(regclass, text, text, boolean) RETURNS text AS '{user}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_boundary(text, integer) RETURNS text AS '{server}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_term_agg(text, integer, integer, integer, boolean) RETURNS text AS '{user}' LANGUAGE C STRICT;
+CREATE FUNCTION probe_alive() RETURNS integer AS '{server}' LANGUAGE C STRICT;
 CREATE TABLE abc (a integer, b integer, c integer);
 """
 
 
 @pytest.fixture
 def probes(db, cluster):
-    """The session with the probe functions."""
-    library = Path(cluster.path_of("veltraneServerTests.so"))
-    if not library.exists():
-        shutil.copy(module_path().with_name(library.name), library)
-        library.chmod(0o755)
-        db.run(FUNCTIONS.format(library))
+    """The session with the probe functions. Those that use what the module exports need it to be loaded."""
+    libraries = {name: Path(cluster.path_of(f"veltrane{name.capitalize()}Tests.so")) for name in ("server", "user")}
+    db.run(f"LOAD '{cluster.module_path}'")
+    if not libraries["user"].exists():
+        for library in libraries.values():
+            shutil.copy(module_path().with_name(library.name), library)
+            library.chmod(0o755)
+        db.run(FUNCTIONS.format(**libraries))
     return db
 
 

@@ -1,4 +1,5 @@
 """The rows that come back, value by value, and the ways in which the server may ask for them."""
+import re
 import zlib
 from random import Random
 
@@ -61,6 +62,32 @@ CANNED = [
 @pytest.mark.parametrize("select, expected", CANNED)
 def test_values(canned, select, expected):
     assert readable(canned.run("SELECT " + select)) == expected
+
+
+EXPRESSIONS = [
+    "coalesce(score, -1)", "greatest(score, 0)", "doctype::varchar(3)", "ARRAY[doctype, docname]",
+    "doccontent IS NULL", "ROW(docname, score)::text", "NOT (score > 1 AND doctype = 'book')", "nullif(doctype, 'book')",
+    "xmlconcat(xmlelement(name x, doctype))::text", "(ARRAY[docname])[1]", "doctype::bpchar",
+    "rank() OVER (ORDER BY score)", "max(coalesce(score, 9))", "docname, doctype IS NULL, max(score) FILTER (WHERE "
+    "doctype IS NOT NULL)", "generate_series(1, CASE WHEN score IS NULL THEN 1 ELSE 2 END), (SELECT docname)",
+]
+
+
+def test_columns_within_expressions(canned):
+    """A column is asked for wherever it stands: the rows are those of a local copy."""
+    canned.run("CREATE TEMP TABLE copy AS SELECT * FROM books WHERE param = 'query=q'")
+    canned.run("CREATE TEMP TABLE stored (x text)")
+    for expression in EXPRESSIONS:
+        aggregate = " GROUP BY docname, doctype" * expression.startswith("docname")
+        local = f"SELECT {expression} FROM copy {aggregate}"
+        foreign = f"SELECT {expression} FROM books WHERE param = 'query=q' {aggregate}"
+        expected = canned.run(local)
+        assert sorted(canned.run(foreign)) == sorted(expected), expression
+        assert canned.run(f"SELECT count(*) FROM ({foreign} EXCEPT {local}) x") == [(0,)]
+        if "," not in re.sub(r"\(.*\)", "", expression):
+            canned.run(f"TRUNCATE stored; INSERT INTO stored SELECT ({expression})::text FROM books WHERE param = 'query=q'")
+            assert sorted(canned.run(f"SELECT * FROM stored")) == sorted(canned.run(local.replace(
+                expression, f"({expression})::text")))
 
 
 def test_a_document_without_a_type(db, scripted):

@@ -53,7 +53,7 @@ const AnswerKind &searchAnswers()
             {"\"hits\"",           "\"_id\"",       "\"_id\":\"a\"",   "\"_source\"",    "\"_source\":{",
              "\"total\"",          "\"total\":3,",  "\"type\"",        "\"type\":\"x\"", "\"_score\"",
              "\"_score\":1.5,",    "\"highlight\"", "\"highlight\":{", "\"_scroll_id\"", "hits",
-             "\"timed_out\":true", "\"_shards\":{", "\"failed\":2,",   "\"successful\"", "true"},
+             "\"timed_out\":true", "\"_shards\":{", "\"failed\":2,",   "\"successful\"", "true", "\"gte\""},
             {"", "{", R"({"hits":{)", R"({"hits":{"hits":[{)", R"({"hits":{"total":2,"hits":[{"_id":"x",)",
              R"({"hits":{"hits":[{"_source":{)",
              R"({"timed_out" : true, "_shards":{"total":4,"successful":1,)"},

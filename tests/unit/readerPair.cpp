@@ -102,6 +102,8 @@ std::string ReaderPair::compare(bool fastVerdict, bool referenceVerdict)
     const bool same = fastVerdict == referenceVerdict && fastFinished == referenceFinished &&
                       fastText == referenceText && fast.getErrorMessage() == reference.getErrorMessage() &&
                       fast.getTotalHitCount() == reference.getTotalHitCount() &&
+                      fast.getTotalHits() == reference.getTotalHits() &&
+                      fast.isTotalLowerBound() == reference.isTotalLowerBound() &&
                       fast.getScrollId() == reference.getScrollId() &&
                       describe(fast.getStatus()) == describe(reference.getStatus()) &&
                       compareDocuments(fast.documents, reference.documents, comparedDocuments).empty();

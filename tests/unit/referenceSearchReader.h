@@ -49,6 +49,8 @@ public:
     }
 
     int getTotalHitCount() const { return totalHitCount; }
+    std::int64_t getTotalHits() const { return totalHits; }
+    bool isTotalLowerBound() const { return totalIsLowerBound; }
     const std::string &getScrollId() const { return scrollId; }
     const std::string &getErrorMessage() const { return content; }
     /// "timed_out", and "total", "successful" and "failed" of "_shards", where they have a value.
@@ -89,7 +91,8 @@ private:
                 if (totalHitCount != 0) {
                     errorFlag = true;
                 }
-                totalHitCount = static_cast<int>(std::strtol(scalarText.c_str(), nullptr, 10));
+                totalHits = std::strtol(scalarText.c_str(), nullptr, 10);
+                totalHitCount = static_cast<int>(totalHits);
             } else if (hitTag == 2) {
                 score = scalarText;
             } else {
@@ -168,6 +171,9 @@ private:
                 inSource = true;
             }
         } else if (lexer.objectDepth == 3) {
+            if (lexer.arrayDepth == 0 && hitTag == 1 && text == "gte") {
+                totalIsLowerBound = true;
+            }
             if (lexer.arrayDepth != 1 || hitTag != 2) {
                 return;
             }
@@ -249,7 +255,9 @@ private:
     std::map<std::string, std::string> status;
     std::string statusName, statusText, outerName;
     std::string scalarText, content, highlight, docId, docType, score, scrollId, nowhere;
+    std::int64_t totalHits = 0;
     int totalHitCount = 0;
+    bool totalIsLowerBound = false;
     int hitTag = 0;
     int nextIs = 0;
     bool errorFlag = false;

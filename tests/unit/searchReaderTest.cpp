@@ -101,6 +101,30 @@ TEST(SearchReader, TellsWhichShardsAnsweredInTime)
     }
 }
 
+TEST(SearchReader, CountsInSixtyFourBits)
+{
+    const struct {
+        const char *total;
+        std::int64_t hits;
+        int count;
+        bool isLowerBound;
+    } totals[] = {
+        {"5", 5, 5, false},
+        {"4294967298", 4294967298, 2, false},
+        {"-1", -1, -1, false},
+        {R"({"value":2147483648,"relation":"eq"})", 2147483648, -2147483647 - 1, false},
+        {R"({ "value" : 10000 , "relation" : "gte" })", 10000, 10000, true},
+    };
+    for (const auto &expected : totals) {
+        FastReader reader;
+        read(reader, std::string(R"({"hits":{"total":)") + expected.total +
+                         R"(,"hits":[{"_id":"gte","_source":{"gte":"gte"}}]},"x":{"y":"gte"}})");
+        EXPECT_EQ(reader.getTotalHits(), expected.hits) << expected.total;
+        EXPECT_EQ(reader.getTotalHitCount(), expected.count) << expected.total;
+        EXPECT_EQ(reader.isTotalLowerBound(), expected.isLowerBound) << expected.total;
+    }
+}
+
 TEST(SearchReader, RefusesRecordedErrors)
 {
     int errors = 0;

@@ -1,0 +1,19 @@
+// Where a search cluster is, as the beginning of a URL.
+#pragma once
+
+#include <string>
+
+namespace qm::pgFdwElaticSearch
+{
+
+// What the URLs of a cluster's requests begin with; both texts go into it as they are.
+inline std::string clusterUrl(const char *address, const char *port)
+{
+    return std::string(address) + ":" + port;
+}
+
+// Whether requests to both go to the same scheme, host and port, as libcurl reads them, with the same credentials
+// in the URL. A URL without a scheme means http. False when one cannot be read.
+bool isSamePlace(const std::string &url, const std::string &other);
+
+} // namespace qm::pgFdwElaticSearch
