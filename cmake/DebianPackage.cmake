@@ -38,6 +38,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS postgresql-${pg_major})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Without the system's authorities no certificate is trusted, unless the option cafile brings some.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS ca-certificates)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "Elasticsearch documents as PostgreSQL rows

@@ -144,7 +144,7 @@ copy_source() {
 
 build() { # VERSION
     in_debian cmake -S "$tree" -B "$tree/build/matrix-$1" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        "-DPG_CONFIG=/usr/lib/postgresql/$1/bin/pg_config"
+        -DWARNINGS_AS_ERRORS=ON "-DPG_CONFIG=/usr/lib/postgresql/$1/bin/pg_config"
     in_debian cmake --build "$tree/build/matrix-$1" --parallel "$(nproc)"
 }
 

@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 install_packages $BUILD_PACKAGES $PYTHON_PACKAGES libgtest-dev python3-pytest valgrind
 
 build() {
-    cmake --preset "$1" >/dev/null
+    cmake --preset "$1" -DWARNINGS_AS_ERRORS=ON >/dev/null
     cmake --build --preset "$1" -- --quiet
 }
 
@@ -26,7 +26,7 @@ echo "== SQL tests"
 /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/sql
 
 echo "== SQL tests of a module under AddressSanitizer and UndefinedBehaviorSanitizer, inside the server"
-cmake --preset release -B build/asan-server -DSANITIZE=address,undefined >/dev/null
+cmake --preset release -B build/asan-server -DSANITIZE=address,undefined -DWARNINGS_AS_ERRORS=ON >/dev/null
 cmake --build build/asan-server --target VeltranePgFdw3_0 veltraneServerTests veltraneUserTests -- --quiet
 preload=$(mktemp -d)
 trap 'rm -rf "$preload"' EXIT

@@ -101,7 +101,20 @@ class Database:
         self.connection = psycopg2.connect(cluster.dsn, dbname=dbname)
         self.connection.autocommit = True
         self.pid = self.connection.info.backend_pid
-        self.run("SET client_min_messages = warning" + "; SET jit = off" * (not jit))
+        self.version = self.connection.server_version // 10000
+        self.run("SET client_min_messages = warning")
+        if not jit:
+            self.set("jit", "off")
+
+    def set(self, setting, value):
+        """Sets what the server may be too old to know; returns whether it does."""
+        return bool(self.run("SELECT set_config(name, %s, false) FROM pg_settings WHERE name = %s", (value, setting)))
+
+    def make_generic(self, execute):
+        """Has a prepared statement run with a generic plan from now on, which may take a few executions."""
+        if not self.set("plan_cache_mode", "force_generic_plan"):
+            for _ in range(5):
+                self.outcome(execute)
 
     def run(self, statement, values=None):
         """Runs a statement and returns its rows, or None when it has none."""

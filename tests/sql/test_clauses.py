@@ -156,14 +156,15 @@ def test_parameters(db, sent, signature, clause, values, known, unknown):
     db.run(f"PREPARE p({signature}) AS SELECT docname FROM books WHERE {clause}")
     for mode, times, expected in (("auto", 7, (known, unknown)), ("force_generic_plan", 2, (unknown,)),
                                   ("force_custom_plan", 2, (known,))):
-        db.run(f"SET plan_cache_mode = {mode}")
+        if not db.set("plan_cache_mode", mode) and mode != "auto":
+            continue  # an old server runs generic plans from the sixth execution on
         outcomes = [ids(sent(f"EXECUTE p({values})")) for _ in range(times)]
         assert all(outcome in expected for outcome in outcomes) and outcomes[0] == expected[0], (mode, outcomes)
 
 
 def test_parameters_of_param_and_doctype(db, sent):
-    db.run("SET plan_cache_mode = force_generic_plan")
     db.run("PREPARE p(text[], text) AS SELECT docname FROM books WHERE param = ANY($1) AND doctype = $2")
+    db.make_generic("EXECUTE p('{query=q}', 'x')")
     for doctype, expected in (("'x'", ["x"]), ("NULL", None)):
         assert types(sent(f"""EXECUTE p('{{"query=\\"q\\""}}', {doctype})""")) == expected
     assert sent("EXECUTE p('{size}', 'x')") == ("HV000", "Malformed fdw param size ")
@@ -191,7 +192,7 @@ def test_column_types(db, sent, scripted, columns, select, clause, expected):
 
 
 def test_only_what_the_search_does_not_do_is_filtered_here(db):
-    db.run("SET jit = off")
+    db.set("jit", "off")
     plan = [line for (line,) in db.run("EXPLAIN SELECT docname FROM books WHERE docname IN ('x', 'y') AND "
                                        "doctype = 'book' AND param = ANY('{}') AND docname LIKE '%7'")]
     assert plan[0].startswith("Foreign Scan on books  (cost=10000000.00..20000000.00 rows=250000 width=")

@@ -60,7 +60,7 @@ def contents(cluster):
 @pytest.fixture
 def foreign(session, scripted, cluster):
     """The foreign table `books` and the functions, in the session's database."""
-    session.run("SET jit = off")
+    session.set("jit", "off")
     session.run(FUNCTIONS.replace("CREATE", "CREATE OR REPLACE").format(module=cluster.module_path))
     session.make_table(port=scripted.port)
     return session

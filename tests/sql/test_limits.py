@@ -63,6 +63,8 @@ QUERIES = [
 
 @pytest.mark.parametrize("query, size", QUERIES)
 def test_rows_are_those_of_all_documents(copies, search, query, size):
+    if "WITH TIES" in query and copies.version < 13:
+        pytest.skip("the server does not know WITH TIES")
     expected = copies.run(query.format(books="found", param="true"))
     rows = copies.run(query.format(books="books", param=f"param = '{QUERY}'"))
     if " ORDER BY " in query and "ORDER BY score DESC LIMIT" not in query and "NULLS LAST" not in query:
@@ -86,13 +88,11 @@ def test_the_place_of_the_score_is_not_enough(db, search):
 
 def test_a_limit_in_a_cached_plan(copies, search):
     """A plan that serves several limits must not keep the first one."""
-    copies.run("SET plan_cache_mode = force_generic_plan")
     copies.run(f"PREPARE p(bigint) AS SELECT docname FROM books WHERE param = '{QUERY}' LIMIT $1")
     assert [len(copies.run(f"EXECUTE p({limit})")) for limit in (2, 120, "NULL")] == [2, 120, 125]
-    copies.run("SET plan_cache_mode = force_custom_plan")
-    search.take_journal()
+    assert [json.loads(body)["size"] for body in bodies(search)] == [2, 120, 1000]  # a plan for each
+    copies.make_generic("EXECUTE p(1)")
     assert [len(copies.run(f"EXECUTE p({limit})")) for limit in (2, 120, "NULL")] == [2, 120, 125]
-    assert [json.loads(body)["size"] for body in bodies(search)] == [2, 120, 1000]
 
 
 def test_arms_of_a_union(copies, search):

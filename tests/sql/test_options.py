@@ -79,7 +79,6 @@ def test_options_count_where_they_belong(db, scripted):
 
 
 def test_changed_options_reach_a_prepared_statement(db, sent):
-    db.run("SET plan_cache_mode = force_generic_plan")
     db.run("PREPARE p AS " + QUERY)
     assert sent("EXECUTE p") == ['{"query":q,"size":100,"_source":false}']
     db.run("ALTER FOREIGN TABLE books OPTIONS (SET batchsize '7')")

@@ -183,7 +183,11 @@ def test_ends(scroll, statements, trace, left_open):
             assert scroll.db.failure(statement) == ("22012", "division by zero")
         else:
             scroll.db.run(statement)
-    assert scroll.trace() == trace
+    if "WITH HOLD" in statements[0] and scroll.db.version < 13:
+        # What is kept beyond the transaction is read from the start again.
+        assert scroll.trace() in (trace, "first delete first next next")
+    else:
+        assert scroll.trace() == trace
     scroll.left += left_open
     scroll.db.connection.rollback()
     assert scroll.db.run(f"SELECT count(*) FROM books WHERE {ALL}") == [(250,)]
