@@ -1,6 +1,6 @@
 // Finds the bytes that matter to the JSON lexer. Everything that is peculiar to a processor is in this file:
 // one kernel for each instruction set, which tells what stands where in 64 bytes; the rest is common.
-#include "jsonBlockScan.h"
+#include "elasticsearch/jsonBlockScan.h"
 
 #include <cstring>
 

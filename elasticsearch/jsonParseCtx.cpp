@@ -1,5 +1,5 @@
 // The parts of the lexer that are too rare to be inline.
-#include "jsonParseCtx.h"
+#include "elasticsearch/jsonParseCtx.h"
 
 #include <algorithm>
 

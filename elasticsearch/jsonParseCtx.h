@@ -2,8 +2,8 @@
 // in chunks cut anywhere. It builds no tree and judges no syntax.
 #pragma once
 
-#include "jsonBlockScan.h"
-#include "veltraneExport.h"
+#include "elasticsearch/jsonBlockScan.h"
+#include "elasticsearch/veltraneExport.h"
 
 #include <algorithm>
 #include <cstddef>

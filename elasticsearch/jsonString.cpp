@@ -1,5 +1,5 @@
 // Decoding of one JSON string.
-#include "jsonString.h"
+#include "elasticsearch/jsonString.h"
 
 #include <utf8.h>
 

@@ -1,7 +1,7 @@
 // Streaming reader of Elasticsearch search and scroll responses.
-#include "searchResultParserInterface.h"
+#include "elasticsearch/searchResultParserInterface.h"
 
-#include "jsonString.h"
+#include "elasticsearch/jsonString.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,9 +1,9 @@
 // Streaming reader of Elasticsearch search and scroll responses.
 #pragma once
 
-#include "jsonParseCtx.h"
-#include "searchAnswerStatus.h"
-#include "veltraneExport.h"
+#include "elasticsearch/jsonParseCtx.h"
+#include "elasticsearch/searchResponseStatus.h"
+#include "elasticsearch/veltraneExport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -49,7 +49,7 @@ public:
     const std::string &getErrorMessage() const { return content; }
 
     /// What the response tells about shards and time; zero and false where it tells nothing.
-    const SearchAnswerStatus &getStatus() const { return statusCapture.status(); }
+    const SearchResponseStatus &getStatus() const { return statusCapture.status(); }
     /// Whether the array of hits came to its end: what is no search response has none.
     bool hasHits() const { return hitsEnded; }
     /// The bytes held for values that are still growing, so that a caller can set them a bound.

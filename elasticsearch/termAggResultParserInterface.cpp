@@ -1,5 +1,7 @@
 // Streaming reader of Elasticsearch responses that carry terms aggregations.
-#include "termAggResultParserInterface.h"
+#include "elasticsearch/termAggResultParserInterface.h"
+
+#include "elasticsearch/jsonParseCtx.h"
 
 #include <algorithm>
 #include <new>
@@ -99,6 +101,16 @@ void TermAggResultParserInterface::takeEvent()
     default:
         break;
     }
+}
+
+inline bool TermAggResultParserInterface::leftObject() const
+{
+    return jsonCtx->objectDepth < jsonCtx->prevObjectDepth;
+}
+
+inline bool TermAggResultParserInterface::isNamePlace() const
+{
+    return jsonCtx->stringClosed && jsonCtx->arrayDepth == 0;
 }
 
 void TermAggResultParserInterface::takeResponseEvent()

@@ -1,8 +1,7 @@
 // Streaming reader of Elasticsearch responses that carry terms aggregations.
 #pragma once
 
-#include "jsonParseCtx.h"
-#include "veltraneExport.h"
+#include "elasticsearch/veltraneExport.h"
 
 #include <cstddef>
 #include <memory>
@@ -11,6 +10,8 @@
 
 namespace zq::elasticsearch
 {
+
+class JsonParseCtx;
 
 /// Reads one response while it arrives, and hands each terms aggregation below the aggregation "rootagg" to
 /// onAttributes: how many buckets it has and, on demand, their keys. Like the search reader it counts
@@ -56,8 +57,8 @@ private:
     void takeBucketEvent();
     void onNextFieldIsAttributeValue();
     void emitAttributes();
-    bool leftObject() const { return jsonCtx->objectDepth < jsonCtx->prevObjectDepth; }
-    bool isNamePlace() const { return jsonCtx->stringClosed && jsonCtx->arrayDepth == 0; }
+    bool leftObject() const;
+    bool isNamePlace() const;
     void fail(std::string_view message);
 
     std::unique_ptr<JsonParseCtx> jsonCtx;

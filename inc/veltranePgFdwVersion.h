@@ -1,7 +1,7 @@
 // The module's version, for whoever loads it.
 #pragma once
 
-#include "veltraneExport.h"
+#include "elasticsearch/veltraneExport.h"
 
 namespace VeltranePgFdw3_0
 {

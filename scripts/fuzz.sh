@@ -63,7 +63,7 @@ coverage() {
     LLVM_PROFILE_FILE=$program.profraw "$program" --gtest_brief=1
     llvm-profdata merge -o $program.profdata $program.profraw
     llvm-cov report $program -instr-profile=$program.profdata -show-region-summary=false \
-        elasticsearch src/quelmoraPgFdwElasticSearchJson.cpp src/quelmoraPgFdwElasticSearchParams.cpp
+        elasticsearch src/parameterText.cpp
     llvm-cov show $program -instr-profile=$program.profdata elasticsearch >build/coverage/lines.txt
     echo "Line by line: build/coverage/lines.txt"
 }

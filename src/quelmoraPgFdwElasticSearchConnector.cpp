@@ -1,7 +1,12 @@
 // Construction of a scan's connector from the plan, the clauses' values and the table's options.
-#include "quelmoraPgFdwElasticSearchInternal.h"
-#include "quelmoraPgFdwElasticSearchJson.h"
-#include "quelmoraPgFdwEncoding.h"
+#include "quelmoraPgFdwElasticSearchConnector.h"
+#include "clauses.h"
+#include "limit.h"
+#include "options.h"
+#include "parameters.h"
+#include "request.h"
+#include "server/encoding.h"
+#include "server/memory.h"
 
 #include <cstring>
 #include <string_view>
@@ -10,12 +15,17 @@
 namespace qm::pgFdwElaticSearch
 {
 
-using qm::pgFdw::callServer;
 using qm::pgFdw::ConnectorTypes;
-using qm::pgFdw::FdwError;
+using server::callServer;
+using server::FdwError;
+using server::replaceString;
 
 namespace
 {
+
+// The plan-time description: an int64 row limit, six flags, two zero bytes, in host byte order.
+constexpr size_t DescriptionSize = 16;
+constexpr size_t DescriptionFlags = 8;
 
 std::string docTypeFilter(const std::list<std::string> &docTypes)
 {
@@ -23,11 +33,7 @@ std::string docTypeFilter(const std::list<std::string> &docTypes)
     char separator = ' ';
     for (const std::string &docType : docTypes) {
         filter += separator;
-        filter += '"';
-        const char *utf8 = callServer([&] { return serverToUtf8(docType.c_str()); });
-        if (!Utf8ToJson(utf8, utf8 + std::strlen(utf8), filter))
-            throw FdwError(ERRCODE_FDW_INVALID_HANDLE, "utf8 to json conversion error");
-        filter += '"';
+        appendString(filter, callServer([&] { return server::serverToUtf8(docType.c_str()); }));
         separator = ',';
     }
     return filter + "]}},";
@@ -41,9 +47,7 @@ ElasticSearchConnector *allocateConnector()
     auto *connector = static_cast<ElasticSearchConnector *>(
         MemoryContextAllocZero(scanContext, sizeof(ElasticSearchConnector)));
     connector->scanContext = scanContext;
-    connector->pageContext = AllocSetContextCreate(scanContext, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES);
     connector->rowContext = AllocSetContextCreate(scanContext, "Elasticsearch row", ALLOCSET_DEFAULT_SIZES);
-    connector->page.attach(scanContext);
     connector->deflateStream.context = scanContext;
     return connector;
 }
@@ -66,30 +70,36 @@ void appendDocNames(ElasticSearchConnector *connector, const std::list<std::stri
         if (oneRequest || seen.insert(name).second)
             names.push_back(name.c_str());
     }
-    connector->docNames.reserve(
-        names.size(), [&](Size size) { return qm::pgFdw::allocateOrThrow(connector->scanContext, size); });
+    connector->docNames.count = static_cast<int64>(names.size());
     callServer([&] {
+        connector->docNames.ids = static_cast<text **>(
+            MemoryContextAllocHuge(connector->scanContext, (names.size() + 1) * sizeof(text *)));
+        text **next = connector->docNames.ids;
         for (const char *name : names)
-            connector->docNames.append(PointerGetDatum(cstring_to_text(serverToUtf8(name))));
+            *next++ = cstring_to_text(server::serverToUtf8(name));
     });
 }
 
 } // namespace
 
-int32 findConnectorType(Oid foreignTableId)
+void CreateConnectorStep1(List **clauses, PathTarget *target, unsigned int foreignTableId,
+                          std::vector<char> &description, List *&fdwExprs, PlannerInfo *root)
 {
-    ListCell *cell;
-    foreach (cell, GetForeignTable(foreignTableId)->options) {
-        auto *option = static_cast<DefElem *>(lfirst(cell));
-        if (std::strcmp(option->defname, "connectortype") != 0)
-            continue;
-        const char *value = defGetString(option);
-        if (std::strcmp(value, "elasticsearch") == 0)
-            return static_cast<int32>(ConnectorTypes::ElasticSearchStd);
-        if (std::strcmp(value, "elasticsearchscroll") == 0)
-            return static_cast<int32>(ConnectorTypes::ElasticSearchScroll);
-    }
-    return 0;
+    description.assign(DescriptionSize, 0);
+    std::unique_ptr<std::list<std::string>> docNames;
+    std::list<std::string> params;
+    std::list<std::string> docTypes;
+    ScanExpressions(clauses, foreignTableId, fdwExprs, docNames, params, docTypes, nullptr, true);
+    const int64 limit = *clauses == NIL ? planRowLimit(root, foreignTableId, fdwExprs) : -1;
+    std::memcpy(description.data(), &limit, sizeof limit);
+
+    char *flags = description.data() + DescriptionFlags;
+    server::withTupleDesc(foreignTableId, [&](tupleDesc *descriptor) {
+        ListCell *cell;
+        foreach (cell, target->exprs)
+            qm::pgFdw::parseVarName(static_cast<Expr *>(lfirst(cell)), descriptor,
+                                    parseEsSearchVarNameCallback, flags);
+    });
 }
 
 ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tableOid, ConnectorTypes type,
@@ -99,7 +109,8 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
         return nullptr;
 
     ElasticSearchConnector *connector = callServer([] { return allocateConnector(); });
-    qm::pgFdw::MemoryContextScope scope(connector->scanContext);
+    server::MemoryContextScope scope(connector->scanContext);
+    connector->page = server::makeIn<search::Page>(connector->scanContext, connector->scanContext);
 
     std::unique_ptr<std::list<std::string>> docNames;
     std::list<std::string> params;
@@ -112,12 +123,10 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
 
     connector->connectorType = type;
     connector->searchMode = SearchByQuery;
-    connector->batchSize = 10;
-    connector->compressionLevel = 5;
+    connector->dialect = &dialectOf(0);
     connector->paramCompressionLevel = -3;
     connector->tableOid = tableOid;
     connector->limit = -1;
-    connector->partialResults = PartialResults::Warning;
 
     ParseParam(params, connector->paramCompressionLevel, connector->query, connector->highlight,
                connector->sourceIncludeFilter, connector->sourceExcludeFilter);
@@ -128,12 +137,10 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
 
     if (description)
         readDescription(connector, description);
-    connector->scrollTimeout = replaceString(nullptr, "5m");
-    connector->indexList = replaceString(nullptr, "_all");
 
     if (!docTypes.empty()) {
-        connector->docTypeFilterOpen = replaceString(nullptr, docTypeFilter(docTypes).c_str());
-        connector->docTypeFilterClose = replaceString(nullptr, "}}");
+        replaceString(connector->docTypeFilterOpen, docTypeFilter(docTypes).c_str());
+        replaceString(connector->docTypeFilterClose, "}}");
     }
 
     if (!connector->query) {
@@ -143,8 +150,7 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
     }
 
     readTableOptions(connector);
-    readConnectionOptions(connector->connection, connector->serverOid, qm::pgCompat::userOfScan(node));
-    settlePlace(connector);
+    readConnectionOptions(connector, server::userOfScan(node));
     if (docNames)
         appendDocNames(connector, *docNames);
     return connector;

@@ -4,69 +4,51 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 namespace qm::pgFdw
 {
 
-SearchResultParser::SearchResultParser(PageMemory &page, int expectedCount, bool wantContent, bool wantScore,
-                                       bool wantDocType, bool wantHighlight)
-    : page(page), wantContent(wantContent), wantHighlight(wantHighlight), wantScore(wantScore),
-      wantDocType(wantDocType)
+// A batch size far beyond what a search server returns must not cost its memory in advance.
+constexpr int MostExpected = 65536;
+
+SearchResultParser::SearchResultParser(int expectedCount, bool wantContent, bool wantScore, bool wantDocType,
+                                       bool wantHighlight)
+    : expectedCount(static_cast<std::size_t>(std::clamp(expectedCount, 0, MostExpected))),
+      wantContent(wantContent), wantHighlight(wantHighlight), wantScore(wantScore), wantDocType(wantDocType)
 {
-    // A batch size far beyond what a search server returns must not cost its memory in advance.
-    const auto capacity = static_cast<Size>(std::clamp(expectedCount, 0, 65536));
-    reserve(docIds, capacity);
+    reserve();
+}
+
+void SearchResultParser::collectIn(search::Hits &&memory)
+{
+    hits = std::move(memory);
+    reserve();
+}
+
+void SearchResultParser::reserve()
+{
+    hits.reserve(search::DocId, expectedCount);
     if (wantContent)
-        reserve(docContents, capacity);
+        hits.reserve(search::Content, expectedCount);
     if (wantScore)
-        reserve(scores, capacity);
+        hits.reserve(search::HitScore, expectedCount);
     if (wantDocType)
-        reserve(docTypes, capacity);
-}
-
-void SearchResultParser::reserve(DatumQueue &list, Size entries)
-{
-    list.reserve(entries, [this](Size size) { return takeMemory(size); });
-}
-
-void *SearchResultParser::takeMemory(Size size)
-{
-    collectedBytes += size;
-    return page.take(size);
-}
-
-void SearchResultParser::keepText(DatumQueue &list, const std::string &value)
-{
-    reserve(list, 1);
-    const Size size = VARHDRSZ + value.size();
-    auto *copy = static_cast<varlena *>(takeMemory(size));
-    SET_VARSIZE(copy, size);
-    std::memcpy(VARDATA(copy), value.data(), value.size());
-    list.append(PointerGetDatum(copy));
-}
-
-void SearchResultParser::keepCString(DatumQueue &list, const std::string &value)
-{
-    reserve(list, 1);
-    void *copy = takeMemory(value.size() + 1);
-    std::memcpy(copy, value.c_str(), value.size() + 1);
-    list.append(PointerGetDatum(copy));
+        hits.reserve(search::DocumentType, expectedCount);
 }
 
 void SearchResultParser::onNewDocument(const std::string &docId, const std::string &content,
                                        const std::string &score, const std::string &highlight,
                                        const std::string &docType)
 {
-    keepText(docIds, docId);
+    hits.keepText(search::DocId, docId);
     if (wantContent)
-        keepText(docContents, content);
+        hits.keepText(search::Content, content);
     if (wantHighlight)
-        keepText(highlights, highlight);
+        hits.keepText(search::Highlight, highlight);
     if (wantScore)
-        keepCString(scores, score);
+        hits.keepCString(search::HitScore, score);
     if (wantDocType)
-        keepText(docTypes, docType);
+        hits.keepText(search::DocumentType, docType);
 }
 
 TermAggResultParser::TermAggResultParser(int attributeCount, int compressionLevel, varlena **valueSlots,
@@ -82,7 +64,7 @@ void TermAggResultParser::onAttributes(const std::string &name, int count, const
 {
     const int number = static_cast<int>(std::strtol(name.c_str(), nullptr, 10));
     if (number < 1 || number > attributeCount)
-        pgCompat::raiseError(ERRCODE_FDW_INVALID_HANDLE, "Parsing error", __FILE__, __LINE__, __func__);
+        server::raiseError(ERRCODE_FDW_INVALID_HANDLE, "Parsing error", __FILE__, __LINE__, __func__);
     countSlots[number - 1] = count;
     if (!collectValues)
         return;

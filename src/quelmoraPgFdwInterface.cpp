@@ -1,14 +1,15 @@
 // The module's face towards the server: entry points, routine table, planner and executor callbacks. Every
 // callback opens the error boundary's guard; the work is done elsewhere.
-#include "quelmoraPgFdwElasticSearchConnector.h"
+#include "options.h"
+#include "server/memory.h"
 
 #include <cstring>
 #include <curl/curl.h>
 
-using qm::pgFdw::callServer;
+using qm::server::callServer;
 using qm::pgFdw::ConnectorTypes;
-using qm::pgFdw::FdwError;
-using qm::pgFdw::guardEntry;
+using qm::server::FdwError;
+using qm::server::guardEntry;
 using qm::pgFdwElaticSearch::ElasticSearchConnector;
 
 namespace
@@ -34,7 +35,7 @@ void quelmoraPgFdwGetForeignPaths(PlannerInfo *root, RelOptInfo *baserel, Oid)
                         errmsg("a scan of this foreign table cannot compute values of another table's columns"),
                         errhint("Move the LATERAL references out of the subquery, into the select list or a "
                                 "join condition.")));
-    add_path(baserel, reinterpret_cast<Path *>(qm::pgCompat::createForeignScanPath(
+    add_path(baserel, reinterpret_cast<Path *>(qm::server::createForeignScanPath(
                           root, baserel, baserel->rows, StartupCost, TotalCost)));
 }
 
@@ -149,7 +150,7 @@ void end(ForeignScanState *node)
 void quelmoraPgFdwBeginForeignScan(ForeignScanState *node, int)
 {
     guardEntry([&] {
-        qm::pgFdw::MemoryContextScope scope(queryContextOf(node));
+        qm::server::MemoryContextScope scope(queryContextOf(node));
         begin(node);
     });
 }
@@ -159,7 +160,7 @@ TupleTableSlot *quelmoraPgFdwIterateForeignScan(ForeignScanState *node)
     TupleTableSlot *slot = node->ss.ss_ScanTupleSlot;
     ExecClearTuple(slot);
     guardEntry([&] {
-        qm::pgFdw::MemoryContextScope scope(queryContextOf(node));
+        qm::server::MemoryContextScope scope(queryContextOf(node));
         if (!hasValidConnector(node))
             throwInvalidHandle("iterate foreign scan invalid connector type");
         qm::pgFdwElaticSearch::IterateScan(connectorOf(node), node, slot);
@@ -170,7 +171,7 @@ TupleTableSlot *quelmoraPgFdwIterateForeignScan(ForeignScanState *node)
 void quelmoraPgFdwReScanForeignScan(ForeignScanState *node)
 {
     guardEntry([&] {
-        qm::pgFdw::MemoryContextScope scope(queryContextOf(node));
+        qm::server::MemoryContextScope scope(queryContextOf(node));
         end(node);
         begin(node);
     });
@@ -179,7 +180,7 @@ void quelmoraPgFdwReScanForeignScan(ForeignScanState *node)
 void quelmoraPgFdwEndForeignScan(ForeignScanState *node)
 {
     guardEntry([&] {
-        qm::pgFdw::MemoryContextScope scope(queryContextOf(node));
+        qm::server::MemoryContextScope scope(queryContextOf(node));
         end(node);
     });
 }

@@ -1,9 +1,9 @@
 // The readers that take a page in chunks.
 #include "contestants.h"
 
-#include "jsonBlockScan.h"
+#include "elasticsearch/jsonBlockScan.h"
 #include "referenceSearchReader.h"
-#include "searchResultParserInterface.h"
+#include "elasticsearch/searchResultParserInterface.h"
 
 #include <algorithm>
 #include <stdexcept>

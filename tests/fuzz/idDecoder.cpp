@@ -1,4 +1,4 @@
-#include "jsonString.h"
+#include "elasticsearch/jsonString.h"
 #include "targets.h"
 
 #include <utf8.h>

@@ -1,5 +1,5 @@
-#include "jsonString.h"
-#include "quelmoraPgFdwElasticSearchJson.h"
+#include "elasticsearch/jsonString.h"
+#include "elasticsearch/jsonWriter.h"
 #include "targets.h"
 
 #include <utf8.h>
@@ -39,7 +39,7 @@ std::string jsonEscaper(std::string_view input)
     const std::vector<char> bytes(input.begin(), input.end()); // of exactly this size, unlike a std::string
     const std::string text(input), before = "{\"";
     std::string out = before;
-    const bool accepted = qm::pgFdwElaticSearch::Utf8ToJson(bytes.data(), bytes.data() + bytes.size(), out);
+    const bool accepted = zq::elasticsearch::Utf8ToJson(bytes.data(), bytes.data() + bytes.size(), out);
     if (accepted != utf8::is_valid(text.begin(), text.end())) {
         return accepted ? "accepted, but should be refused" : "refused, but should be accepted";
     }

@@ -1,4 +1,4 @@
-#include "quelmoraPgFdwElasticSearchParams.h"
+#include "parameterText.h"
 #include "targets.h"
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 #include "chunkedText.h"
-#include "jsonBlockScan.h"
+#include "elasticsearch/jsonBlockScan.h"
 #include "readerPair.h"
 #include "targets.h"
 

@@ -1,9 +1,9 @@
 // probe_boundary(kind text, times integer) returns text: lets each kind of failure cross the error boundary,
 // with objects alive on the C++ side, `times` times caught on the way and once into the server. probe_alive()
 // returns integer: how many of those objects were never destroyed.
-#include "probe.h"
+#include "server/errorBoundary.h"
 
-#include "quelmoraPgErrorBoundary.h"
+#include "probe.h"
 
 #include <new>
 #include <stdexcept>
@@ -12,9 +12,9 @@ extern "C" {
 PG_MODULE_MAGIC;
 }
 
-using qm::pgFdw::callServer;
-using qm::pgFdw::FdwError;
-using qm::pgFdw::ServerError;
+using qm::server::callServer;
+using qm::server::FdwError;
+using qm::server::ServerError;
 
 namespace
 {
@@ -59,7 +59,7 @@ void fail(const std::string &kind)
 
 PROBE(probe_boundary)
 {
-    return qm::pgFdw::guardEntry([&] {
+    return qm::server::guardEntry([&] {
         const std::string kind = probe::textArgument(fcinfo, 0);
         for (int i = 0; i < PG_GETARG_INT32(1); ++i) {
             try {

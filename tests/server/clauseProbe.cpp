@@ -2,7 +2,7 @@
 // the value of the integer or boolean analysis of a hand-built clause on the column "a".
 #include "probe.h"
 
-#include "quelmoraPgFdwConnectorBase.h"
+#include "quelmoraPgFdwClauseAnalysis.h"
 
 #include <cstring>
 #include <map>
@@ -69,13 +69,13 @@ PROBE(probe_clause)
 {
     const bool integers = std::strcmp(text_to_cstring(PG_GETARG_TEXT_PP(1)), "int") == 0;
     Expr *clause = clauseOf(text_to_cstring(PG_GETARG_TEXT_PP(2)));
-    const Relation relation = relation_open(PG_GETARG_OID(0), AccessShareLock);
+    const Relation relation = RelationIdGetRelation(PG_GETARG_OID(0));
     qm::pgFdw::AnalyseCtx ctx(relation->rd_att, nullptr, PG_GETARG_BOOL(3));
     int integer = -1;
     bool boolean = true;
     const bool recognised = integers ? qm::pgFdw::analyseExprInt(clause, integer, ctx, "a")
                                      : qm::pgFdw::analyseExprBool(clause, boolean, ctx, "a");
-    relation_close(relation, AccessShareLock);
+    RelationClose(relation);
     const char *value = integers ? psprintf("%d", integer) : boolean ? "true" : "false";
     return PointerGetDatum(cstring_to_text(psprintf("%s %s", recognised ? "yes" : "no", value)));
 }

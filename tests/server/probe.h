@@ -1,7 +1,16 @@
 // What the probes share: building expression nodes by hand, and SQL-callable functions.
 #pragma once
 
-#include "quelmoraPgServer.h"
+extern "C" {
+#include "postgres.h"
+
+#include "fmgr.h"
+#include "nodes/execnodes.h"
+#include "nodes/makefuncs.h"
+#include "utils/builtins.h"
+#include "utils/rel.h"
+#include "utils/relcache.h"
+}
 
 #include <string>
 #include <vector>

@@ -3,7 +3,9 @@
 // another. The last line is of one slot too many, which nobody may touch.
 #include "probe.h"
 
-#include "quelmoraPgFdwElasticSearchResultParsers.h"
+#include "quelmoraPgFdwTermAggResultParser.h"
+
+#include <cstring>
 
 namespace
 {

@@ -4,7 +4,7 @@
 namespace
 {
 
-using zq::elasticsearch::SearchAnswerStatus;
+using zq::elasticsearch::SearchResponseStatus;
 
 std::string finishText(int objects, int arrays, int hitTag, int nextIs, int error)
 {
@@ -23,7 +23,7 @@ HandMadeAnswer made(const std::string &name, const std::string &text, int total 
                     const std::vector<Document> &documents = {}, const std::string &finish = "",
                     const std::string &error = "", const std::string &scrollId = "")
 {
-    return {name, text, Outcome{finish, error, total, scrollId, documents, describe(SearchAnswerStatus())}};
+    return {name, text, Outcome{finish, error, total, scrollId, documents, describe(SearchResponseStatus())}};
 }
 
 HandMadeAnswer withId(const std::string &raw, const std::string &decoded)

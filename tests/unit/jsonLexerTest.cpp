@@ -1,6 +1,6 @@
 // The lexer that skips plain bytes against the one that takes every byte, with each scanner below it.
-#include "jsonBlockScan.h"
-#include "jsonParseCtx.h"
+#include "elasticsearch/jsonBlockScan.h"
+#include "elasticsearch/jsonParseCtx.h"
 #include "randomAnswers.h"
 #include "referenceLexer.h"
 

@@ -44,7 +44,7 @@ std::string compareDocuments(const std::vector<Document> &seen, const std::vecto
 
 } // namespace
 
-std::string describe(const zq::elasticsearch::SearchAnswerStatus &status)
+std::string describe(const zq::elasticsearch::SearchResponseStatus &status)
 {
     std::ostringstream text;
     text << (status.timedOut ? "timed out, " : "in time, ") << status.totalShards << " shards, "

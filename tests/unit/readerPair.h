@@ -2,7 +2,7 @@
 #pragma once
 
 #include "referenceSearchReader.h"
-#include "searchResultParserInterface.h"
+#include "elasticsearch/searchResultParserInterface.h"
 
 #include <map>
 #include <string>
@@ -49,7 +49,7 @@ struct Outcome {
     std::string differenceFrom(const Outcome &expected) const;
 };
 
-std::string describe(const zq::elasticsearch::SearchAnswerStatus &status);
+std::string describe(const zq::elasticsearch::SearchResponseStatus &status);
 std::string describe(const std::map<std::string, std::string> &status);
 
 template <class Reader>

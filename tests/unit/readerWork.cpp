@@ -1,7 +1,7 @@
 // Reads one answer with a scanner of a given name, in chunks of 16 KiB: the work of which instructions are
 // counted. Prints the number of documents; without arguments, the names of the scanners.
-#include "jsonBlockScan.h"
-#include "searchResultParserInterface.h"
+#include "elasticsearch/jsonBlockScan.h"
+#include "elasticsearch/searchResultParserInterface.h"
 
 #include <algorithm>
 #include <fstream>

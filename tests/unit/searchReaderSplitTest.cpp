@@ -1,7 +1,7 @@
 // However an answer is cut into chunks, the search reader must show the same as the reference reader after
 // each chunk, and in the end the same as for the uncut answer.
 #include "handMadeAnswers.h"
-#include "jsonBlockScan.h"
+#include "elasticsearch/jsonBlockScan.h"
 #include "randomAnswers.h"
 #include "recordings.h"
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "referenceTermAggReader.h"
-#include "termAggResultParserInterface.h"
+#include "elasticsearch/termAggResultParserInterface.h"
 
 #include <string>
 #include <string_view>

@@ -1,0 +1,126 @@
+// The border between C++ exceptions and the server's errors.
+#include "server/errorBoundary.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+
+namespace qm::server
+{
+namespace
+{
+
+// Copies the error that was just caught and empties the server's error stack. Null if even that fails for
+// want of memory.
+ErrorData *takeErrorData()
+{
+    ErrorData *volatile copy = nullptr;
+    PG_TRY();
+    {
+        copy = CopyErrorData();
+    }
+    PG_CATCH();
+    {
+        copy = nullptr;
+    }
+    PG_END_TRY();
+    FlushErrorState();
+    return copy;
+}
+
+// A copy of `text` in the current memory context, or null: raises nothing.
+char *copyWithoutRaising(const char *text) noexcept
+{
+    const size_t size = std::strlen(text) + 1;
+    void *copy = MemoryContextAllocExtended(CurrentMemoryContext, size, MCXT_ALLOC_NO_OOM | MCXT_ALLOC_HUGE);
+    if (copy)
+        std::memcpy(copy, text, size);
+    return static_cast<char *>(copy);
+}
+
+// Texts of a search server may be cut inside a character or be no text at all; clients must still be able
+// to read the message.
+void replaceInvalidBytes(char *text)
+{
+    size_t left = std::strlen(text);
+    if (pg_verifymbstr(text, static_cast<int>(std::min<size_t>(left, INT_MAX)), true))
+        return;
+    while (left > 0) {
+        const size_t length = std::min<size_t>(pg_mblen(text), left);
+        if (pg_verifymbstr(text, static_cast<int>(length), true)) {
+            text += length;
+            left -= length;
+        } else {
+            *text++ = '?';
+            --left;
+        }
+    }
+}
+
+} // namespace
+
+namespace boundary
+{
+
+void runServerBody(ServerBody body, void *argument)
+{
+    const MemoryContext callersContext = CurrentMemoryContext;
+    volatile bool raised = false;
+    ErrorData *volatile error = nullptr;
+    PG_TRY();
+    {
+        body(argument);
+    }
+    PG_CATCH();
+    {
+        MemoryContextSwitchTo(callersContext);
+        error = takeErrorData();
+        raised = true;
+    }
+    PG_END_TRY();
+    if (raised)
+        throw ServerError(error);
+}
+
+void PendingError::capture() noexcept
+{
+    *this = {};
+    sqlState = ERRCODE_INTERNAL_ERROR;
+    file = __FILE__;
+    function = __func__;
+    line = __LINE__;
+    try {
+        throw;
+    } catch (const ServerError &error) {
+        serverError = error.data;
+        isServerError = true;
+    } catch (const FdwError &error) {
+        sqlState = error.sqlState;
+        message = copyWithoutRaising(error.what());
+        file = error.file;
+        function = error.function;
+        line = error.line;
+    } catch (const std::bad_alloc &) {
+        sqlState = ERRCODE_OUT_OF_MEMORY;
+        message = copyWithoutRaising("out of memory");
+    } catch (const std::exception &error) {
+        message = copyWithoutRaising(error.what());
+    } catch (...) {
+        message = copyWithoutRaising("unknown exception");
+    }
+}
+
+void PendingError::raise()
+{
+    if (isServerError && serverError)
+        ReThrowError(serverError);
+    if (isServerError)
+        raiseError(ERRCODE_OUT_OF_MEMORY, "out of memory", file, line, function);
+    if (message)
+        replaceInvalidBytes(message);
+    raiseError(sqlState, message, file, line, function);
+}
+
+} // namespace boundary
+} // namespace qm::server
