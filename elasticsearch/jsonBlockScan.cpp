@@ -321,12 +321,6 @@ std::vector<BlockScanner> findScanners()
     return scanners;
 }
 
-BlockScanner &chosenScanner()
-{
-    static BlockScanner chosen = blockScanners().front();
-    return chosen;
-}
-
 } // namespace
 
 const std::vector<BlockScanner> &blockScanners()
@@ -334,9 +328,5 @@ const std::vector<BlockScanner> &blockScanners()
     static const std::vector<BlockScanner> scanners = findScanners();
     return scanners;
 }
-
-const BlockScanner &blockScanner() { return chosenScanner(); }
-
-void useBlockScanner(const BlockScanner &scanner) { chosenScanner() = scanner; }
 
 } // namespace zq::elasticsearch

@@ -37,8 +37,4 @@ struct BlockScanner {
 /// Those that this processor can run, the fastest first, the portable one last.
 const std::vector<BlockScanner> &blockScanners();
 
-/// The one that new lexers use: the fastest, unless a test or a measurement chose another.
-const BlockScanner &blockScanner();
-void useBlockScanner(const BlockScanner &scanner);
-
 } // namespace zq::elasticsearch

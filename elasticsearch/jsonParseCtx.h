@@ -1,9 +1,8 @@
-// The lexer of the streaming readers: nesting depths, strings and member values of a JSON text that arrives
-// in chunks cut anywhere. It builds no tree and judges no syntax.
+// The lexer of the streaming readers: finds brackets, strings and member values of a JSON text that arrives in chunks
+// cut anywhere, and tells a grammar of them. It builds no tree and judges no syntax.
 #pragma once
 
 #include "elasticsearch/jsonBlockScan.h"
-#include "elasticsearch/veltraneExport.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -13,69 +12,97 @@
 namespace zq::elasticsearch
 {
 
-/// Lexer state that lives as long as one response. For each chunk: beginChunk, then for each piece of it scan
-/// and then step for each byte that scan found, then endChunk. A reader that needs less than step tells works
-/// on the masks itself, and keeps the depths. Only allocation failures are thrown.
-class VELTRANE_EXPORT JsonParseCtx
+// Which strings a grammar wants to be told of, where it stands now.
+enum class StringInterest { All, Short };
+
+// Lexer state that lives as long as one response. Only allocation failures are thrown, and what the grammar throws.
+//
+// A Grammar has these members. A depth is that of objects behind the byte that is told of, positions point into the
+// chunk, and texts are valid only during the call.
+//   static constexpr bool wantsMemberValues      whether onMemberValue is called
+//   static constexpr int deepestObject           in deeper objects it wants no strings
+//   static constexpr std::size_t shortString     the length of the strings of StringInterest::Short
+//   bool mustStop()                              nothing more is read then
+//   bool wantsBytes(), void onByte(char)         each byte from the next one on, as long as it says so, before what
+//                                                else the byte means
+//   StringInterest stringInterest(int depth)
+//   std::size_t keptOfString()                   how much of a string that is cut must be kept to judge it
+//   void onObjectOpened(const char *at, int depth), onObjectClosed(const char *at, int depth)
+//   void onArrayClosed()                         the outermost one
+//   void onString(std::string_view text, const char *quote, int depth)
+//   void onMemberValue(std::string_view text)    the raw text of a scalar member value, from behind its colon
+class JsonParseCtx
 {
 public:
-    /// The most bytes that one call of scan takes.
-    static constexpr std::size_t pieceBytes = 24 * blockBytes;
-    /// What scan found in a piece, a block each.
-    using PieceMasks = BlockMasks[pieceBytes / blockBytes];
-
-    /// A token that may span chunks: what earlier chunks brought, and its part in the current one.
+    // A token that may span chunks: what earlier chunks brought, and its part in the current one.
     struct TextBuffer {
         const char *segmentBegin = nullptr;
-        const char *segmentEnd = nullptr; ///< exclusive; valid once the token is closed
+        const char *segmentEnd = nullptr; // exclusive; valid once the token is closed
         std::string text;
-        bool active = false; ///< the token has begun and not ended
+        bool active = false; // the token has begun and not ended
 
         void open(const char *first);
         void close(const char *end);
         void reset();
         void resume(const char *chunk);
-        /// Keeps what the chunk holds of an unfinished token, up to `limit` bytes in all.
+        // Keeps what the chunk holds of an unfinished token, up to `limit` bytes in all.
         void carryOver(const char *chunkEnd, std::size_t limit);
-        /// The whole text of a closed token; valid until the chunk ends or the next token opens.
+        // The whole text of a closed token; valid until the chunk ends or the next token opens.
         std::string_view whole();
     };
 
-    /// With `trackMemberValues`, `valueText` and `valueClosed` follow the scalar member values; without it
-    /// they stay as they are and the separators count as plain bytes.
-    explicit JsonParseCtx(bool trackMemberValues);
+    // Where to find what matters in the bytes: one of blockScanners().
+    explicit JsonParseCtx(const BlockScanner &scanner) : scanner(scanner) {}
 
-    /// Continues the unfinished tokens at the first byte of a chunk.
-    void beginChunk(const char *chunk);
-    /// Ends a chunk whose bytes were read up to `end`. Of an unfinished string at most
-    /// `stringLimit` bytes are kept, for a reader that can tell by then that it will not need the rest.
-    void endChunk(const char *end, std::size_t stringLimit = std::string::npos);
-    /// Finds the bytes that matter among the next `length`, at most pieceBytes.
-    void scan(const char *piece, std::size_t length, PieceMasks &masks)
-    {
-        scanBlocks(piece, length, carry, masks);
-    }
-    /// Whether the bytes scanned so far end inside a string.
-    bool endsInString() const { return carry.inString != 0; }
-    /// Takes one byte that scan found; all others change neither depths nor tokens.
-    void step(const char *at);
+    // Reads the next chunk, which needs to live only as long as the call. Returns what is behind the last byte that was
+    // taken: the end of the chunk, unless the grammar wanted to stop.
+    template <typename Grammar>
+    const char *read(const char *chunk, std::size_t length, Grammar &grammar);
 
-    int prevArrayDepth = 0;  ///< arrayDepth before the last byte that was stepped over
-    int arrayDepth = 0;      ///< "[" minus "]" outside strings; may become negative
-    int prevObjectDepth = 0; ///< objectDepth before the last byte that was stepped over
-    int objectDepth = 0;     ///< "{" minus "}" outside strings; may become negative
-    bool stringClosed = false;
-    bool valueClosed = false;
-    TextBuffer stringText; ///< the current or last string, without its quotes, undecoded
-    TextBuffer valueText;  ///< the current or last scalar member value, from behind its colon
+    int objectDepth() const { return objects; } // "{" minus "}" outside strings; may become negative
+    int arrayDepth() const { return arrays; }   // "[" minus "]" outside strings; may become negative
+    // The bytes held of an unfinished token.
+    std::size_t heldBytes() const { return stringText.text.size() + valueText.text.size(); }
 
 private:
-    void stepOverQuote(const char *at);
-    void stepOverMemberValue(const char *at);
+    template <typename Grammar>
+    const char *readPiece(const char *piece, std::size_t length, Grammar &grammar);
+    template <typename Grammar>
+    const char *readBlock(const char *block, std::size_t length, const BlockMasks &masks, Grammar &grammar);
+    template <typename Grammar>
+    std::uint64_t wantedBits(const BlockMasks &masks, std::uint64_t shortStrings, Grammar &grammar) const;
+    template <typename Grammar>
+    unsigned skipDeepObjects(const char *block, std::uint64_t brackets, Grammar &grammar);
+    template <typename Grammar>
+    unsigned tellBytes(const char *block, unsigned from, std::size_t length, const BlockMasks &masks,
+                       Grammar &grammar);
+    template <typename Grammar>
+    void tell(const char *block, unsigned index, const BlockMasks &masks, Grammar &grammar);
+    template <typename Grammar>
+    void tellMemberValue(const char *at, Grammar &grammar);
+    template <typename Grammar>
+    std::uint64_t findShortStrings(const BlockMasks &masks);
+    std::string_view textOfString(const char *block, unsigned index, std::uint64_t opening);
 
-    const bool trackMemberValues;
-    const BlockScan scanBlocks;
+    static unsigned lowestBit(std::uint64_t bits) { return static_cast<unsigned>(__builtin_ctzll(bits)); }
+    static unsigned highestBit(std::uint64_t bits)
+    {
+        return 63 - static_cast<unsigned>(__builtin_clzll(bits));
+    }
+    // The bits from `index` on, which may be 64.
+    static std::uint64_t bitsFrom(unsigned index) { return index < 64 ? ~std::uint64_t{0} << index : 0; }
+
+    // So much is scanned at a time.
+    static constexpr std::size_t PieceBlocks = 24;
+
+    const BlockScanner scanner;
     BlockCarry carry;
+    int objects = 0;
+    int arrays = 0;
+    TextBuffer stringText;           // the current or last string, without its quotes, undecoded
+    TextBuffer valueText;            // the current or last scalar member value, from behind its colon
+    std::uint64_t openingBefore = 0; // the opening quotes of the block before, in the same chunk
+    bool carriedShortString = false; // the chunk began in a string that may be a short one and is not closed yet
 };
 
 inline void JsonParseCtx::TextBuffer::open(const char *first)
@@ -91,12 +118,18 @@ inline void JsonParseCtx::TextBuffer::close(const char *end)
     active = false;
 }
 
+inline void JsonParseCtx::TextBuffer::reset()
+{
+    segmentBegin = segmentEnd = nullptr;
+    text.clear();
+    active = false;
+}
+
 inline std::string_view JsonParseCtx::TextBuffer::whole()
 {
     const std::string_view segment(segmentBegin, static_cast<std::size_t>(segmentEnd - segmentBegin));
-    if (text.empty()) {
+    if (text.empty())
         return segment;
-    }
     text.append(segment);
     segmentBegin = segmentEnd;
     return text;
@@ -104,83 +137,220 @@ inline std::string_view JsonParseCtx::TextBuffer::whole()
 
 inline void JsonParseCtx::TextBuffer::resume(const char *chunk)
 {
-    if (active) {
+    if (active)
         segmentBegin = segmentEnd = chunk;
-    }
 }
 
 inline void JsonParseCtx::TextBuffer::carryOver(const char *chunkEnd, std::size_t limit)
 {
-    if (active) {
-        if (text.size() < limit) {
-            const auto length = static_cast<std::size_t>(chunkEnd - segmentBegin);
-            text.append(segmentBegin, std::min(length, limit - text.size()));
-        }
-        segmentBegin = segmentEnd = nullptr;
+    if (!active)
+        return;
+    if (text.size() < limit) {
+        const auto length = static_cast<std::size_t>(chunkEnd - segmentBegin);
+        text.append(segmentBegin, std::min(length, limit - text.size()));
     }
+    segmentBegin = segmentEnd = nullptr;
 }
 
-inline void JsonParseCtx::beginChunk(const char *chunk)
+template <typename Grammar>
+const char *JsonParseCtx::read(const char *chunk, std::size_t length, Grammar &grammar)
 {
+    const char *const end = chunk + length;
     stringText.resume(chunk);
     valueText.resume(chunk);
-}
-
-inline void JsonParseCtx::endChunk(const char *end, std::size_t stringLimit)
-{
-    stringText.carryOver(end, stringLimit);
-    valueText.carryOver(end, std::string::npos);
-}
-
-inline void JsonParseCtx::stepOverQuote(const char *at)
-{
-    if (stringText.active) {
-        stringText.close(at);
-        stringClosed = true;
-    } else {
-        stringText.open(at + 1);
+    openingBefore = 0;
+    carriedShortString = stringText.active && stringText.text.size() <= Grammar::shortString;
+    const char *at = chunk;
+    while (at != end && !grammar.mustStop())
+        at = readPiece(at, std::min<std::size_t>(end - at, PieceBlocks * blockBytes), grammar);
+    if (!grammar.mustStop()) {
+        stringText.active = carry.inString != 0;
+        stringText.carryOver(at, grammar.keptOfString());
+        valueText.carryOver(at, std::string::npos);
     }
+    return at;
 }
 
-inline void JsonParseCtx::step(const char *at)
+// Returns what stands behind the last byte that was taken.
+template <typename Grammar>
+const char *JsonParseCtx::readPiece(const char *piece, std::size_t length, Grammar &grammar)
 {
-    prevArrayDepth = arrayDepth;
-    prevObjectDepth = objectDepth;
-    stringClosed = false;
-    valueClosed = false;
-    if (*at == '"') {
-        stepOverQuote(at);
-        return;
+    BlockMasks masks[PieceBlocks];
+    (Grammar::wantsMemberValues ? scanner.separators : scanner.brackets)(piece, length, carry, masks);
+    const char *const end = piece + length;
+    const BlockMasks *blockMasks = masks;
+    std::uint64_t before = openingBefore;
+    for (const char *block = piece; block < end; block += blockBytes, ++blockMasks) {
+        std::uint64_t events = blockMasks->brackets | blockMasks->closing;
+        if constexpr (Grammar::wantsMemberValues)
+            events |= blockMasks->separators;
+        if (events != 0 || grammar.wantsBytes()) {
+            const std::size_t blockLength = std::min<std::size_t>(end - block, blockBytes);
+            openingBefore = before;
+            const char *const taken = readBlock(block, blockLength, *blockMasks, grammar);
+            if (grammar.mustStop())
+                return taken;
+        }
+        before = blockMasks->opening;
+        if (before > blockMasks->closing) // the last quote opens a string
+            stringText.open(block + highestBit(before) + 1);
     }
-    // Sums instead of branches: which bracket comes next is nothing a processor could foresee.
-    objectDepth += (*at == '{') - (*at == '}');
-    arrayDepth += (*at == '[') - (*at == ']');
-    if (trackMemberValues) {
-        stepOverMemberValue(at);
-    }
+    openingBefore = before;
+    return end;
 }
 
-inline void JsonParseCtx::stepOverMemberValue(const char *at)
+// Returns what stands behind the block, or behind the byte at which reading must stop.
+template <typename Grammar>
+[[gnu::flatten]] inline const char *JsonParseCtx::readBlock(const char *block, std::size_t length,
+                                                            const BlockMasks &masks, Grammar &grammar)
 {
+    const std::uint64_t shortStrings = findShortStrings<Grammar>(masks);
+    unsigned next = 0; // the first byte that is not taken yet
+    if (grammar.wantsBytes())
+        next = tellBytes(block, next, length, masks, grammar);
+    while (!grammar.mustStop()) {
+        const std::uint64_t wanted = wantedBits(masks, shortStrings, grammar) & bitsFrom(next);
+        if (wanted == 0)
+            return block + length;
+        if (objects > Grammar::deepestObject) {
+            next = skipDeepObjects(block, wanted, grammar);
+            continue;
+        }
+        next = lowestBit(wanted);
+        tell(block, next, masks, grammar);
+        ++next;
+        if (grammar.wantsBytes())
+            next = tellBytes(block, next, length, masks, grammar);
+    }
+    return block + next;
+}
+
+// The closing quotes of strings that have just the length of a short one, and that of a string which began in an
+// earlier chunk and is as short so far.
+template <typename Grammar>
+inline std::uint64_t JsonParseCtx::findShortStrings(const BlockMasks &masks)
+{
+    constexpr unsigned Span = Grammar::shortString + 1; // from the opening quote to the closing one
+    std::uint64_t strings = masks.opening << Span | openingBefore >> (blockBytes - Span);
+    strings &= masks.closing;
+    if (carriedShortString && masks.closing != 0) {
+        carriedShortString = false;
+        strings |= masks.closing & (0 - masks.closing);
+    }
+    return strings;
+}
+
+// The bytes that can mean something to the grammar where it stands now.
+template <typename Grammar>
+inline std::uint64_t JsonParseCtx::wantedBits(const BlockMasks &masks, std::uint64_t shortStrings,
+                                              Grammar &grammar) const
+{
+    if (objects > Grammar::deepestObject)
+        return masks.brackets;
+    const std::uint64_t strings =
+        grammar.stringInterest(objects) == StringInterest::Short ? shortStrings : masks.closing;
+    return masks.brackets | strings | (Grammar::wantsMemberValues ? masks.separators : 0);
+}
+
+// Counts brackets as long as objects are too deep to matter. Returns the index behind the last one taken.
+template <typename Grammar>
+unsigned JsonParseCtx::skipDeepObjects(const char *block, std::uint64_t brackets, Grammar &grammar)
+{
+    int objectDepth = objects;
+    int arrayDepth = arrays;
+    unsigned next = 0;
+    do {
+        const unsigned index = lowestBit(brackets);
+        brackets &= brackets - 1;
+        const char bracket = block[index];
+        // Sums instead of branches: which bracket comes next is nothing a processor could foresee.
+        objectDepth += (bracket == '{') - (bracket == '}');
+        arrayDepth += (bracket == '[') - (bracket == ']');
+        next = index + 1;
+        if (arrayDepth == 0 && bracket == ']')
+            grammar.onArrayClosed();
+    } while (brackets != 0 && objectDepth > Grammar::deepestObject);
+    objects = objectDepth;
+    arrays = arrayDepth;
+    return next;
+}
+
+// Tells of bytes as long as the grammar wants them, with all else that they mean. Returns the index behind the last.
+template <typename Grammar>
+inline unsigned JsonParseCtx::tellBytes(const char *block, unsigned from, std::size_t length,
+                                        const BlockMasks &masks, Grammar &grammar)
+{
+    const std::uint64_t events = masks.brackets | masks.closing;
+    unsigned next = from;
+    for (; next < length && grammar.wantsBytes() && !grammar.mustStop(); ++next) {
+        grammar.onByte(block[next]);
+        if ((events >> next & 1) != 0)
+            tell(block, next, masks, grammar);
+    }
+    return next;
+}
+
+// Tells of a bracket, of a separator, or of a quote that closes a string.
+template <typename Grammar>
+inline void JsonParseCtx::tell(const char *block, unsigned index, const BlockMasks &masks, Grammar &grammar)
+{
+    const char *const at = block + index;
+    if constexpr (Grammar::wantsMemberValues) {
+        if (*at == ':')
+            return valueText.open(at + 1);
+        if (*at == ',')
+            return tellMemberValue(at, grammar);
+    }
     switch (*at) {
     case '{':
-    case '[':
-    case ']':
-        valueText.reset();
+        ++objects;
+        if constexpr (Grammar::wantsMemberValues)
+            valueText.reset();
+        grammar.onObjectOpened(at, objects);
         break;
-    case ':':
-        valueText.open(at + 1);
-        break;
-    case ',':
     case '}':
-        if (valueText.active) {
-            valueText.close(at);
-            valueClosed = true;
-        }
+        --objects;
+        grammar.onObjectClosed(at, objects);
+        if constexpr (Grammar::wantsMemberValues)
+            tellMemberValue(at, grammar);
+        break;
+    case '[':
+        ++arrays;
+        if constexpr (Grammar::wantsMemberValues)
+            valueText.reset();
+        break;
+    case ']':
+        --arrays;
+        if constexpr (Grammar::wantsMemberValues)
+            valueText.reset();
+        if (arrays == 0)
+            grammar.onArrayClosed();
         break;
     default:
+        grammar.onString(textOfString(block, index, masks.opening), at, objects);
         break;
     }
+}
+
+template <typename Grammar>
+inline void JsonParseCtx::tellMemberValue(const char *at, Grammar &grammar)
+{
+    if (!valueText.active)
+        return;
+    valueText.close(at);
+    grammar.onMemberValue(valueText.whole());
+}
+
+// The string that the quote at `index` closes.
+inline std::string_view JsonParseCtx::textOfString(const char *block, unsigned index, std::uint64_t opening)
+{
+    const std::uint64_t before = opening & ~bitsFrom(index);
+    if (before == 0) {
+        stringText.close(block + index);
+        return stringText.whole();
+    }
+    const unsigned first = highestBit(before) + 1;
+    return {block + first, index - first};
 }
 
 } // namespace zq::elasticsearch

@@ -24,6 +24,8 @@ class VELTRANE_EXPORT SearchResultParserInterface
 {
 public:
     SearchResultParserInterface();
+    /// With one way of scanning instead of the fastest.
+    explicit SearchResultParserInterface(const BlockScanner &scanner);
     virtual ~SearchResultParserInterface();
     SearchResultParserInterface(const SearchResultParserInterface &) = delete;
     SearchResultParserInterface &operator=(const SearchResultParserInterface &) = delete;
@@ -65,25 +67,26 @@ private:
     /// What the next closed string is taken as.
     enum class NextString : int { Nothing = 0, DocId = 1, ScrollId = 2, DocType = 3 };
 
+    // What the lexer tells and asks.
+    friend class JsonParseCtx;
+    static constexpr bool wantsMemberValues = false;
+    static constexpr int deepestObject = 4; ///< the source
+    static constexpr std::size_t shortString = std::string_view("type").size();
     bool mustStop() const { return errorFlag && !inSource; }
+    bool wantsBytes() const { return capturesScalar() || statusCapture.isActive(); }
+    void onByte(char byte);
+    StringInterest stringInterest(int depth) const;
+    std::size_t keptOfString() const;
+    void onObjectOpened(const char *brace, int depth);
+    void onObjectClosed(const char *brace, int depth);
+    void onArrayClosed();
+    void onString(std::string_view text, const char *quote, int depth);
+    void onMemberValue(std::string_view) {}
+
     bool capturesScalar() const { return inScalar && !inSource && !inHighlight; }
-    bool captures() const { return capturesScalar() || statusCapture.isActive(); }
-    const char *takePiece(const char *piece, std::size_t length);
-    const char *takeBlock(const char *block, std::size_t length, const BlockMasks &masks);
-    std::uint64_t findTypeNames(const BlockMasks &masks);
-    std::uint64_t wantedBits(const BlockMasks &masks, std::uint64_t typeNames) const;
-    unsigned captureValue(const char *block, unsigned from, std::size_t length, const BlockMasks &masks);
-    void captureByte(char byte);
     void takeScalarByte(char byte);
     void endScalar();
-    void takeEvent(const char *block, unsigned index, const BlockMasks &masks);
-    unsigned skipDeepObjects(const char *block, std::uint64_t brackets);
-    void onObjectOpened(const char *brace);
-    void onObjectClosed(const char *brace);
-    void onArrayClosed();
-    std::string_view textOfString(const char *block, unsigned index, std::uint64_t opening);
-    void onStringClosed(std::string_view text, const char *quote);
-    void takeOuterString(std::string_view text, const char *quote);
+    void takeOuterString(std::string_view text, const char *quote, int depth);
     void takeHitString(std::string_view text, const char *quote);
     void takeInnerString(std::string_view text);
     void decodeDocId(std::string_view text);
@@ -99,13 +102,11 @@ private:
     std::string docType;
     std::string score;
     std::string scrollId;
-    const char *copyFrom = nullptr;  ///< from here on the chunk's bytes still have to reach copyTarget
-    std::uint64_t openingBefore = 0; ///< the opening quotes of the block before, in the same chunk
+    const char *copyFrom = nullptr; ///< from here on the chunk's bytes still have to reach copyTarget
     std::int64_t totalHits = 0;
     int totalHitCount = 0; ///< the low 32 bits of totalHits
     int hitTag = 0; ///< how many "hits" we are inside of: 1 the outer object, 2 the array of hits
     NextString nextIs = NextString::Nothing;
-    bool carriedTypeName = false; ///< the chunk began in a string that may be a "type" and is not closed yet
     bool totalIsLowerBound = false;
     bool hitsEnded = false;
     bool errorFlag = false;

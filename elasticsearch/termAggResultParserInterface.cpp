@@ -3,7 +3,7 @@
 
 #include "elasticsearch/jsonParseCtx.h"
 
-#include <algorithm>
+#include <climits>
 #include <new>
 
 namespace zq::elasticsearch
@@ -21,8 +21,33 @@ constexpr int bucketDepth = 5;
 
 } // namespace
 
+// Every string, every bracket at its depth and every member value count.
+struct TermAggResultParserInterface::Grammar {
+    static constexpr bool wantsMemberValues = true;
+    static constexpr int deepestObject = INT_MAX;
+    static constexpr std::size_t shortString = 0;
+
+    TermAggResultParserInterface &reader;
+
+    bool mustStop() const { return reader.errorFlag; }
+    static bool wantsBytes() { return false; }
+    void onByte(char) {}
+    static StringInterest stringInterest(int) { return StringInterest::All; }
+    static std::size_t keptOfString() { return std::string::npos; }
+    void onObjectOpened(const char *, int) {}
+    void onObjectClosed(const char *, int depth) { reader.leaveObject(depth); }
+    void onArrayClosed() {}
+    void onString(std::string_view text, const char *, int depth) { reader.takeString(text, depth); }
+    void onMemberValue(std::string_view text)
+    {
+        reader.attrValue = text;
+        if (reader.isInBucket() && reader.expectKeyValue)
+            reader.onNextFieldIsAttributeValue();
+    }
+};
+
 TermAggResultParserInterface::TermAggResultParserInterface(bool collectValues_)
-    : jsonCtx(std::make_unique<JsonParseCtx>(true)), collectValues(collectValues_)
+    : jsonCtx(std::make_unique<JsonParseCtx>(blockScanners().front())), collectValues(collectValues_)
 {
     // Room for an ordinary list of keys.
     valueList.reserve(65536);
@@ -32,153 +57,87 @@ TermAggResultParserInterface::~TermAggResultParserInterface() = default;
 
 bool TermAggResultParserInterface::addData(const char *data, std::size_t length)
 {
-    if (length == 0) {
+    if (length == 0 || errorFlag)
         return !errorFlag;
-    }
     try {
-        takeChunk(data, length);
+        Grammar grammar{*this};
+        jsonCtx->read(data, length, grammar);
     } catch (const std::bad_alloc &) {
         fail("out of memory"); // short enough to need none
     }
     return !errorFlag;
 }
 
-void TermAggResultParserInterface::takeChunk(const char *data, std::size_t length)
-{
-    const char *const end = data + length;
-    jsonCtx->beginChunk(data);
-    const char *at = data;
-    while (at != end && !errorFlag) {
-        at = takePiece(at, std::min<std::size_t>(end - at, JsonParseCtx::pieceBytes));
-    }
-    jsonCtx->endChunk(at);
-}
-
-/// Returns what stands behind the last byte that was taken.
-const char *TermAggResultParserInterface::takePiece(const char *piece, std::size_t length)
-{
-    JsonParseCtx::PieceMasks masks;
-    jsonCtx->scan(piece, length, masks);
-    for (std::size_t begin = 0; begin < length; begin += blockBytes) {
-        const BlockMasks &block = masks[begin / blockBytes];
-        std::uint64_t wanted = block.opening | block.closing | block.brackets | block.separators;
-        for (; wanted != 0; wanted &= wanted - 1) {
-            const char *const at = piece + begin + __builtin_ctzll(wanted);
-            jsonCtx->step(at);
-            takeEvent();
-            if (errorFlag) {
-                return at + 1;
-            }
-        }
-    }
-    return piece + length;
-}
-
 bool TermAggResultParserInterface::finish()
 {
-    return jsonCtx->objectDepth == 0 && jsonCtx->arrayDepth == 0 && !errorFlag;
+    return jsonCtx->objectDepth() == 0 && jsonCtx->arrayDepth() == 0 && !errorFlag;
 }
 
-/// Acts on what the lexer made of the byte it just stepped over.
-void TermAggResultParserInterface::takeEvent()
+inline bool TermAggResultParserInterface::isInBucket() const
 {
-    switch (jsonCtx->objectDepth) {
+    return jsonCtx->objectDepth() == bucketDepth && jsonCtx->arrayDepth() == 1 && inBuckets;
+}
+
+void TermAggResultParserInterface::leaveObject(int depth)
+{
+    switch (depth) {
     case responseDepth:
-        takeResponseEvent();
+        inAggregations = false;
         break;
     case aggregationsDepth:
-        takeAggregationsEvent();
+        inRootAgg = false;
         break;
     case rootAggDepth:
-        takeRootAggEvent();
+        emitAttributes();
         break;
     case subAggDepth:
-        takeSubAggEvent();
-        break;
-    case bucketDepth:
-        takeBucketEvent();
+        if (expectKeyValue)
+            fail("Parsing error, fail to retrieve field value");
         break;
     default:
         break;
     }
 }
 
-inline bool TermAggResultParserInterface::leftObject() const
+void TermAggResultParserInterface::takeString(std::string_view text, int depth)
 {
-    return jsonCtx->objectDepth < jsonCtx->prevObjectDepth;
-}
-
-inline bool TermAggResultParserInterface::isNamePlace() const
-{
-    return jsonCtx->stringClosed && jsonCtx->arrayDepth == 0;
-}
-
-void TermAggResultParserInterface::takeResponseEvent()
-{
-    if (leftObject() || jsonCtx->stringClosed) {
+    const bool outsideArrays = jsonCtx->arrayDepth() == 0;
+    switch (depth) {
+    case responseDepth:
         inAggregations = false;
-    }
-    if (!isNamePlace()) {
-        return;
-    }
-    const std::string_view text = jsonCtx->stringText.whole();
-    if (text == "aggregations") {
-        inAggregations = true;
-    } else if (text == "error") {
-        errorKeySeen = true;
-    } else if (errorKeySeen) {
-        fail(text);
-    }
-}
-
-void TermAggResultParserInterface::takeAggregationsEvent()
-{
-    if (leftObject() || jsonCtx->stringClosed) {
-        inRootAgg = isNamePlace() && inAggregations && jsonCtx->stringText.whole() == "rootagg";
-    }
-}
-
-void TermAggResultParserInterface::takeRootAggEvent()
-{
-    if (!leftObject() && !jsonCtx->stringClosed) {
-        return;
-    }
-    if (!bucketOwner.empty()) {
+        if (outsideArrays)
+            takeResponseString(text);
+        break;
+    case aggregationsDepth:
+        inRootAgg = outsideArrays && inAggregations && text == "rootagg";
+        break;
+    case rootAggDepth:
         emitAttributes();
-    }
-    valueList.clear();
-    bucketOwner.clear();
-    valueCount = 0;
-    if (isNamePlace() && inRootAgg) {
-        const std::string_view text = jsonCtx->stringText.whole();
-        if (text != "doc_count") {
+        if (outsideArrays && inRootAgg && text != "doc_count")
             bucketOwner = text;
-        }
+        break;
+    case subAggDepth:
+        inBuckets = inBuckets || (outsideArrays && !bucketOwner.empty() && text == "buckets");
+        if (expectKeyValue)
+            fail("Parsing error, fail to retrieve field value");
+        break;
+    case bucketDepth:
+        if (isInBucket() && !expectKeyValue)
+            expectKeyValue = text == "key";
+        break;
+    default:
+        break;
     }
 }
 
-void TermAggResultParserInterface::takeSubAggEvent()
+void TermAggResultParserInterface::takeResponseString(std::string_view text)
 {
-    if (isNamePlace() && !bucketOwner.empty() && jsonCtx->stringText.whole() == "buckets") {
-        inBuckets = true;
-    }
-    if (expectKeyValue) {
-        fail("Parsing error, fail to retrieve field value");
-    }
-}
-
-void TermAggResultParserInterface::takeBucketEvent()
-{
-    if (jsonCtx->arrayDepth != 1 || !inBuckets) {
-        return;
-    }
-    if (expectKeyValue) {
-        if (jsonCtx->valueClosed) {
-            onNextFieldIsAttributeValue();
-        }
-    } else if (jsonCtx->stringClosed) {
-        expectKeyValue = jsonCtx->stringText.whole() == "key";
-    }
+    if (text == "aggregations")
+        inAggregations = true;
+    else if (text == "error")
+        errorKeySeen = true;
+    else if (errorKeySeen)
+        fail(text);
 }
 
 void TermAggResultParserInterface::onNextFieldIsAttributeValue()
@@ -186,18 +145,23 @@ void TermAggResultParserInterface::onNextFieldIsAttributeValue()
     expectKeyValue = false;
     if (collectValues) {
         valueList += valueList.empty() ? '[' : ',';
-        valueList += jsonCtx->valueText.whole();
+        valueList += attrValue;
     }
     ++valueCount;
 }
 
+// Hands over the aggregation that ends here, if one does.
 void TermAggResultParserInterface::emitAttributes()
 {
-    if (valueList.empty()) {
-        valueList = "[";
+    if (!bucketOwner.empty()) {
+        if (valueList.empty())
+            valueList = "[";
+        valueList += ']';
+        onAttributes(bucketOwner, valueCount, valueList);
     }
-    valueList += ']';
-    onAttributes(bucketOwner, valueCount, valueList);
+    valueList.clear();
+    bucketOwner.clear();
+    valueCount = 0;
 }
 
 void TermAggResultParserInterface::fail(std::string_view message)

@@ -47,22 +47,20 @@ public:
     virtual void onAttributes(const std::string &name, int count, const std::string &values) = 0;
 
 private:
-    void takeChunk(const char *data, std::size_t length);
-    const char *takePiece(const char *piece, std::size_t length);
-    void takeEvent();
-    void takeResponseEvent();
-    void takeAggregationsEvent();
-    void takeRootAggEvent();
-    void takeSubAggEvent();
-    void takeBucketEvent();
+    // The grammar that the lexer reads for; private to the reader's source.
+    struct Grammar;
+
+    bool isInBucket() const;
+    void leaveObject(int depth);
+    void takeString(std::string_view text, int depth);
+    void takeResponseString(std::string_view text);
     void onNextFieldIsAttributeValue();
     void emitAttributes();
-    bool leftObject() const;
-    bool isNamePlace() const;
     void fail(std::string_view message);
 
     std::unique_ptr<JsonParseCtx> jsonCtx;
     std::string errorMessage;
+    std::string_view attrValue; ///< the raw text of the member value that was just read
     std::string bucketOwner; ///< name of the current aggregation; empty outside of all
     std::string valueList;   ///< its keys so far: a JSON array that still lacks its closing bracket
     int valueCount = 0;      ///< the number of its keys so far

@@ -12,6 +12,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+answer_help "$0" "$@"
 
 parts="" quick=
 for option in "$@"; do
@@ -19,10 +20,6 @@ for option in "$@"; do
     --reader) parts="$parts reader" ;;
     --queries) parts="$parts queries" ;;
     --quick) quick=--quick ;;
-    -h | --help)
-        sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"
-        exit
-        ;;
     *)
         echo "usage: ${0##*/} [--reader] [--queries] [--quick]" >&2
         exit 2

@@ -9,15 +9,10 @@
 # ELASTICSEARCH_URL=http://host:port uses that cluster in place of the bundled search server.
 set -eu
 
-root=$(cd "$(dirname "$0")/.." && pwd)
-. "$root/scripts/packages.sh"
-
-case "${1:-}" in
--h | --help)
-    sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"
-    exit
-    ;;
-esac
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+answer_help "$0" "$@"
+root=$PWD
 
 # shellcheck disable=SC2086  # the lists are meant to be split
 install_packages $BUILD_PACKAGES $PYTHON_PACKAGES

@@ -8,6 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+answer_help "$0" "$@"
 
 targets="searchReader termAggReader idDecoder jsonEscaper params"
 corpus=tests/data/corpus

@@ -3,6 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+answer_help "$0" "$@"
 
 # shellcheck disable=SC2086  # the list is meant to be split
 install_packages $BUILD_PACKAGES libgtest-dev clang-tidy cppcheck

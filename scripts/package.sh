@@ -7,12 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-case "${1:-}" in
--h | --help)
-    sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"
-    exit
-    ;;
-esac
+answer_help "$0" "$@"
 
 # shellcheck disable=SC2086  # the list is meant to be split
 install_packages $BUILD_PACKAGES dpkg-dev file lintian

@@ -1,4 +1,5 @@
-# Sourced by the other scripts: installs Debian packages that are not there yet, as root or through sudo.
+# Sourced by the other scripts: what they share. Installs Debian packages that are not there yet, as root or through
+# sudo.
 
 BUILD_PACKAGES="g++ cmake ninja-build postgresql-15 postgresql-server-dev-15 libcurl4-openssl-dev
     libutfcpp-dev zlib1g-dev"
@@ -21,4 +22,15 @@ install_packages() {
     $as_root apt-get -qq update >&2
     # shellcheck disable=SC2086  # the list is meant to be split
     $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install $missing >/dev/null
+}
+
+# answer_help "$0" "$@": prints the comment at the top of a script that is asked for --help, and ends it. The current
+# folder is that of the project.
+answer_help() {
+    case "${2:-}" in
+    -h | --help)
+        sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "scripts/${1##*/}"
+        exit
+        ;;
+    esac
 }

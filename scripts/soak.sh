@@ -9,12 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-case "${1:-}" in
--h | --help)
-    sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"
-    exit
-    ;;
-esac
+answer_help "$0" "$@"
 if ! [[ ${1:-10} =~ ^[0-9]+(\.[0-9]+)?$ ]]; then
     echo "usage: ${0##*/} [MINUTES]" >&2
     exit 2

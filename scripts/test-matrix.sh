@@ -270,6 +270,9 @@ run_tests() { # TEST...
     return $failed
 }
 
+# shellcheck source=scripts/packages.sh
+. "$root/scripts/packages.sh"
+
 # ---- start ---------------------------------------------------------------------------------------------
 
 case "${1:-}" in
@@ -283,8 +286,8 @@ case "${1:-}" in
     exit
     ;;
 -h | --help)
-    sed -n '2,/^set/{/^#/s/^# \{0,1\}//p}' "$0"
-    exit
+    cd "$root"
+    answer_help "$0" "$1"
     ;;
 esac
 
@@ -299,8 +302,6 @@ if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { say "Needs root, or sudo, to make and to enter the Debian folders."; exit 1; }
     exec sudo --preserve-env=VELTRANE_MATRIX_DIR,VELTRANE_MATRIX_MIRROR bash "${BASH_SOURCE[0]}" "$@"
 fi
-# shellcheck source=scripts/packages.sh
-. "$root/scripts/packages.sh"
 install_packages debootstrap debian-archive-keyring git
 mkdir -p "$cache"
 exec 9>"$cache/lock"

@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+answer_help "$0" "$@"
 
 # shellcheck disable=SC2086  # the lists are meant to be split
 install_packages $BUILD_PACKAGES $PYTHON_PACKAGES libgtest-dev python3-pytest valgrind

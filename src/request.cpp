@@ -73,6 +73,8 @@ void askForExactTotal(const ElasticSearchConnector *connector, std::string &body
         body += R"(,"track_total_hits":true)";
 }
 
+void appendSize(std::string &body, int64 size) { body += R"(,"size":)" + std::to_string(size); }
+
 void appendQuery(const ElasticSearchConnector *connector, std::string &body)
 {
     openQuery(connector, body);
@@ -80,20 +82,18 @@ void appendQuery(const ElasticSearchConnector *connector, std::string &body)
         throw std::logic_error("a query search without a query");
     body += connector->query;
     closeQuery(connector, body);
-    body += R"(,"size":)" + std::to_string(requestSize(connector));
+    appendSize(body, requestSize(connector));
     if (requestSize(connector) >= LeastEstimatedTotal)
         askForExactTotal(connector, body);
     if (connector->highlight)
         body.append(R"(,"highlight":)").append(connector->highlight);
 }
 
-// Returns the number of ids written.
-int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, bool allIds)
+// Writes a look-up of at most so many ids and returns how many it has; the size goes behind it.
+int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, int64 most)
 {
     openQuery(connector, body);
     body += R"({"terms":{"_id":[)";
-
-    const int64 most = allIds ? connector->docNames.left() : requestSize(connector);
     int64 written = 0;
     for (; written < most && connector->docNames.left() > 0; ++written) {
         if (written > 0)
@@ -102,8 +102,6 @@ int64 appendIdLookUp(ElasticSearchConnector *connector, std::string &body, bool 
     }
     body += "]}}";
     closeQuery(connector, body);
-    body += R"(,"size":)" + std::to_string(allIds ? requestSize(connector) : written);
-    askForExactTotal(connector, body);
     return written;
 }
 
@@ -139,9 +137,14 @@ void AppendBasePostContent(ElasticSearchConnector *connector, std::string &body,
     case SearchByQuery:
         appendQuery(connector, body);
         break;
-    case SearchByDocName:
-        hasIds = appendIdLookUp(connector, body, allIds) > 0;
+    case SearchByDocName: {
+        const int64 size = requestSize(connector);
+        const int64 ids = appendIdLookUp(connector, body, allIds ? connector->docNames.left() : size);
+        appendSize(body, allIds ? size : ids);
+        askForExactTotal(connector, body);
+        hasIds = ids > 0;
         break;
+    }
     default:
         throw FdwError(ERRCODE_FDW_ERROR, "Unsupported search mode " + body);
     }

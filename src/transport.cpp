@@ -28,33 +28,33 @@ std::string readable(const std::string &message)
     return callServer([&] { return server::utf8ToMessage(message.c_str()); });
 }
 
-[[noreturn]] void throwRefusal(const std::string &body, const std::string &error, bool fullErrorMsg,
-                               const char *function = __builtin_FUNCTION())
+[[noreturn]] void throwRefusal(const ElasticSearchConnector *connector, const std::string &body,
+                               const std::string &error, const char *function = __builtin_FUNCTION())
 {
     std::string message = "ElasticSearch error";
-    if (fullErrorMsg)
+    if (connector->fullErrorMsg)
         message += ", query was '" + body + "', error was '" + error.substr(0, MostBytesOfAnErrorText) + "'";
     throw FdwError(ERRCODE_FDW_ERROR, readable(message), function);
 }
 
 // Throws unless the transfer succeeded and the response is one of a search, read to its proper end.
-void judge(const http::Outcome &outcome, const std::string &body, SearchResultParser *parser,
-           bool fullErrorMsg)
+void judge(const ElasticSearchConnector *connector, const std::string &body, const http::Outcome &outcome,
+           SearchResultParser *parser)
 {
     if (outcome.code != CURLE_OK && !parser->getErrorMessage().empty())
-        throwRefusal(body, parser->getErrorMessage(), fullErrorMsg);
+        throwRefusal(connector, body, parser->getErrorMessage());
     if (outcome.code != CURLE_OK) {
         std::string message = "Curl error (" + std::to_string(outcome.code) + ")";
-        if (fullErrorMsg)
+        if (connector->fullErrorMsg)
             message += ", query was " + body + ", ";
         throw FdwError(ERRCODE_FDW_ERROR, readable(message));
     }
     if (outcome.status < 200 || outcome.status > 299)
-        throwRefusal(body, "HTTP status " + std::to_string(outcome.status), fullErrorMsg);
+        throwRefusal(connector, body, "HTTP status " + std::to_string(outcome.status));
     // Nothing, or something else than a search response, is not the same as one without hits.
     if (!parser->finish(nullptr) || !parser->hasHits()) {
         std::string message = "Elasticsearhc result parser error";
-        if (fullErrorMsg)
+        if (connector->fullErrorMsg)
             message += ", query was " + body;
         throw FdwError(ERRCODE_FDW_ERROR, readable(message));
     }
@@ -93,7 +93,7 @@ void DoCurlRequest(ElasticSearchConnector *connector, const std::string &url, co
     const http::Outcome outcome = http::exchange(connector->connection, request, CurlWriteCallback, parser);
     if (parser->readFailure)
         std::rethrow_exception(parser->readFailure);
-    judge(outcome, body, parser, connector->fullErrorMsg);
+    judge(connector, body, outcome, parser);
     connector->page->accept(parser->takeHits());
 }
 

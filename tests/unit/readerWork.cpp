@@ -20,6 +20,8 @@ constexpr std::size_t chunkBytes = 16384;
 class CountingReader : public SearchResultParserInterface
 {
 public:
+    using SearchResultParserInterface::SearchResultParserInterface;
+
     void onNewDocument(const std::string &, const std::string &, const std::string &, const std::string &,
                        const std::string &) override
     {
@@ -29,12 +31,11 @@ public:
     int documents = 0;
 };
 
-void chooseScanner(const std::string &name)
+const BlockScanner &scannerOf(const std::string &name)
 {
     for (const BlockScanner &scanner : blockScanners()) {
         if (scanner.name == name) {
-            useBlockScanner(scanner);
-            return;
+            return scanner;
         }
     }
     throw std::invalid_argument("no scanner " + name);
@@ -50,10 +51,9 @@ int main(int argc, char **argv)
         }
         return 0;
     }
-    chooseScanner(argv[1]);
     std::ifstream file(argv[2], std::ios::binary);
     const std::string answer{std::istreambuf_iterator<char>(file), {}};
-    CountingReader reader;
+    CountingReader reader(scannerOf(argv[1]));
     for (std::size_t at = 0; at < answer.size(); at += chunkBytes) {
         reader.addData(answer.data() + at, std::min(chunkBytes, answer.size() - at));
     }
