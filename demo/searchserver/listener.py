@@ -11,12 +11,17 @@ from . import jsontext
 from .errors import typed
 from .routes import respond
 
-# What came over the wire: `path` is the raw request target, `headers` (name, value) pairs, `body` bytes, and
-# `connection` the number of the connection, from 1.
-Request = namedtuple("Request", "method path headers body connection")
-
 MAX_LINE = 4096  # bytes of the request line that real servers take by default
 TOO_LONG = typed(400, "too_long_frame_exception", f"An HTTP line is larger than {MAX_LINE} bytes.")
+
+
+class Request(namedtuple("Request", "method path headers body")):
+    """What came over the wire: `path` is the raw request target, `headers` (name, value) pairs, `body` bytes.
+
+    `connection` is the number of the connection, from 1. It does not count when requests are compared.
+    """
+
+    connection = 0
 
 
 class Handler(BaseHTTPRequestHandler):
@@ -35,7 +40,8 @@ class Handler(BaseHTTPRequestHandler):
         if target == "/_journal":
             self.send(200, [], owner.journal_text(self.command))
             return
-        request = Request(self.command, target, self.headers.items(), body, self.connection_number)
+        request = Request(self.command, target, self.headers.items(), body)
+        request.connection = self.connection_number
         owner.journal.append(request)
         if len(self.requestline) > MAX_LINE:
             self.send(TOO_LONG.status, [], jsontext.write(TOO_LONG.body))

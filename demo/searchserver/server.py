@@ -136,5 +136,5 @@ class SearchServer:
     def journal_text(self, method):
         """The journal as JSON; DELETE empties it."""
         requests = self.take_journal() if method == "DELETE" else self.journal
-        return json.dumps([{**request._asdict(), "body": request.body.decode("utf-8", "replace")}
-                           for request in requests], ensure_ascii=False)
+        return json.dumps([{**request._asdict(), "body": request.body.decode("utf-8", "replace"),
+                            "connection": request.connection} for request in requests], ensure_ascii=False)
