@@ -1,5 +1,6 @@
 """A search at work: every shard is asked, what they found is put in order."""
 
+import heapq
 from collections import namedtuple
 
 from . import aggregations, sorting
@@ -49,7 +50,7 @@ def run(request, shards, partial, room):
             if shard in failing:
                 raise FAILURE
             if shard not in silent:
-                answered.append((shard, ask(request, shard, room is None or room > len(answered))))
+                answered.append((shard, *ask(request, shard, room is None or room > len(answered))))
         except ShardFailure as failure:
             account.fail(shard, failure)
     if shards and not answered:
@@ -57,13 +58,12 @@ def run(request, shards, partial, room):
     if account.failed and not request.allows_partial:
         raise all_shards_failed(list(account.failures.values()), 503, said="Partial shards failure")
     account.successful = len(answered)
-    hits = [hit for _, found in answered for hit in found]
-    aggregations = request.aggregate(answered) if request.aggregations is not None else None
-    count, longest = len(hits), max((len(found) for _, found in answered), default=0)
+    aggregations = request.aggregate([(shard.level(""), places) for shard, places, _ in answered])
+    counts, hits = [len(places) for _, places, _ in answered], [hit for _, _, found in answered for hit in found]
     sorting.order(hits, request.sort)
     highest = highest_score(request, shards, hits)
-    return Outcome(request.choose(hits), count, highest, [shard for shard, _ in answered], account, aggregations,
-                   bool(partial and partial.timed_out), longest)
+    return Outcome(request.choose(hits), sum(counts), highest, [shard for shard, _, _ in answered], account,
+                   aggregations, bool(partial and partial.timed_out), max(counts, default=0))
 
 
 def highest_score(request, shards, hits):
@@ -73,7 +73,7 @@ def highest_score(request, shards, hits):
 
 
 def ask(request, shard, has_room):
-    """The hits of one shard in the order of their places; ShardFailure."""
+    """(places of the documents found, hits that may be shown), both in order, of one shard; ShardFailure."""
     request.check_shard(shard.index)
     if not has_room:
         most = shard.index.cluster.scrolls.most
@@ -86,6 +86,17 @@ def ask(request, shard, has_room):
         scores = request.narrow(level, request.query.evaluate(level))
     except Refusal as refusal:
         raise failed_query(refusal)
+    places = sorted(scores)
+    chosen = best(places, scores, request.most_hits())
     documents, values = level.documents, [key.values(level, scores) for key in request.sort]
-    return [Hit(scores[place], shard, documents[place], [value(place) for value in values])
-            for place in sorted(scores)]
+    return places, [Hit(scores[place], shard, documents[place], [value(place) for value in values])
+                    for place in chosen]
+
+
+def best(places, scores, most):
+    """The places of so many of the best documents, None for all, in order."""
+    if most is None or most >= len(places):
+        return places
+    if len(set(scores.values())) == 1:
+        return places[:most]
+    return sorted(heapq.nsmallest(most, places, key=lambda place: (-scores[place], place)))

@@ -150,10 +150,14 @@ class SearchRequest:
             hits = sorting.after(hits, self.sort, self.after)
         return self.collapse.take(hits) if self.collapse else hits
 
-    def aggregate(self, answered):
-        """The aggregations of the hits of each shard that answered, as JSON."""
-        return aggregations.run(self.aggregations, [
-            (shard.level(""), [hit.document.place for hit in hits]) for shard, hits in answered], self.dialect)
+    def most_hits(self):
+        """How many hits of a shard may be shown at most; None for all."""
+        by_score = not self.sort and self.keep_alive is None and not self.collapse
+        return max(self.start + self.size, 1) if by_score else None
+
+    def aggregate(self, selection):
+        """The aggregations of the documents found, (level, places) of each shard, as JSON; None without any."""
+        return None if self.aggregations is None else aggregations.run(self.aggregations, selection, self.dialect)
 
     def ends_early(self, outcome):
         """What the later pages of a scroll say of "terminated_early": None when they do not mention it."""
