@@ -64,11 +64,12 @@ def select(cluster, expression, wanted=SEARCH):
             if not wanted.ignore_unavailable:
                 raise index_not_found(name)
         else:
-            for index in known[name]:
-                if not index.closed or wanted.closed_by_name:
-                    found[index.name] = index
-                elif not wanted.ignore_unavailable:
-                    raise index_closed(index)
+            found.update((index.name, index) for index in known[name])
+    for index in list(found.values()):
+        if index.closed and not wanted.closed_by_name:
+            if not wanted.ignore_unavailable:
+                raise index_closed(index)
+            del found[index.name]
     if not found and not wanted.allow_no_indices:
         raise index_not_found(expression or "_all")
     return [found[name] for name in sorted(found)]
