@@ -161,5 +161,6 @@ def streams(exchange, expression="*"):
     test = names.matcher(expression)
     return answer({"data_streams": [
         {"name": name, "timestamp_field": {"name": "@timestamp"}, "generation": len(members), "status": "GREEN",
-         "indices": [{"index_name": member, "index_uuid": exchange.cluster.indices[member].uuid} for member in members]}
+         "indices": [{"index_name": member, "index_uuid": exchange.cluster.indices[member].uuid}
+                     for member in members]}
         for name, members in sorted(exchange.cluster.streams.items()) if test(name)]})

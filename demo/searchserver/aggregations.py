@@ -87,7 +87,7 @@ def parse(body, path, dialect):
     found = {}
     for name, given in body.items():
         place = (*path, name)
-        kinds = [key for key in given if key not in ("aggs", "aggregations", "meta")]
+        kinds = [key for key in given if key not in ("aggs", "aggregations")]
         if len(kinds) != 1:
             raise ParseError(place, f"Expected one aggregation type in [{name}] but found {len(kinds)}")
         kind = kinds[0]

@@ -7,6 +7,7 @@ import time
 from . import dates, highlight, source
 from .errors import NODE
 from .jsontext import Score, write, write_score, write_string
+from .numeric import Floating
 
 
 class Answer:
@@ -96,7 +97,8 @@ class Answer:
                 field = level.mapping.field(name)
                 values = level.values(hit.document, field)
                 if values:
-                    found[name] = [shown(field, value, form) for value in values]
+                    found[name] = [field.sort_value(field.key(value)) if isinstance(field, Floating) else
+                                   shown(field, value, form) for value in values]
         if request.collapse and request.collapse.value(hit) is not None:
             found[request.collapse.name] = [request.collapse.value(hit)]
         return found

@@ -19,9 +19,9 @@ def one_type(fields):
         raise SearchError(500, {"error": {
             "root_cause": [], "type": "search_phase_execution_exception", "reason": "", "phase": "fetch",
             "grouped": True, "failed_shards": [], "caused_by": {
-                "type": "aggregation_execution_exception", "reason": "Merging/Reducing the aggregations failed because"
-                " the field you gave in the aggregation query existed as two different types in two different indices",
-            }}, "status": 500})
+                "type": "aggregation_execution_exception",
+                "reason": "Merging/Reducing the aggregations failed because the field you gave in the aggregation"
+                          " query existed as two different types in two different indices"}}, "status": 500})
 
 
 @aggregation("terms")
@@ -33,6 +33,8 @@ class Terms(Aggregation):
     def set_up(self, body, path, dialect):
         super().set_up(body, path, dialect)
         self.size = int(body.get("size", 10))
+        if body.get("min_doc_count") == 0:
+            raise ParseError(path, "[min_doc_count] 0 is nothing that this server knows")
         if self.size <= 0:
             raise ParseError(path, f"[size] must be greater than 0. Found [{self.size}] in [{path[-2]}]")
         order = body.get("order", {"_count": "desc"})

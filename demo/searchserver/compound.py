@@ -82,7 +82,8 @@ class Bool(Query):
         return single((required + single(sum(optional))) * self.boost)
 
     def explain(self, level, place):
-        scored = [query.explain(level, place) for query in (*self.must, *self.should) if place in query.evaluate(level)]
+        scored = [query.explain(level, place) for query in (*self.must, *self.should)
+                  if place in query.evaluate(level)]
         filters = [part(0.0, "match on required clause, product of:", part(0.0, "# clause"),
                         part(1.0, query.describe())) for query in self.filters]
         if len(scored) == 1 and not filters:

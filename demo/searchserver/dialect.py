@@ -1,8 +1,8 @@
 """What the major versions of the search servers do differently; all else is the same in each of them.
 
-Version 7 is as recorded from 7.8, version 8 as recorded from its development line. Where no recording tells, and for
-versions 6 and 9 throughout, it is what is publicly known of the interface. The types of fields that came in the course
-of a major version are known to all.
+Version 7 is as recorded from 7.8, version 8 as recorded from its development line. Where no recording tells, and
+for versions 6 and 9 throughout, it is what is publicly known of the interface. The types of fields that came in the
+course of a major version are known to all.
 """
 
 from typing import NamedTuple, Optional

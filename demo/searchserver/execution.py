@@ -77,9 +77,9 @@ def ask(request, shard, has_room):
     request.check_shard(shard.index)
     if not has_room:
         most = shard.index.cluster.scrolls.most
-        raise ShardFailure("exception", f"Trying to create too many scroll contexts. Must be less than or equal to:"
-                           f" [{most}]. This limit can be set by changing the [search.max_open_scroll_context] setting.",
-                           status=500)
+        raise ShardFailure("exception", "Trying to create too many scroll contexts. Must be less than or equal to:"
+                           f" [{most}]. This limit can be set by changing the [search.max_open_scroll_context]"
+                           " setting.", status=500)
     level = shard.level("")
     aggregations.check(request.aggregations or {}, level)
     try:

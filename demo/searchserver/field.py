@@ -83,8 +83,8 @@ class Field:
 
     def check_text(self, query):
         """ShardFailure when the field takes no queries by the letters of its values."""
-        raise ShardFailure("query_shard_exception", f"Can only use {query} queries on keyword and text fields - not on"
-                                                    f" [{self.path}] which is of type [{self.kind}]")
+        raise ShardFailure("query_shard_exception", f"Can only use {query} queries on keyword and text fields - not"
+                                                    f" on [{self.path}] which is of type [{self.kind}]")
 
 
 class Point(Field):

@@ -144,8 +144,8 @@ def parse_exists(body, path, dialect):
 
     def find(level):
         mapping = level.mapping
-        inner = [path for path in mapping.fields if path.startswith(f"{name}.")] if name in mapping.objects else [name]
-        columns = [column for column in map(level.column, inner) if column]
+        within = [path for path in mapping.fields if path.startswith(f"{name}.")]
+        columns = [column for column in map(level.column, within if name in mapping.objects else [name]) if column]
         return {place for column in columns for place in column.values}
 
     return Constant(find, boost_of(body), f"DocValuesFieldExistsQuery [field={name}]")

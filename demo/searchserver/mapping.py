@@ -9,6 +9,9 @@ from .fieldtypes import make
 from .strings import Flattened, FlattenedMember
 
 DYNAMIC_STRING = {"type": "text", "fields": {"keyword": {"type": "keyword", "ignore_above": 256}}}
+SLASHES = "yyyy/MM/dd HH:mm:ss||yyyy/MM/dd"
+DYNAMIC_DATES = {"strict_date_optional_time": {"type": "date"},
+                 SLASHES: {"type": "date", "format": f"{SLASHES}||epoch_millis"}}
 DATE_SIGNS = (":", "-", "/")
 ROOT_OPTIONS = ("dynamic", "_source", "_meta", "_routing", "date_detection", "numeric_detection", "dynamic_templates")
 
@@ -98,7 +101,7 @@ class Mapping:
         dynamic = str(self.option("dynamic", parent, True)).lower()
         if dynamic == "strict":
             raise typed(400, "strict_dynamic_mapping_exception", "mapping set to strict, dynamic introduction of"
-                                                                 f" [{name}] within [{parent or '_doc'}] is not allowed")
+                        f" [{name}] within [{parent or '_doc'}] is not allowed")
         if dynamic == "false":
             return False
         self.add(path, {"properties": {}} if isinstance(value, dict) else self.guess(value))
@@ -117,9 +120,7 @@ class Mapping:
         if isinstance(value, (int, float)):
             return {"type": "long" if isinstance(value, int) else "float"}
         if any(sign in value for sign in DATE_SIGNS) and self.root.get("date_detection", True):
-            for formats, definition in (("strict_date_optional_time", {"type": "date"}),
-                                        ("yyyy/MM/dd HH:mm:ss||yyyy/MM/dd", {
-                                            "type": "date", "format": "yyyy/MM/dd HH:mm:ss||yyyy/MM/dd||epoch_millis"})):
+            for formats, definition in DYNAMIC_DATES.items():
                 try:
                     dates.parse(value, formats)
                     return definition

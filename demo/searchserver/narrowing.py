@@ -1,6 +1,6 @@
 """Which of the documents that a query found a search goes on with, and with which scores."""
 
-from .errors import ParseError, ShardFailure, illegal_on_shard
+from .errors import ParseError, ShardFailure, illegal_argument, illegal_on_shard
 from .querybase import only_members, parse
 from .routing import murmur
 from .scoring import single
@@ -23,9 +23,9 @@ class Slice:
         if not in_scroll:
             raise ShardFailure("search_exception", "`slice` cannot be used outside of a scroll context", status=500)
         if self.max > MAX_SLICES:
-            raise illegal_on_shard(f"The number of slices [{self.max}] is too large. It must be less than [{MAX_SLICES}]."
-                                   " This limit can be set by changing the [index.max_slices_per_scroll] index level"
-                                   " setting.")
+            raise illegal_on_shard(f"The number of slices [{self.max}] is too large. It must be less than"
+                                   f" [{MAX_SLICES}]. This limit can be set by changing the"
+                                   " [index.max_slices_per_scroll] index level setting.")
 
     def take(self, level, scores):
         """Whole shards go to the slices in turn; when there are more slices than shards, these share a shard."""
@@ -89,7 +89,8 @@ class Collapse:
         column = hit.shard.level("").column(self.name)
         keys = column.sorted_keys(hit.document.place)
         if len(keys) > 1:
-            raise illegal_on_shard(f"failed to collapse {hit.document.place}, the collapse field must be single valued")
+            raise illegal_argument(f"failed to collapse {hit.document.place}, the collapse field must be single"
+                                   " valued")
         return column.field.show_key(keys[0])[0] if keys else None
 
     def take(self, hits):

@@ -7,6 +7,7 @@ from decimal import Decimal
 
 from .errors import Refusal
 from .field import Point
+from .jsontext import Score
 
 NUMBER = re.compile(r"[+-]?(?:\d+\.?\d*|\.\d+)(?:[eE][+-]?\d+)?[dDfF]?|[+-]?(?:NaN|Infinity)")
 LONGEST = (2 ** 63 - 1, -2 ** 63)
@@ -49,16 +50,16 @@ class Whole(Point):
     def stored(self, value):
         if value == "":
             return []
-        number = self.parse(value, self.range, self.article)
+        number = self.parse(value, self.range)
         if not isinstance(value, str) and self.kind in ("integer", "long") and number is None:
-            java = {"integer": "int", "long": "long"}[self.kind]
-            raise Refusal(f"Numeric value ({spelt(value)}) out of range of {java} ({self.range[0]} - {self.range[1]})",
+            java, (low, high) = {"integer": "int", "long": "long"}[self.kind], self.range
+            raise Refusal(f"Numeric value ({spelt(value)}) out of range of {java} ({low} - {high})",
                           "input_coercion_exception")
         if number is None:
             raise Refusal(f"Value [{spelt(value)}] is out of range for {self.article}")
         return [number]
 
-    def parse(self, value, limits, article):
+    def parse(self, value, limits):
         """The number without its fraction, or None when it is beyond the limits."""
         double = parse_double(value)
         if isinstance(value, str):
@@ -68,7 +69,7 @@ class Whole(Point):
         return number if number is not None and limits[0] <= number <= limits[1] else None
 
     def lookup(self, value):
-        number = self.parse(value, self.asked, self.asked_article)
+        number = self.parse(value, self.asked)
         if number is None:
             raise Refusal(f"Value [{spelt(value)}] is out of range for {self.asked_article}")
         return number
@@ -111,13 +112,13 @@ class UnsignedLong(Whole):
         self.minimum, self.maximum = self.range
 
     def term(self, value):
-        if self.fraction(value) or self.parse(value, self.range, "") is None:
+        if self.fraction(value) or self.parse(value, self.range) is None:
             return None
         return super().term(value)
 
     def span(self, bounds):
         def within(value):
-            return None if value is None or self.parse(value, self.range, "") is None else value
+            return None if value is None or self.parse(value, self.range) is None else value
 
         low, high = bounds.low, bounds.high
         if (low is not None and parse_double(low) >= 2 ** 64) or (high is not None and parse_double(high) < 0):
@@ -172,7 +173,8 @@ class Floating(Point):
         return self.from_key(key), None
 
     def sort_value(self, key):
-        return self.from_key(key)
+        number = self.from_key(key)
+        return number if self.kind == "double" else Score(number)
 
     def low(self, bounds):
         if bounds.low is None or self.kind != "half_float":

@@ -4,6 +4,9 @@ from .errors import Refusal, ShardFailure, caused, typed
 from .strings import Keyword, spelling
 
 
+METADATA = {"_id", "_index", "_type", "_routing", "_source", "_ignored", "_field_names", "_seq_no", "_version"}
+
+
 class Reading:
     """What a mapping makes of a document: stored values by path, inner documents, and fields that were ignored."""
 
@@ -23,6 +26,9 @@ class Reader:
 
     def read(self, source):
         reading = Reading(source)
+        for name in METADATA.intersection(source):
+            raise typed(400, "mapper_parsing_exception", f"Field [{name}] is a metadata field and cannot be added"
+                        " inside a document. Use the index API request parameters.")
         self.read_members(source, "", reading)
         for field in self.mapping.constants:
             if "value" in field.options:

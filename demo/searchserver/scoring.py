@@ -65,8 +65,9 @@ class Rarity:
         rarity = part(self.rarity, "idf, computed as log(1 + (N - n + 0.5) / (n + 0.5)) from:",
                       part(self.holders, "n, number of documents containing term"),
                       part(self.documents, "N, total number of documents with field"))
+        share = single(1 - single(1 / self.saturation(count, length)))
         saturation = part(
-            single(1 - single(1 / self.saturation(count, length))), "tf, computed as freq / (freq + k1 * (1 - b + b * dl / avgdl)) from:",
+            share, "tf, computed as freq / (freq + k1 * (1 - b + b * dl / avgdl)) from:",
             part(float(count), "freq, occurrences of term within document"),
             part(SATURATION, "k1, term saturation parameter"),
             part(NORMALIZATION, "b, length normalization parameter"),

@@ -1,6 +1,7 @@
 """The body of a search: what it asks for, checked before it runs."""
 
-from . import aggregations, buckets, highlight, jsontext, query, sorting, source  # noqa: F401  buckets enter themselves
+from . import aggregations, highlight, jsontext, query, sorting, source
+from . import buckets  # noqa: F401  it enters the aggregations that it knows
 from .errors import ParseError, illegal_argument, illegal_on_shard, invalid, parsing
 from .narrowing import Collapse, Rescore, Slice
 
@@ -94,11 +95,11 @@ class SearchRequest:
     def check(self):
         """SearchError when parts of the request do not go together."""
         in_scroll = self.keep_alive is not None
-        faults = {"disabling [track_total_hits] is not allowed in a scroll context": in_scroll and self.count is False,
-                  "using [from] is not allowed in a scroll context": in_scroll and self.start > 0,
-                  "[size] cannot be [0] in a scroll context": in_scroll and self.size == 0,
-                  "using [rescore] is not allowed in a scroll context": in_scroll and self.rescores}
-        if any(faults.values()):
+        faults = {"disabling [track_total_hits] is not allowed in a scroll context": self.count is False,
+                  "using [from] is not allowed in a scroll context": self.start > 0,
+                  "[size] cannot be [0] in a scroll context": self.size == 0,
+                  "using [rescore] is not allowed in a scroll context": self.rescores}
+        if in_scroll and any(faults.values()):
             raise invalid(*(fault for fault, made in faults.items() if made))
         if in_scroll:
             self.count = True
@@ -133,6 +134,9 @@ class SearchRequest:
             self.slice.check(in_scroll)
         if self.collapse:
             self.collapse.check(index, in_scroll)
+        for name, _ in self.value_fields:
+            if index.mapping.field(name):
+                index.mapping.field(name).check_column()
 
     def narrow(self, level, scores):
         """The scores of the documents of a level that the search goes on with, out of those that were found."""

@@ -16,8 +16,8 @@ class SearchServer:
 
     `version` is the major version whose dialect it speaks, one of DIALECTS.
     Port 0 takes a free one; `port` holds the one in use from the start of `with`.
-    `seconds_per_document` is how long every document that an answer shows keeps it waiting; with `compresses`, answers
-    are compressed for clients that take it. Both may be set at any time.
+    `seconds_per_document` is how long every document that an answer shows keeps it waiting; with `compresses`,
+    answers are compressed for clients that take it. Both may be set at any time.
     """
 
     def __init__(self, version=7, port=0):

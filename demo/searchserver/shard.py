@@ -10,8 +10,8 @@ from .scoring import Rarity, kept_length
 class Document:
     """One document, or an object within a nested field: `raw` is the source text as it was given."""
 
-    __slots__ = ("id", "raw", "inner_source", "values", "ignored", "shard", "version", "place", "inner", "parent", "path",
-                 "offset")
+    __slots__ = ("id", "raw", "inner_source", "values", "ignored", "shard", "version", "place", "inner", "parent",
+                 "path", "offset")
 
     def __init__(self, doc_id, raw, reading, shard):
         self.id = doc_id

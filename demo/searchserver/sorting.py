@@ -3,10 +3,12 @@
 import math
 
 from .errors import ParseError, ShardFailure
+from .jsontext import Score
 
-# One key of a sort: `mode` tells which of several values counts, `missing` what stands for a value that is not there.
+
 class SortKey:
-    """One of the keys that hits are sorted by."""
+    """One of the keys that hits are sorted by: `mode` tells which of several values counts, `missing` what stands
+    for a value that is not there."""
 
     def __init__(self, name, options, path):
         self.name = name
@@ -24,7 +26,7 @@ class SortKey:
     def values(self, level, scores):
         """A function from place to (whether there is a value, comparable value, shown value); ShardFailure."""
         if self.name == "_score":
-            return lambda place: (True, scores[place], scores[place])
+            return lambda place: (True, scores[place], Score(scores[place]))
         if self.name == "_doc":
             return lambda place: (True, place, place)
         column = level.column(self.name)

@@ -156,7 +156,3 @@ class Boolean(Terms):
         if spelling(value) not in ("true", "false"):
             raise Refusal(f"Can't parse boolean value [{spelling(value)}], expected [true] or [false]")
         return "T" if spelling(value) == "true" else "F"
-
-    def span(self, bounds):
-        low = None if bounds.low is None else after(self.lookup(bounds.low), bounds.low_open)
-        return low, None if bounds.high is None else after(self.lookup(bounds.high), not bounds.high_open)

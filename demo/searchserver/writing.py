@@ -49,7 +49,8 @@ def bulk(exchange, name=None):
         try:
             told, status = stored(exchange, exchange.cluster.for_writing(target).put(doc_id, source))
         except SearchError as error:
-            told, status = {"_index": target, "_id": doc_id, "error": error.body["error"]["root_cause"][0]}, error.status
+            cause, = error.body["error"]["root_cause"]
+            told, status = {"_index": target, "_id": doc_id, "error": cause}, error.status
         items.append({action: {**told, "status": status}})
     failed = any("error" in told for item in items for told in item.values())
     return answer({"took": int((time.monotonic() - started) * 1000), "errors": failed, "items": items})
