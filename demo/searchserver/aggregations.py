@@ -4,7 +4,7 @@ import math
 
 from . import query
 from .errors import ParseError, Refusal, SearchError, failed_query, illegal_on_shard
-from .querybase import only_members
+from .querybase import check_object, only_members
 
 PARSERS = {}  # {name: class of an Aggregation}
 
@@ -85,8 +85,10 @@ def aggregation(name):
 def parse(body, path, dialect):
     """{name: Aggregation} of a JSON object."""
     found = {}
+    check_object("aggregations", body, path)
     for name, given in body.items():
         place = (*path, name)
+        check_object(name, given, place)
         kinds = [key for key in given if key not in ("aggs", "aggregations")]
         if len(kinds) != 1:
             raise ParseError(place, f"Expected one aggregation type in [{name}] but found {len(kinds)}")

@@ -5,7 +5,9 @@ import functools
 import time
 
 from . import dates, highlight, source
+from .datefield import Range
 from .errors import NODE
+from .field import Unsearchable
 from .jsontext import Score, write, write_score, write_string
 from .numeric import Floating
 
@@ -87,7 +89,6 @@ class Answer:
         for pattern, form in request.value_fields:
             for name in matching(level.mapping, pattern):
                 column = level.column(name)
-                column.field.check_column()
                 values = sorted(level.values(hit.document, column.field) or [], key=column.field.key)
                 if values:
                     values = list(dict.fromkeys(values)) if column.field.terms else values
@@ -109,7 +110,7 @@ class Answer:
             self.inner_hits[query, hit.shard] = query.matches(hit.shard.level(""))
         found = sorted(self.inner_hits[query, hit.shard].get(hit.document.place, []), key=lambda each: -each[0])
         wanted = query.inner_hits
-        start, size = int(wanted.get("from", 0)), int(wanted.get("size", 3))
+        start, size = wanted.get("from", 0), wanted.get("size", 3)
         total = len(found) if self.request.plain_total else {"value": len(found), "relation": "eq"}
         return {"hits": {"total": total, "max_score": Score(found[0][0]) if found else None,
                          "hits": [self.inner_hit(hit, *each, wanted) for each in found[start:start + size]]}}
@@ -130,7 +131,8 @@ def matching(mapping, pattern):
     """The fields that a pattern names."""
     if "*" not in pattern:
         return [pattern] if mapping.field(pattern) else []
-    return [name for name in mapping.fields if fnmatch.fnmatchcase(name, pattern) and name != "_id"]
+    return [name for name, field in mapping.fields.items()
+            if fnmatch.fnmatchcase(name, pattern) and name != "_id" and not isinstance(field, (Unsearchable, Range))]
 
 
 def shown(field, stored, form):

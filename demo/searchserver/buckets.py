@@ -6,7 +6,8 @@ import re
 
 from . import dates
 from .aggregations import Aggregation, aggregation, parse, too_many_buckets
-from .errors import ParseError, SearchError, illegal_on_shard
+from .errors import ParseError, Refusal, SearchError, illegal_argument, illegal_on_shard
+from .querybase import check_object
 
 UNITS = {"ms": 10 ** 6, "s": 10 ** 9, "m": 60 * 10 ** 9, "h": 3600 * 10 ** 9, "d": dates.DAY}
 CALENDAR = {"minute": "m", "1m": "m", "hour": "h", "1h": "h", "day": "d", "1d": "d", "week": "w", "1w": "w",
@@ -39,6 +40,14 @@ class Terms(Aggregation):
             raise ParseError(path, f"[size] must be greater than 0. Found [{self.size}] in [{path[-2]}]")
         order = body.get("order", {"_count": "desc"})
         self.order = [item for each in (order if isinstance(order, list) else [order]) for item in each.items()]
+
+    def check(self, level):
+        super().check(level)
+        for name, _ in self.order:
+            if name not in ("_key", "_term", "_count") and name.partition(".")[0] not in self.children:
+                raise illegal_on_shard(f"Invalid aggregator order path [{name}]. The provided aggregation [{name}]"
+                                       " either does not exist, or is a pipeline aggregation and cannot be used to"
+                                       " sort the buckets.")
 
     def groups(self, level, places):
         """{key: places} of one shard."""
@@ -159,6 +168,7 @@ class DateHistogram(Histogram):
         Aggregation.set_up(self, body, path, dialect)
         self.least = int(body.get("min_doc_count", 0))
         self.format = body.get("format", dates.DEFAULT_FORMAT)
+        dates.check(self.format)
         given = [key for key in ("interval", "fixed_interval", "calendar_interval") if key in body]
         if len(given) != 1 or given[0] not in dialect.date_intervals:
             raise ParseError(path, f"[date_histogram] takes one of {', '.join(dialect.date_intervals)}")
@@ -188,7 +198,9 @@ class Source:
     """One of the values that the keys of a composite aggregation are made of."""
 
     def __init__(self, name, body, path, dialect):
+        check_object(name, body, path)
         (kind, given), = body.items()
+        check_object(kind, given, (*path, kind))
         if kind not in ("terms", "histogram", "date_histogram"):
             raise ParseError((*path, kind), f"invalid source type: {kind}")
         own = {key: value for key, value in given.items() if key not in ("order", "missing_bucket")}
@@ -196,7 +208,7 @@ class Source:
         self.format = own.get("format")
         self.descending = given.get("order", "asc") == "desc"
         self.takes_missing = given.get("missing_bucket") is True
-        self.inner, = parse({name: {kind: own}}, path, dialect).values()
+        self.inner, = parse({name: {kind: own}}, path[:-1], dialect).values()
 
     def keys(self, column, place):
         """The keys of a document; none when it is to be left out."""
@@ -220,7 +232,10 @@ class Source:
             return None
         if self.kind != "terms":
             return dates.parse(value, self.format) // 10 ** 6 if self.format else value
-        stored = field.stored(value)
+        try:
+            stored = field.stored(value)
+        except Refusal as refusal:
+            raise illegal_argument(f"invalid value, got [{value}] in `after`: {refusal.reason}")
         return field.key(stored[0]) if stored else value
 
     def rank(self, key):
@@ -236,6 +251,8 @@ class Composite(Aggregation):
     def set_up(self, body, path, dialect):
         self.size, self.after = int(body.get("size", 10)), body.get("after")
         self.sources = []
+        if self.after is not None:
+            check_object("after", self.after, (*path, "after"))
         for number, each in enumerate(body.get("sources", [])):
             (name, given), = each.items()
             self.sources.append(Source(name, given, (*path, "sources", number, name), dialect))

@@ -150,6 +150,8 @@ def parse_nested(body, path, dialect):
     for key in ("path", "query"):
         if key not in body:
             raise ParseError(path, f"[nested] requires '{key}' field")
+    if not isinstance(body["path"], str):
+        raise ParseError((*path, "path"), "[nested] path is a text")
     if body.get("score_mode", "avg") not in Nested.MODES:
         raise ParseError(path, f"No score mode for child query [{body['score_mode']}] found")
     query = parse(body["query"], (*path, "query"), dialect)
@@ -157,6 +159,7 @@ def parse_nested(body, path, dialect):
     found.ignore_unmapped = body.get("ignore_unmapped") is True
     if "inner_hits" in body:
         only_keys("inner_hits", body["inner_hits"], (*path, "inner_hits"), ("name", "size", "from", "_source"))
-        found.inner_hits = body["inner_hits"]
+        found.inner_hits = {**body["inner_hits"], **{
+            key: int(body["inner_hits"][key]) for key in ("size", "from") if key in body["inner_hits"]}}
         found.nested = [found]
     return found

@@ -4,7 +4,7 @@ import ipaddress
 import time
 
 from . import dates
-from .errors import Refusal, ShardFailure
+from .errors import Refusal, ShardFailure, illegal_on_shard
 from .field import Bounds, Point
 from .numeric import LONGEST
 from .strings import asked, spelling
@@ -23,9 +23,7 @@ class Date(Point):
 
     def set_up(self, options, analysis):
         self.format = options.get("format", dates.DEFAULT_FORMAT)
-        for name in self.format.split("||"):
-            if name not in ("epoch_millis", "epoch_second"):
-                dates.pattern(name)
+        dates.check(self.format)
         self.unit = 10 ** 6 if self.kind == "date" else 1
 
     def stored(self, value):
@@ -120,6 +118,9 @@ class Range(Point):
 
     def keys(self, stored):
         return []
+
+    def check_column(self):
+        raise illegal_on_shard(f"can't sort or aggregate on field [{self.path}] of type [{self.kind}]")
 
     def term(self, value):
         return self.member.term(value)

@@ -103,6 +103,13 @@ def pattern(format_name):
         raise Refusal(f"Invalid format: [{format_name}]")
 
 
+def check(formats):
+    """Refusal when there is no such format."""
+    for name in formats.split("||"):
+        if name not in ("epoch_millis", "epoch_second"):
+            pattern(name)
+
+
 def parse_one(text, name, round_up, zone):
     """The time of a text in a single format, or None when it is in another one."""
     if name in ("epoch_millis", "epoch_second"):

@@ -131,7 +131,7 @@ class Unsearchable(Field):
     def term(self, value):
         raise Refusal(self.REASONS.get(self.kind, "Field [{}] does not support searching").format(self.path))
 
-    span = term
+    span = lookup = term
 
     def check_column(self):
         raise illegal_on_shard(f"can't sort or aggregate on field [{self.path}] of type [{self.kind}]")

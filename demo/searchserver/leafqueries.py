@@ -111,8 +111,10 @@ def parse_range(body, path, dialect):
     if not isinstance(options, dict):
         raise ParseError(place, f"[range] query does not support [{name}]")
     only_keys("range", options, place, ("gt", "gte", "lt", "lte", "format", "time_zone", "relation", "boost"))
-    if options.get("relation", "intersects").lower() != "intersects":
+    if str(options.get("relation", "intersects")).lower() != "intersects":
         raise ParseError(place, f"[range] query does not support relation [{options['relation']}]")
+    if not all(isinstance(options.get(key, ""), str) for key in ("format", "time_zone")):
+        raise ParseError(place, "[range] format and time_zone are texts")
 
     def either(open_key, key):
         is_open = options.get(open_key) is not None

@@ -73,6 +73,8 @@ class Collapse:
     def __init__(self, body, path):
         only_members("collapse", body, path, ("field",))
         self.name = body.get("field")
+        if not isinstance(self.name, str):
+            raise ParseError(path, "[collapse] no field given")
 
     def check(self, index, in_scroll):
         if in_scroll:

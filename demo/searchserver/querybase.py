@@ -80,8 +80,14 @@ def parse(body, path, dialect):
     return PARSERS[name](inner, place, dialect)
 
 
+def check_object(name, body, path):
+    if not isinstance(body, dict):
+        raise ParseError(path, f"[{name}] malformed, expected an object")
+
+
 def only_keys(name, body, path, known):
     """ParseError when the object at `path` in the query `name` has a key that is not in `known`."""
+    check_object(name, body, path)
     for key in body:
         if key not in known:
             raise ParseError((*path, key), f"[{name}] query does not support [{key}]")
@@ -89,6 +95,7 @@ def only_keys(name, body, path, known):
 
 def only_members(name, body, path, known):
     """ParseError when the object at `path`, which is no query, has a member that is not in `known`."""
+    check_object(name, body, path)
     for key in body:
         if key not in known:
             raise ParseError((*path, key), f"[{name}] unknown field [{key}]")

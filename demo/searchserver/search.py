@@ -1,8 +1,8 @@
 """The body of a search: what it asks for, checked before it runs."""
 
-from . import aggregations, highlight, jsontext, query, sorting, source
+from . import aggregations, dates, highlight, jsontext, query, sorting, source
 from . import buckets  # noqa: F401  it enters the aggregations that it knows
-from .errors import ParseError, illegal_argument, illegal_on_shard, invalid, parsing
+from .errors import ParseError, Refusal, illegal_argument, illegal_on_shard, invalid, parsing
 from .narrowing import Collapse, Rescore, Slice
 
 MAX_KEEP_ALIVE = 86400  # seconds that a scroll context may live
@@ -26,7 +26,7 @@ def read_body(data, keys, read):
         read(body)
     except ParseError as error:
         raise parsing(*jsontext.locate(text, error.path), error)
-    except (TypeError, ValueError, AttributeError, KeyError, RecursionError) as error:
+    except (Refusal, TypeError, ValueError, AttributeError, KeyError, RecursionError) as error:
         raise illegal_argument(f"Failed to parse a value of the request: {error}")
 
 
@@ -50,9 +50,9 @@ class SearchRequest:
         self.query = query.parse(body["query"] if "query" in body else {"match_all": {}}, ("query",), self.dialect)
         self.size = window_bound(body, "size", 10)
         self.start = window_bound(body, "from", 0)
-        self.min_score = body.get("min_score")
+        self.min_score = float(body["min_score"]) if "min_score" in body else None
         self.sort = sorting.parse(body.get("sort", []))
-        self.after = body.get("search_after")
+        self.after = list(body["search_after"]) if "search_after" in body else None
         self.scored = not self.sort or any(key.name == "_score" for key in self.sort) or (
             body.get("track_scores") is True)
         self.slice = Slice(body["slice"], ("slice",)) if "slice" in body else None
@@ -185,4 +185,7 @@ def too_large(what, most, wanted, advice):
 
 def field_and_format(given):
     """(field, format or None) of "field" or {"field": ..., "format": ...}."""
-    return (given, None) if isinstance(given, str) else (given["field"], given.get("format"))
+    name, form = (given, None) if isinstance(given, str) else (given["field"], given.get("format"))
+    if form:
+        dates.check(form)
+    return str(name), form

@@ -2,7 +2,7 @@
 
 import math
 
-from .errors import ParseError, ShardFailure
+from .errors import ParseError, ShardFailure, illegal_argument
 from .jsontext import Score
 
 
@@ -20,7 +20,7 @@ class SortKey:
         self.missing = options.get("missing", "_last")
         self.unmapped_type = options.get("unmapped_type")
         for key in options:
-            if key not in ("order", "mode", "missing", "unmapped_type"):
+            if key not in ("order", "mode", "missing", "unmapped_type") or isinstance(options[key], (list, dict)):
                 raise ParseError(path, f"[field_sort] unknown field [{key}]")
 
     def values(self, level, scores):
@@ -88,6 +88,9 @@ def order(hits, keys):
         return
     for number in range(len(keys) - 1, -1, -1):
         key = keys[number]
+        if len({isinstance(hit.sort[number][1], str) for hit in hits if hit.sort[number][0]}) > 1:
+            raise illegal_argument(f"Can't sort on field [{key.name}]; the field has incompatible sort types: [LONG]"
+                                   " and [STRING] across shards!")
         hits.sort(key=lambda hit: key.place_of(hit.sort[number]), reverse=key.descending)
 
 
@@ -102,4 +105,7 @@ def after(hits, keys, values):
                 return (place < bound) == key.descending
         return False
 
-    return [hit for hit in hits if comes_after(hit)]
+    try:
+        return [hit for hit in hits if comes_after(hit)]
+    except TypeError:
+        raise illegal_argument(f"Failed to parse search_after values {values}")
