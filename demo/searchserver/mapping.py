@@ -144,12 +144,6 @@ class Mapping:
             return self.fields.get(definition["path"]) if definition.get("type") == "alias" else None
         return found
 
-    def nested_path(self, path):
-        """The innermost nested object around a path, "" when there is none."""
-        parts = path.split(".")
-        around = (".".join(parts[:count]) for count in range(len(parts) - 1, 0, -1))
-        return next((each for each in around if self.objects.get(each, {}).get("type") == "nested"), "")
-
     def stores_source(self):
         return self.root.get("_source", {}).get("enabled", True)
 
