@@ -55,7 +55,6 @@ minimise() {
     done
 }
 
-# What runs at compile time only (makeMembership in jsonByteScan.h) counts as not covered.
 coverage() {
     cmake -S . -B build/coverage -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_MODULE=OFF \
         -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS="-fprofile-instr-generate -fcoverage-mapping" >/dev/null

@@ -1,5 +1,6 @@
 """A small search server that speaks the part of the Elasticsearch interface the wrapper uses."""
 
-from .server import Request, SearchServer
+from .listener import Request
+from .server import SearchServer
 
 __all__ = ["Request", "SearchServer"]

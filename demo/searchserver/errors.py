@@ -3,6 +3,12 @@
 NODE = "1bundledSearchServer00"  # node id, of the usual 22 characters
 
 
+def caused(error):
+    """What an error with a kind, a reason and perhaps a cause says, as an entry of "caused_by"."""
+    entry = {"type": error.kind, "reason": error.reason}
+    return {**entry, "caused_by": error.cause} if error.cause else entry
+
+
 class SearchError(Exception):
     """An answer other than 200; `body` is the JSON object to send with `status`."""
 
@@ -22,23 +28,43 @@ class ParseError(Exception):
         self.unknown = unknown
 
 
-class ShardFailure(Exception):
-    """A search that fails on one index while it may succeed on others."""
+class Refusal(Exception):
+    """A value that a field does not take, in a document or in a query; `cause` is the entry of what lies behind."""
 
-    def __init__(self, kind, reason, cause=None):
+    def __init__(self, reason, kind="illegal_argument_exception", cause=None):
+        super().__init__(reason)
+        self.reason = reason
+        self.kind = kind
+        self.cause = cause
+
+
+class ShardFailure(Exception):
+    """A search that fails on one shard while it may succeed on others."""
+
+    def __init__(self, kind, reason, cause=None, status=400):
         super().__init__(reason)
         self.kind = kind
         self.reason = reason
         self.cause = cause
+        self.status = status
 
-    def entry(self, index):
+    def entry(self, shard):
         """The failure as an entry of "failures" and "failed_shards"."""
         reason = {"type": self.kind, "reason": self.reason}
         if self.kind == "query_shard_exception":
-            reason.update(index_uuid=index.uuid, index=index.name)
+            reason.update(index_uuid=shard.index.uuid, index=shard.index.name)
         if self.cause:
             reason["caused_by"] = self.cause
-        return {"shard": 0, "index": index.name, "node": NODE, "reason": reason}
+        return {"shard": shard.number, "index": shard.index.name, "node": NODE, "reason": reason}
+
+
+def failed_query(refusal):
+    """The failure of a query whose value a field refuses."""
+    return ShardFailure("query_shard_exception", f"failed to create query: {refusal.reason}", caused(refusal))
+
+
+def illegal_on_shard(reason):
+    return ShardFailure("illegal_argument_exception", reason)
 
 
 def typed(status, kind, reason, caused_by=None, **more):
@@ -66,6 +92,10 @@ def index_not_found(name):
                     "index": name})
 
 
+def index_closed(index):
+    return typed(400, "index_closed_exception", "closed", index_uuid=index.uuid, index=index.name)
+
+
 def parsing(line, column, error):
     """The SearchError of a ParseError whose place in the body is known."""
     caused_by = error.unknown and {"type": "named_object_not_found_exception",
@@ -73,12 +103,12 @@ def parsing(line, column, error):
     return typed(400, "parsing_exception", error.reason, caused_by, line=line, col=column)
 
 
-def all_shards_failed(entries, status=400, cause=None):
-    """The SearchError of a search that failed on every index; `entries` as ShardFailure.entry makes them."""
+def all_shards_failed(entries, status=400, cause=None, said="all shards failed"):
+    """The SearchError of a search that failed on every shard; `entries` as ShardFailure.entry makes them."""
     reasons = [entry["reason"] for entry in entries]
     error = {
         "root_cause": [{key: reason[key] for key in reason if key != "caused_by"} for reason in reasons],
-        "type": "search_phase_execution_exception", "reason": "all shards failed",
+        "type": "search_phase_execution_exception", "reason": said,
         "phase": "query", "grouped": True, "failed_shards": entries,
     }
     if reasons[0]["type"] == "illegal_argument_exception":
@@ -86,10 +116,3 @@ def all_shards_failed(entries, status=400, cause=None):
     if cause:
         error["caused_by"] = cause
     return SearchError(status, {"error": error, "status": status})
-
-
-def not_a_number(value):
-    """The failure of a value that is no number, asked of a field of numbers."""
-    text = f'For input string: "{value}"'
-    return ShardFailure("query_shard_exception", f"failed to create query: {text}",
-                        {"type": "number_format_exception", "reason": text})

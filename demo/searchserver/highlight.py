@@ -3,8 +3,9 @@
 import fnmatch
 import re
 
-from .analysis import words
+from .analysis import Token
 from .errors import ParseError
+from .strings import Keyword, Text
 
 DEFAULTS = {"pre_tags": ["<em>"], "post_tags": ["</em>"], "fragment_size": 100, "number_of_fragments": 5,
             "require_field_match": True, "no_match_size": 0, "order": "none", "type": "unified"}
@@ -28,16 +29,20 @@ def options(given, path, more=()):
     return {key: value for key, value in given.items() if key in DEFAULTS}
 
 
-def highlight(document, wanted, marks):
+def highlight(hit, wanted, marks):
     """{field: [fragments]} of the fields that hold a marked word; `wanted` from parse, `marks` a query's."""
-    found = {}
+    found, mapping = {}, hit.shard.index.mapping
     for pattern, how in wanted:
         names = [pattern] if "*" not in pattern else [
-            name for name in document.leaves if fnmatch.fnmatchcase(name, pattern)]
+            name for name in mapping.fields if fnmatch.fnmatchcase(name, pattern) and name != "_id"]
         for name in names:
-            tests = [test for field, test in marks if field == name or not how["require_field_match"]]
-            texts = [value for value in document.values(name) if isinstance(value, str)]
-            parts = [part for text in texts for part in fragments(text, tests, how)]
+            field = mapping.field(name)
+            if not isinstance(field, Keyword):
+                continue
+            tests = [test for asked, test in marks if asked == name or not how["require_field_match"]]
+            texts = hit.document.values.get(field.path, [])
+            words = field.analyzer.tokens if isinstance(field, Text) else whole
+            parts = [part for text in texts for part in fragments(text, words(text), tests, how)]
             if how["order"] == "score":
                 parts.sort(key=lambda part: -part[0])
             parts = [part for _, part in parts][:how["number_of_fragments"] or None]
@@ -48,9 +53,14 @@ def highlight(document, wanted, marks):
     return found
 
 
-def fragments(text, tests, how):
+def whole(text):
+    """A keyword as the only token of its text."""
+    return [Token(text, 0, len(text), 0, "word")]
+
+
+def fragments(text, words, tests, how):
     """(number of marks, marked text) of each fragment, about fragment_size characters long."""
-    hits = [(start, end) for token, start, end in words(text) if any(test(token) for test in tests)]
+    hits = [(word.start, word.end) for word in words if any(test(word.text) for test in tests)]
     if hits and how["number_of_fragments"] == 0:
         return [(len(hits), mark(text, 0, len(text), hits, how))]
     parts, done = [], 0

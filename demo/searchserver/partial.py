@@ -19,18 +19,17 @@ class Partial:
         self.unassigned = unassigned
         self.timed_out = timed_out
 
-    def cut(self, found):
-        """What is left of a Found."""
-        shards = [(index, number) for index in found.indices for number in range(index.shards)]
-        failed, silent = shards[:self.failed], shards[:self.failed + self.unassigned]
-        hits = [hit for hit in found.hits if (hit[2], hit[3].shard) not in silent]
-        account = {**found.shards, "successful": found.shards["successful"] - len(silent),
-                   "failed": found.shards["failed"] + len(failed)}
-        failures = [FAILURE.entry(index) for index in dict.fromkeys(index for index, _ in failed)]
-        if failures:
-            account["failures"] = found.shards.get("failures", []) + failures
-        return found._replace(hits=hits, count=len(hits), shards=account, timed_out=self.timed_out)
+    def failing(self, shards):
+        return shards[:self.failed]
 
-    def cut_page(self, found, hits):
-        """(what is left of a Found, what is left of a page of its hits)."""
-        return self.cut(found), self.cut(found._replace(hits=hits)).hits
+    def silent(self, shards):
+        return shards[self.failed:self.failed + self.unassigned]
+
+    def cut(self, outcome):
+        """What is left of an Outcome when its shards are gone on a later page."""
+        lost = self.failing(outcome.shards) + self.silent(outcome.shards)
+        account = outcome.account.without(len(lost))
+        for shard in self.failing(outcome.shards):
+            account.fail(shard, FAILURE)
+        hits = [hit for hit in outcome.hits if hit.shard not in lost]
+        return outcome._replace(hits=hits, account=account, timed_out=self.timed_out)

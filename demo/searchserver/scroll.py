@@ -6,12 +6,14 @@ import uuid
 from time import monotonic
 
 from .errors import NODE, all_shards_failed, illegal_argument, invalid, typed
+from .execution import Account
 
 # In this order: what ends in "ms" or "nanos" ends in "s", too.
 UNITS = (("nanos", 1e-9), ("micros", 1e-6), ("ms", 1e-3), ("s", 1), ("m", 60), ("h", 3600), ("d", 86400))
-SHARD = re.compile(rb"\x14.{20}(.{8})\x16.{22}", re.S)
-ID = re.compile(rb"\x14include_context_uuid\x0equeryThenFetch[\x80-\xff]*[\0-\x7f]((?:%b)*)"
-                % SHARD.pattern.replace(b"(", b"(?:"), re.S)
+NUMBER = rb"(.{8})\x16.{22}"
+CONTEXTS = {prefix: re.compile(part, re.S) for prefix, part in (
+    (b"", NUMBER), (b"\x14include_context_uuid", rb"\x14.{20}" + NUMBER))}
+KINDS = (b"\x0equeryThenFetch", b"\x0dqueryAndFetch")
 
 
 def seconds(text):
@@ -37,30 +39,37 @@ def seconds(text):
     raise illegal_argument(f"failed to parse [{text}], fractional time values are not supported")
 
 
-def write_id(numbers):
-    """The scroll id of a result whose contexts, one a shard, have these numbers."""
-    def string(data):
-        return bytes([len(data)]) + data
+def string(data):
+    return bytes([len(data)]) + data
 
+
+def write_id(numbers, dialect, shards):
+    """The scroll id of a result whose contexts, one a shard that answered, have these numbers."""
     count, left = b"", len(numbers)
     while left > 127:
         count, left = count + bytes([left & 127 | 128]), left >> 7
-    data = string(b"include_context_uuid") + string(b"queryThenFetch") + count + bytes([left])
+    data = string(b"include_context_uuid") if dialect.uuids_in_ids else b""
+    data += KINDS[shards == 1] + count + bytes([left])
     for number in numbers:
-        data += string(uuid.uuid4().hex[:20].encode()) + number.to_bytes(8, "big") + string(NODE.encode())
+        data += string(uuid.uuid4().hex[:20].encode()) if dialect.uuids_in_ids else b""
+        data += number.to_bytes(8, "big") + string(NODE.encode())
     return base64.urlsafe_b64encode(data).decode()
 
 
 def read_id(text):
     """The context numbers of a scroll id; SearchError 400 for a text that is none."""
     try:
-        match = ID.fullmatch(base64.b64decode(text, "-_", validate=True))
+        data = base64.b64decode(text, "-_", validate=True)
     except ValueError:
-        match = None
-    if not match:
-        raise typed(400, "illegal_argument_exception", "Cannot parse scroll id",
-                    {"type": "array_index_out_of_bounds_exception", "reason": f"no id: {text}"})
-    return [int.from_bytes(number, "big") for number in SHARD.findall(match[1])]
+        data = b""
+    for prefix, context in CONTEXTS.items():
+        for kind in KINDS:
+            match = re.fullmatch(re.escape(prefix + kind) + rb"[\x80-\xff]*[\0-\x7f]((?:%b)*)"
+                                 % context.pattern.replace(b"(", b"(?:"), data, re.S)
+            if match:
+                return [int.from_bytes(number, "big") for number in context.findall(match[1])]
+    raise typed(400, "illegal_argument_exception", "Cannot parse scroll id",
+                {"type": "array_index_out_of_bounds_exception", "reason": f"no id: {text}"})
 
 
 def missing(numbers):
@@ -74,14 +83,13 @@ def missing(numbers):
 
 
 class Context:
-    """A result and how much of it has left; `request` and `found` as SearchRequest has them."""
+    """A result and how much of it has left; `request` and `outcome` as the search had them."""
 
-    def __init__(self, request, found, keep_alive):
+    def __init__(self, request, outcome, keep_alive):
         self.request = request
         # The later pages know nothing of the shards that failed before the first one.
-        shards = found.shards["successful"]
-        self.found = found._replace(timed_out=False, shards={
-            "total": shards, "successful": shards, "skipped": 0, "failed": 0})
+        shards = len(outcome.shards)
+        self.outcome = outcome._replace(account=Account(shards, shards), aggregations=None, timed_out=False)
         self.taken = 0
         self.keep(keep_alive)
 
@@ -91,7 +99,7 @@ class Context:
     def take(self):
         """The hits of the next page."""
         start, self.taken = self.taken, self.taken + self.request.size
-        return self.found.hits[start:self.taken]
+        return self.outcome.hits[start:self.taken]
 
     @property
     def page(self):
@@ -100,20 +108,27 @@ class Context:
 
 
 class Scrolls:
-    """The open contexts by scroll id; `opened` counts all there ever were."""
+    """The open contexts by scroll id; `opened` counts all there ever were, `most` is how many shards may have one."""
 
-    def __init__(self):
+    def __init__(self, dialect):
+        self.dialect = dialect
         self.contexts = {}
         self.opened = 0
         self.next_number = 1
+        self.most = 500
 
-    def open(self, request, found, keep_alive):
+    def on_shards(self):
+        """How many contexts are open on shards, each of which has its own."""
+        self.drop_expired()
+        return sum(len(context.outcome.shards) for context in self.contexts.values())
+
+    def open(self, request, outcome, keep_alive):
         """(id, hits of the first page) of a new context."""
-        shards = found.shards["successful"]
-        numbers = range(self.next_number, self.next_number + shards)
-        self.next_number += shards
-        scroll_id = write_id(numbers)
-        context = Context(request, found, keep_alive)
+        count = len(outcome.shards)
+        numbers = range(self.next_number, self.next_number + count)
+        self.next_number += count
+        scroll_id = write_id(numbers, self.dialect, outcome.account.total)
+        context = Context(request, outcome, keep_alive)
         if numbers:
             self.contexts[scroll_id] = context
             self.opened += 1

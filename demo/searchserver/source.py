@@ -57,3 +57,23 @@ def select(source, includes, excludes, path=""):
         elif included:
             kept[key] = value
     return kept
+
+
+def table_order(value):
+    """The value with the members of its objects in the order of a hash table of Java's, as filtered sources come."""
+    if isinstance(value, list):
+        return [table_order(inner) for inner in value]
+    if not isinstance(value, dict):
+        return value
+    size = 16
+    while len(value) > size * 3 // 4:
+        size *= 2
+    return {key: table_order(value[key]) for key in sorted(value, key=lambda key: java_hash(key) & size - 1)}
+
+
+def java_hash(text):
+    digest = 0
+    units = text.encode("utf-16-be", "surrogatepass")
+    for high, low in zip(units[::2], units[1::2]):
+        digest = digest * 31 + (high << 8 | low) & 0xffffffff
+    return digest ^ digest >> 16

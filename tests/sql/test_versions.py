@@ -63,19 +63,19 @@ def test_scroll_ids(db, at, index, version, esversion, refusal):
     """An index of many shards has scroll ids that are too long for a URL."""
     server = at(version, esversion, indexlist=index, fullerrormsg="true", **SCROLL)
     if "wide" not in server.cluster.indices:
-        server.create_index("wide", 60)
+        server.create_index("wide", 120)
         server.put_many("wide", [(name, {}) for (name,) in NAMES])
     outcome = db.outcome(SEARCH)
     if refusal:
         assert outcome[0] == "HV000" and outcome[1].startswith("ElasticSearch error, query was ''") and (
             refusal in outcome[1])
     else:
-        assert outcome == NAMES
+        assert sorted(outcome) == NAMES
     # A deletion that is refused fails no query, but the scroll stays open.
     server.expire_scrolls()
     db.connection.autocommit = False
     db.run("DECLARE c CURSOR FOR " + SEARCH)
-    assert db.run("FETCH 100 FROM c") == NAMES[:100]
+    assert len(set(db.run("FETCH 100 FROM c"))) == 100
     db.run("CLOSE c")
     assert server.open_scrolls() == (refusal is not None)
     db.connection.rollback()
@@ -121,22 +121,23 @@ def test_partial_answers(db, search):
     if "four" not in search.cluster.indices:
         search.create_index("four", 4)
         search.put_many("four", [(name, {}) for (name,) in NAMES[:40]])
-    ahead, behind = NAMES[:10], NAMES[20:40]
-    middle = [name for number, name in enumerate(NAMES[:20]) if number >= 10 and number % 4]
+    held = [[(document.id,) for document in shard.documents.values()] for shard in search.cluster.indices["four"].shards]
+    names = sum(held, [])
+    left = [name for number, name in enumerate(names) if number // 15 != 1 or name not in held[0] + held[1]]
     for partial, options, rows, message in (
-            ({"failed": 2, "unassigned": 1, "timed_out": True}, {}, NAMES[3:40:4],
+            ({"failed": 2, "unassigned": 1, "timed_out": True}, {}, held[3],
              "timed out, 2 of 4 shards failed, 1 of 4 shards without an answer"),
-            ({"page": 2, "failed": 1}, SCROLL, ahead + middle + behind, "1 of 4 shards failed"),
-            ({"page": 3, "timed_out": True}, SCROLL, NAMES[:40], "timed out")):
+            ({"page": 2, "failed": 2}, SCROLL, left, "2 of 4 shards failed"),
+            ({"page": 3, "timed_out": True}, SCROLL, names, "timed out")):
         message = "ElasticSearch answer is partial: " + message
         for reaction, expected, warnings in (("ignore", rows, []), (None, rows, [f"WARNING:  {message}\n"]),
                                              ("error", ("HV000", message), [])):
-            db.make_table(indexlist="four", batchsize=10 if options else 100, partialresults=reaction, **options)
+            db.make_table(indexlist="four", batchsize=15 if options else 100, partialresults=reaction, **options)
             with search.partial_answers(**partial):
                 assert db.outcome(SEARCH) == expected
             assert db.connection.notices == warnings
             del db.connection.notices[:]
-            assert db.outcome(SEARCH) == NAMES[:40]
+            assert db.outcome(SEARCH) == names
 
 
 def tour(cluster, version):
