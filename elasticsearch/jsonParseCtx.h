@@ -256,22 +256,22 @@ inline std::uint64_t JsonParseCtx::wantedBits(const BlockMasks &masks, std::uint
 template <typename Grammar>
 unsigned JsonParseCtx::skipDeepObjects(const char *block, std::uint64_t brackets, Grammar &grammar)
 {
-    int objectDepth = objects;
-    int arrayDepth = arrays;
+    int openObjects = objects;
+    int openArrays = arrays;
     unsigned next = 0;
     do {
         const unsigned index = lowestBit(brackets);
         brackets &= brackets - 1;
         const char bracket = block[index];
         // Sums instead of branches: which bracket comes next is nothing a processor could foresee.
-        objectDepth += (bracket == '{') - (bracket == '}');
-        arrayDepth += (bracket == '[') - (bracket == ']');
+        openObjects += (bracket == '{') - (bracket == '}');
+        openArrays += (bracket == '[') - (bracket == ']');
         next = index + 1;
-        if (arrayDepth == 0 && bracket == ']')
+        if (openArrays == 0 && bracket == ']')
             grammar.onArrayClosed();
-    } while (brackets != 0 && objectDepth > Grammar::deepestObject);
-    objects = objectDepth;
-    arrays = arrayDepth;
+    } while (brackets != 0 && openObjects > Grammar::deepestObject);
+    objects = openObjects;
+    arrays = openArrays;
     return next;
 }
 

@@ -21,6 +21,8 @@ template <class Reader>
 class Counter : public Reader
 {
 public:
+    using Reader::Reader;
+
     std::size_t hits = 0;
     std::size_t contentBytes = 0;
 
@@ -33,9 +35,8 @@ public:
 };
 
 template <class Reader>
-void readInChunks(const std::string &name, std::size_t chunk, const Page &page)
+void readInChunks(Counter<Reader> &reader, const std::string &name, std::size_t chunk, const Page &page)
 {
-    Counter<Reader> reader;
     const char *const end = page.text.data() + page.text.size();
     for (const char *at = page.text.data(); at != end;) {
         const std::size_t length = std::min(chunk, static_cast<std::size_t>(end - at));
@@ -54,8 +55,8 @@ void readInChunks(const std::string &name, std::size_t chunk, const Page &page)
 Contestant ours(const std::string &name, std::size_t chunk, const BlockScanner &scanner)
 {
     return {name, chunk, [=](const Page &page) {
-                useBlockScanner(scanner);
-                readInChunks<SearchResultParserInterface>(name, chunk, page);
+                Counter<SearchResultParserInterface> reader(scanner);
+                readInChunks(reader, name, chunk, page);
             }};
 }
 
@@ -69,7 +70,8 @@ std::vector<Contestant> streamingReaders()
     std::vector<Contestant> readers = {ours("ours", usualChunk, fastest),
                                        ours("ours", smallChunk, fastest),
                                        {reference, usualChunk, [=](const Page &page) {
-                                            readInChunks<ReferenceSearchReader>(reference, usualChunk, page);
+                                            Counter<ReferenceSearchReader> reader;
+                                            readInChunks(reader, reference, usualChunk, page);
                                         }}};
     for (const BlockScanner &scanner : blockScanners()) {
         if (&scanner != &fastest) {
