@@ -7,7 +7,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
 
 using namespace zq::elasticsearch;
@@ -15,44 +14,34 @@ using namespace zq::elasticsearch;
 namespace
 {
 
-constexpr std::size_t chunkBytes = 16384;
+struct CountingReader : SearchResultParserInterface {
+    int documents = 0;
 
-class CountingReader : public SearchResultParserInterface
-{
-public:
     void onNewDocument(const std::string &, const std::string &, const std::string &, const std::string &,
                        const std::string &) override
     {
         ++documents;
     }
-
-    int documents = 0;
 };
-
-void chooseScanner(const std::string &name)
-{
-    for (const BlockScanner &scanner : blockScanners()) {
-        if (scanner.name == name) {
-            useBlockScanner(scanner);
-            return;
-        }
-    }
-    throw std::invalid_argument("no scanner " + name);
-}
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc != 3) {
-        for (const BlockScanner &scanner : blockScanners()) {
+    const std::string wanted = argc == 3 ? argv[1] : "";
+    for (const BlockScanner &scanner : blockScanners()) {
+        if (argc != 3) {
             std::cout << scanner.name << '\n';
+        } else if (scanner.name == wanted) {
+            useBlockScanner(scanner);
         }
-        return 0;
     }
-    chooseScanner(argv[1]);
+    if (argc != 3 || blockScanner().name != wanted) {
+        return argc == 3 ? 1 : 0;
+    }
     std::ifstream file(argv[2], std::ios::binary);
     const std::string answer{std::istreambuf_iterator<char>(file), {}};
+    constexpr std::size_t chunkBytes = 16384;
     CountingReader reader;
     for (std::size_t at = 0; at < answer.size(); at += chunkBytes) {
         reader.addData(answer.data() + at, std::min(chunkBytes, answer.size() - at));
