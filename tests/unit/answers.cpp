@@ -83,7 +83,8 @@ std::string randomAnswer(const std::vector<Answer> &answers, std::mt19937 &rando
     text.resize(isWhole ? text.size() : below(text.size() + 1));
     for (std::size_t count = below(isWhole ? 5 : 40); count > 0; --count) {
         const std::size_t at = isWhole ? below(text.size() + 1) : text.size();
-        text.replace(at, below(6), tokens[below(tokens.size())]);
+        const std::string &token = tokens[below(tokens.size())];
+        text.replace(at, below(6), token);
     }
     return text;
 }

@@ -74,14 +74,17 @@ TEST(SearchReader, SeesTheSameWhereverARecordedAnswerIsCut)
     }
 }
 
-TEST(SearchReader, HoldsNoMoreOfAStringThanItNeeds)
+TEST(SearchReader, HoldsStringsThatItNeedsAndTellsHowMuch)
 {
-    Search::Fast reader;
-    feed(reader, R"({"hits":{"hits":[{"_id":"a","_source":{"b":1},"c":")");
+    Search::Fast wanted, unwanted;
+    feed(wanted, R"({"_scroll_id":")");
+    feed(unwanted, R"({"hits":{"hits":[{"_id":"a","_source":{"b":1},"c":")");
     for (int i = 0; i < 1000; ++i) {
-        feed(reader, "a long string");
+        feed(wanted, "a long string");
+        feed(unwanted, "a long string");
     }
-    EXPECT_LE(reader.pendingBytes(), 20U);
+    EXPECT_GE(wanted.pendingBytes(), 13000U);
+    EXPECT_LE(unwanted.pendingBytes(), 20U);
 }
 
 template <class Kind>
