@@ -47,7 +47,12 @@ struct TermAggResultParserInterface::Grammar {
 };
 
 TermAggResultParserInterface::TermAggResultParserInterface(bool collectValues_)
-    : jsonCtx(std::make_unique<JsonParseCtx>(blockScanners().front())), collectValues(collectValues_)
+    : TermAggResultParserInterface(collectValues_, blockScanners().front())
+{
+}
+
+TermAggResultParserInterface::TermAggResultParserInterface(bool collectValues_, const BlockScanner &scanner)
+    : jsonCtx(std::make_unique<JsonParseCtx>(scanner)), collectValues(collectValues_)
 {
     // Room for an ordinary list of keys.
     valueList.reserve(65536);

@@ -11,6 +11,7 @@
 namespace zq::elasticsearch
 {
 
+struct BlockScanner;
 class JsonParseCtx;
 
 /// Reads one response while it arrives, and hands each terms aggregation below the aggregation "rootagg" to
@@ -26,6 +27,8 @@ class VELTRANE_EXPORT TermAggResultParserInterface
 public:
     /// Without `collectValues` the keys are only counted.
     explicit TermAggResultParserInterface(bool collectValues);
+    /// With one way of scanning instead of the fastest.
+    TermAggResultParserInterface(bool collectValues, const BlockScanner &scanner);
     virtual ~TermAggResultParserInterface();
     TermAggResultParserInterface(const TermAggResultParserInterface &) = delete;
     TermAggResultParserInterface &operator=(const TermAggResultParserInterface &) = delete;

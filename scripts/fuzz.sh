@@ -32,7 +32,7 @@ fuzz() {
         echo "== $target, $1 minutes"
         shown=12
         "$bin/$target" -max_total_time="$(($1 * 60))" -max_len=8192 -timeout=10 -print_final_stats=1 \
-            -dict=tests/fuzz/fuzz.dict -artifact_prefix="$findings/$target-" \
+            -dict=tests/data/tokens.dict -artifact_prefix="$findings/$target-" \
             "$reached/$target" "$corpus/$target" 2>"$findings/$target.log" || status=1 shown=60
         tail -n "$shown" "$findings/$target.log"
     done
@@ -55,12 +55,13 @@ minimise() {
     done
 }
 
+# What the corpus reaches with the scanners of this processor; those of other kinds of processors are not compiled.
 coverage() {
     cmake -S . -B build/coverage -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_MODULE=OFF \
         -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS="-fprofile-instr-generate -fcoverage-mapping" >/dev/null
-    cmake --build build/coverage --target corpusTests -- --quiet
-    program=build/coverage/tests/fuzz/corpusTests
-    LLVM_PROFILE_FILE=$program.profraw "$program" --gtest_brief=1
+    cmake --build build/coverage --target unitTests -- --quiet
+    program=build/coverage/tests/unit/unitTests
+    LLVM_PROFILE_FILE=$program.profraw "$program" --gtest_brief=1 --gtest_filter='Corpus.*'
     llvm-profdata merge -o $program.profdata $program.profraw
     llvm-cov report $program -instr-profile=$program.profdata -show-region-summary=false \
         elasticsearch src/parameterText.cpp

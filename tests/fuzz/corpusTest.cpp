@@ -1,32 +1,25 @@
 // Every fuzz target over every file of its corpus: what fuzzing once reached stays tested.
+#include "answers.h"
 #include "targets.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
-namespace
+TEST(Corpus, HasNoFinding)
 {
-
-void replay(const char *name, std::string (*target)(std::string_view))
-{
-    int files = 0;
-    for (const auto &entry : std::filesystem::directory_iterator(std::filesystem::path(CORPUS_DIR) / name)) {
-        std::ifstream file(entry.path(), std::ios::binary);
-        const std::string input((std::istreambuf_iterator<char>(file)), {});
-        EXPECT_TRUE(file) << entry.path();
-        EXPECT_EQ(target(input), "") << entry.path();
-        ++files;
+    using Target = std::string (*)(std::string_view);
+    const std::pair<std::string, Target> targets[] = {{"searchReader", searchReader},
+                                                      {"termAggReader", termAggReader},
+                                                      {"idDecoder", idDecoder},
+                                                      {"jsonEscaper", jsonEscaper},
+                                                      {"params", params}};
+    for (const auto &[name, target] : targets) {
+        int files = 0;
+        for (const auto &file : std::filesystem::directory_iterator(TEST_DATA_DIR "/corpus/" + name)) {
+            EXPECT_EQ(target(contentOf(file.path())), "") << file.path();
+            ++files;
+        }
+        EXPECT_GT(files, 10) << name;
     }
-    EXPECT_GT(files, 0) << "the corpus is empty";
 }
-
-TEST(Corpus, SearchReader) { replay("searchReader", searchReader); }
-TEST(Corpus, TermAggReader) { replay("termAggReader", termAggReader); }
-TEST(Corpus, IdDecoder) { replay("idDecoder", idDecoder); }
-TEST(Corpus, JsonEscaper) { replay("jsonEscaper", jsonEscaper); }
-TEST(Corpus, Params) { replay("params", params); }
-
-} // namespace

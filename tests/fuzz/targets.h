@@ -5,7 +5,9 @@
 #include <string>
 #include <string_view>
 
-/// The streaming readers against the reference readers; the input is a chunkedText.
+/// The streaming readers against the reference readers. The first byte of the input says how many of the next
+/// bytes are sizes of chunks (0 to 15), which are used in turn; without sizes the text behind them stays
+/// whole.
 std::string searchReader(std::string_view input);
 std::string termAggReader(std::string_view input);
 /// The decoder of document ids; the input is what stands between the quotes.

@@ -7,53 +7,45 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
+#include <string_view>
 
 using namespace zq::elasticsearch;
 
 namespace
 {
 
-constexpr std::size_t chunkBytes = 16384;
-
-class CountingReader : public SearchResultParserInterface
-{
-public:
+struct CountingReader : SearchResultParserInterface {
     using SearchResultParserInterface::SearchResultParserInterface;
+
+    int documents = 0;
 
     void onNewDocument(const std::string &, const std::string &, const std::string &, const std::string &,
                        const std::string &) override
     {
         ++documents;
     }
-
-    int documents = 0;
 };
-
-const BlockScanner &scannerOf(const std::string &name)
-{
-    for (const BlockScanner &scanner : blockScanners()) {
-        if (scanner.name == name) {
-            return scanner;
-        }
-    }
-    throw std::invalid_argument("no scanner " + name);
-}
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc != 3) {
-        for (const BlockScanner &scanner : blockScanners()) {
+    const BlockScanner *wanted = nullptr;
+    for (const BlockScanner &scanner : blockScanners()) {
+        if (argc != 3) {
             std::cout << scanner.name << '\n';
+        } else if (scanner.name == std::string_view(argv[1])) {
+            wanted = &scanner;
         }
-        return 0;
+    }
+    if (!wanted) {
+        return argc == 3 ? 1 : 0;
     }
     std::ifstream file(argv[2], std::ios::binary);
     const std::string answer{std::istreambuf_iterator<char>(file), {}};
-    CountingReader reader(scannerOf(argv[1]));
+    constexpr std::size_t chunkBytes = 16384;
+    CountingReader reader(*wanted);
     for (std::size_t at = 0; at < answer.size(); at += chunkBytes) {
         reader.addData(answer.data() + at, std::min(chunkBytes, answer.size() - at));
     }

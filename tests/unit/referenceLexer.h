@@ -4,57 +4,44 @@
 #include <string>
 
 struct ReferenceLexer {
-    int prevArrayDepth = 0;
-    int arrayDepth = 0;
-    int prevObjectDepth = 0;
-    int objectDepth = 0;
-    bool stringClosed = false;
-    bool valueClosed = false;
-    bool escapePending = false;
-    bool inString = false;
-    bool inValue = false;
-    std::string stringText;
-    std::string valueText;
+    int arrayDepth = 0, objectDepth = 0;
+    int prevArrayDepth = 0, prevObjectDepth = 0; ///< before the last byte
+    bool stringClosed = false, valueClosed = false;
+    bool inString = false, inValue = false, escapePending = false;
+    std::string stringText, valueText;
 
     void step(char c)
     {
         prevArrayDepth = arrayDepth;
         prevObjectDepth = objectDepth;
-        stringClosed = false;
-        valueClosed = false;
+        stringClosed = valueClosed = false;
         const bool isQuote = c == '"' && !escapePending;
         escapePending = c == '\\' && !escapePending;
-        if (isQuote && inString) {
-            inString = false;
-            stringClosed = true;
-        } else if (isQuote) {
-            inString = true;
-            stringText.clear();
-        } else if (inString) {
-            stringText += c;
-        } else {
+        if (!isQuote && !inString) {
             takeOutsideString(c);
             return;
         }
-        if (inValue) {
-            valueText += c;
+        valueText += inValue ? std::string(1, c) : "";
+        if (!isQuote) {
+            stringText += c;
+            return;
         }
+        stringText = inString ? stringText : "";
+        stringClosed = inString;
+        inString = !inString;
     }
 
 private:
     void takeOutsideString(char c)
     {
-        arrayDepth += c == '[' ? 1 : c == ']' ? -1 : 0;
-        objectDepth += c == '{' ? 1 : c == '}' ? -1 : 0;
-        if (c == '[' || c == ']' || c == '{') {
-            inValue = false;
+        arrayDepth += (c == '[') - (c == ']');
+        objectDepth += (c == '{') - (c == '}');
+        if (c == '[' || c == ']' || c == '{' || c == ':') {
+            inValue = c == ':';
             valueText.clear();
-        } else if (c == ':') {
-            inValue = true;
-            valueText.clear();
-        } else if ((c == ',' || c == '}') && inValue) {
+        } else if (c == ',' || c == '}') {
+            valueClosed = inValue;
             inValue = false;
-            valueClosed = true;
         } else if (inValue) {
             valueText += c;
         }

@@ -18,109 +18,67 @@ public:
     {
         for (std::size_t i = 0; i < length && !errorFlag; ++i) {
             lexer.step(data[i]);
-            switch (lexer.objectDepth) {
-            case 1:
-                atDepth1();
-                break;
-            case 2:
-                atDepth2();
-                break;
-            case 3:
-                atDepth3();
-                break;
-            case 4:
-                atDepth4();
-                break;
-            case 5:
-                atDepth5();
-                break;
-            }
+            const bool ended = lexer.stringClosed || lexer.objectDepth < lexer.prevObjectDepth;
+            takeOutside(lexer.objectDepth, lexer.stringClosed && lexer.arrayDepth == 0, ended);
+            takeInside(lexer.objectDepth);
         }
         return !errorFlag;
     }
 
-    bool finish() { return lexer.objectDepth != 0 || lexer.arrayDepth != 0 ? false : !errorFlag; }
-
+    bool finish() const { return lexer.objectDepth == 0 && lexer.arrayDepth == 0 && !errorFlag; }
     const std::string &getErrorMessage() const { return errorMessage; }
 
 private:
-    void atDepth1()
+    void takeOutside(int depth, bool isName, bool ended)
     {
-        if (lexer.prevObjectDepth == 2 || lexer.stringClosed) {
-            inAggregations = false;
+        const std::string &text = lexer.stringText;
+        if (depth == 1 && ended) {
+            inAggregations = isName && text == "aggregations";
+            if (isName && errorKeySeen && !inAggregations && text != "error") {
+                fail(text);
+            }
+            errorKeySeen = errorKeySeen || (isName && text == "error");
+        } else if (depth == 2 && ended) {
+            inRootAgg = isName && inAggregations && text == "rootagg";
+        } else if (depth == 3 && ended) {
+            if (owner != "") {
+                onAttributes(owner, count, (values == "" ? "[" : values) + "]");
+            }
+            values = "";
+            count = 0;
+            owner = isName && inRootAgg && text != "doc_count" ? text : "";
         }
-        if (lexer.stringClosed && lexer.arrayDepth == 0) {
-            if (lexer.stringText == "aggregations") {
-                inAggregations = true;
-            } else if (lexer.stringText == "error") {
-                errorKeySeen = true;
-            } else if (errorKeySeen) {
-                errorKeySeen = false;
-                errorMessage = lexer.stringText;
-                errorFlag = true;
+    }
+
+    void takeInside(int depth)
+    {
+        if (depth == 4) {
+            const bool isName = lexer.stringClosed && lexer.arrayDepth == 0;
+            inBuckets = inBuckets || (isName && owner != "" && lexer.stringText == "buckets");
+            if (keyIsNext) {
+                fail("Parsing error, fail to retrieve field value");
+            }
+        } else if (depth == 5 && lexer.arrayDepth == 1 && inBuckets) {
+            if (keyIsNext && lexer.valueClosed) {
+                keyIsNext = false;
+                values += collectValues ? (values == "" ? "[" : ",") + lexer.valueText : "";
+                count += 1;
+            } else if (!keyIsNext && lexer.stringClosed) {
+                keyIsNext = lexer.stringText == "key";
             }
         }
     }
 
-    void atDepth2()
+    void fail(const std::string &message)
     {
-        if (lexer.prevObjectDepth == 3 || lexer.stringClosed) {
-            inRootAgg = false;
-        }
-        if (lexer.stringClosed && lexer.arrayDepth == 0 && lexer.stringText == "rootagg" && inAggregations) {
-            inRootAgg = true;
-        }
-    }
-
-    void atDepth3()
-    {
-        if (lexer.prevObjectDepth == 4 || lexer.stringClosed) {
-            if (bucketOwner != "") {
-                onAttributes(bucketOwner, valueCount, (valueList == "" ? "[" : valueList) + "]");
-            }
-            valueList = bucketOwner = "";
-            valueCount = 0;
-            if (lexer.arrayDepth == 0 && lexer.stringClosed && inRootAgg && lexer.stringText != "doc_count") {
-                bucketOwner = lexer.stringText;
-            }
-        }
-    }
-
-    void atDepth4()
-    {
-        if (lexer.stringClosed && lexer.arrayDepth == 0 && bucketOwner != "" &&
-            lexer.stringText == "buckets") {
-            inBuckets = true;
-        }
-        if (expectKeyValue) {
-            errorFlag = true;
-            errorMessage = "Parsing error, fail to retrieve field value";
-        }
-    }
-
-    void atDepth5()
-    {
-        if (lexer.arrayDepth == 1 && inBuckets) {
-            if (expectKeyValue && lexer.valueClosed) {
-                expectKeyValue = false;
-                if (collectValues) {
-                    valueList += (valueList == "" ? "[" : ",") + lexer.valueText;
-                }
-                valueCount += 1;
-            } else if (!expectKeyValue && lexer.stringClosed) {
-                expectKeyValue = lexer.stringText == "key";
-            }
-        }
+        errorFlag = true;
+        errorMessage = message;
     }
 
     ReferenceLexer lexer;
-    std::string errorMessage, bucketOwner, valueList;
-    int valueCount = 0;
-    bool errorFlag = false;
-    bool errorKeySeen = false;
-    bool inAggregations = false;
-    bool inRootAgg = false;
-    bool inBuckets = false;
-    bool expectKeyValue = false;
+    std::string errorMessage, owner, values;
+    int count = 0;
+    bool errorFlag = false, errorKeySeen = false, inAggregations = false, inRootAgg = false;
+    bool inBuckets = false, keyIsNext = false;
     const bool collectValues;
 };

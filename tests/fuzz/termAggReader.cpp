@@ -1,5 +1,0 @@
-#include "chunkedText.h"
-#include "targets.h"
-#include "termAggTranscript.h"
-
-std::string termAggReader(std::string_view input) { return termAggDisagreement(chunksOf(input)); }

@@ -1,0 +1,138 @@
+// The readers against the reference readers, which take every byte by itself, and against what was worked out
+// by hand or counted by other programs.
+#include "answers.h"
+#include "comparison.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace
+{
+
+// The address sanitizer makes all of it slow: with it recordings are cut at every fifth byte, which still
+// meets every place in a block, and there are fewer random texts.
+#ifdef __SANITIZE_ADDRESS__
+constexpr unsigned thinning = 5;
+#else
+constexpr unsigned thinning = 1;
+#endif
+
+/// Where the readers differ in a text that is cut in each of these ways.
+template <class Kind>
+std::string differenceInAll(std::string_view text, const std::vector<std::vector<std::size_t>> &ways)
+{
+    std::string difference;
+    for (const std::vector<std::size_t> &sizes : ways) {
+        difference += differenceIn<Kind>(cut(text, sizes));
+    }
+    return difference;
+}
+
+template <class Kind>
+void expectWhatWasWorkedOut()
+{
+    const std::vector<Answer> answers = handMade(Kind::Fast::handMade);
+    for (const Answer &answer : answers) {
+        typename Kind::Fast reader;
+        feed(reader, answer.text);
+        EXPECT_EQ(answer.expected.empty() ? "" : reader.events + reader.state(), answer.expected)
+            << answer.name;
+    }
+    EXPECT_GT(answers.size(), 20U);
+}
+
+TEST(SearchReader, ReadsHandMadeAnswers) { expectWhatWasWorkedOut<Search>(); }
+TEST(TermAggReader, ReadsHandMadeAnswers) { expectWhatWasWorkedOut<TermAgg<true>>(); }
+
+/// What is not counted is refused: the errors, and an id that is not allowed.
+TEST(SearchReader, ReadsRecordedAnswers)
+{
+    std::map<std::string, std::string> counted;
+    for (const Answer &answer : handMade("recorded.txt")) {
+        counted[answer.name] = answer.expected;
+    }
+    for (const Answer &answer : recordings()) {
+        Search::Fast reader;
+        feed(reader, answer.text);
+        const std::string expected = counted[answer.name],
+                          shown = std::to_string(reader.events.size()) + " bytes of hits, " + reader.state();
+        EXPECT_EQ(shown.substr(0, expected.size()), expected) << answer.name;
+        EXPECT_EQ(reader.finish(nullptr), !expected.empty()) << answer.name;
+        counted.erase(answer.name);
+    }
+    EXPECT_TRUE(counted.empty());
+}
+
+/// To cut the large ones in two at every byte would take time by the square of their length.
+TEST(SearchReader, SeesTheSameWhereverARecordedAnswerIsCut)
+{
+    for (const Answer &answer : recordings()) {
+        const std::size_t stride = answer.text.size() < 20000 ? thinning : 251;
+        EXPECT_EQ(differenceWhenCut<Search>(answer.text, stride), "") << answer.name;
+        EXPECT_EQ(differenceInAll<Search>(answer.text, {{1, 60}, {7, 64, 0}, {16384}}), "") << answer.name;
+    }
+}
+
+TEST(SearchReader, HoldsStringsThatItNeedsAndTellsHowMuch)
+{
+    Search::Fast wanted, unwanted;
+    feed(wanted, R"({"_scroll_id":")");
+    feed(unwanted, R"({"hits":{"hits":[{"_id":"a","_source":{"b":1},"c":")");
+    for (int i = 0; i < 1000; ++i) {
+        feed(wanted, "a long string");
+        feed(unwanted, "a long string");
+    }
+    EXPECT_GE(wanted.pendingBytes(), 13000U);
+    EXPECT_LE(unwanted.pendingBytes(), 20U);
+}
+
+template <class Kind>
+class Reader : public testing::Test
+{
+};
+
+using Kinds = testing::Types<Search, TermAgg<true>, TermAgg<false>>;
+TYPED_TEST_SUITE(Reader, Kinds);
+
+/// Cutting moves the blocks that the scanners take, so that each meets every byte at every place.
+TYPED_TEST(Reader, SeesTheSameWhereverAHandMadeAnswerIsCut)
+{
+    for (const Answer &answer : handMade(TypeParam::Fast::handMade)) {
+        EXPECT_EQ(differenceWhenCut<TypeParam>(answer.text, 1), "") << answer.name;
+        EXPECT_EQ(differenceInAll<TypeParam>(answer.text, {{1}, {3, 0}, {7}, {64}}), "") << answer.name;
+    }
+}
+
+TYPED_TEST(Reader, SeesTheSameInRandomTexts)
+{
+    const std::vector<Answer> answers = handMade(TypeParam::Fast::handMade);
+    for (unsigned seed = 1; seed <= 20000 / thinning; ++seed) {
+        std::mt19937 random(seed);
+        const std::string text = randomAnswer(answers, random);
+        const auto some = [&](std::size_t limit) { return random() % limit; };
+        ASSERT_EQ(differenceInAll<TypeParam>(text, {{1}, {1000}, {some(9), some(20), some(200)}}), "")
+            << "seed " << seed << ", text:\n"
+            << text;
+    }
+}
+
+/// Runs of backslashes of every length at every place in and across two blocks, each before a quote.
+TYPED_TEST(Reader, CountsBackslashesAcrossBlocks)
+{
+    for (std::size_t start = 0; start < 2 * zq::elasticsearch::blockBytes; ++start) {
+        for (std::size_t run = 0; run <= zq::elasticsearch::blockBytes + 3; ++run) {
+            const std::string text = R"({"error":)" + std::string(start, ' ') + '"' + std::string(run, '\\') +
+                                     R"(","a":"\\",[{"b":1}]})";
+            ASSERT_EQ(differenceInAll<TypeParam>(text, {{61}, {1000}}), "") << start << " " << run;
+        }
+    }
+}
+
+TYPED_TEST(Reader, CountsDeepNestingOnly)
+{
+    const std::string text = std::string(100000, '[') + std::string(100000, '{');
+    EXPECT_EQ(differenceIn<TypeParam>(cut(text, {4097})), "");
+}
+
+} // namespace
