@@ -4,12 +4,13 @@ import json
 
 import pytest
 
-from conftest import bodies
-
-pytestmark = pytest.mark.every_version
+import test_failures
+from conftest import COLUMNS, bodies
+from scriptedserver import answer, hits, named
 
 QUERY = 'query={"match":{"title":"whales"}}'
-REFUSED = ("HV000", "es search result bigger than batch size, use a scroll")
+ARM = f"SELECT docname FROM books WHERE param = '{QUERY}'"
+REFUSED = "HV000", test_failures.TOO_MANY
 
 
 @pytest.fixture
@@ -24,41 +25,31 @@ def copies(db, search):
     return db
 
 
-# A query over {books}, and the size that it may ask for: the limit, or None for all.
-QUERIES = [
-    ("SELECT docname FROM {books} WHERE {param} LIMIT 5", 5),
-    ("SELECT docname FROM {books} WHERE {param} LIMIT 5 OFFSET 2", 7),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC LIMIT 5", 5),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC NULLS LAST LIMIT 5", 5),
-    ("SELECT docname FROM (SELECT * FROM {books} WHERE {param} LIMIT 5) s WHERE docname LIKE '%1'", 5),
-    ("SELECT upper(docname) FROM {books} WHERE {param} AND doctype IN ('book', 'essay') LIMIT 5", 5),
-    ("SELECT docname FROM {books} WHERE {param} AND length(docname) > 3 AND docname LIKE '%9' LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} AND doctype LIKE 'e%' LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} ORDER BY docname LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} ORDER BY docname DESC LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score + 1 DESC LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC, docname DESC LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC FETCH FIRST 5 ROWS WITH TIES", None),
-    ("SELECT docname FROM {books} JOIN local USING (docname) WHERE {param} AND n > 200 ORDER BY n LIMIT 5", None),
-    ("SELECT docname FROM {books} JOIN local USING (docname) WHERE {param} AND n > 200 LIMIT 25", None),
-    ("SELECT b.docname, n FROM {books} b RIGHT JOIN local l ON b.docname = l.docname AND {param} "
-     "WHERE n > 245 LIMIT 4", None),
-    ("SELECT docname FROM {books} WHERE {param} AND docname IN (SELECT docname FROM local WHERE n > 200) LIMIT 25",
-     None),
-    ("SELECT docname FROM {books} WHERE {param} AND docname NOT IN (SELECT docname FROM local WHERE n < 205) LIMIT 22",
-     None),
-    ("SELECT DISTINCT doctype FROM {books} WHERE {param} LIMIT 2", None),
-    ("SELECT doctype, count(*) FROM {books} WHERE {param} GROUP BY doctype ORDER BY 1 LIMIT 1", None),
-    ("SELECT max(docname) FROM {books} WHERE {param} LIMIT 1", None),
-    ("SELECT docname, count(*) OVER () FROM {books} WHERE {param} LIMIT 1", None),
-    ("SELECT generate_series(1, 2), docname FROM {books} WHERE {param} LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} LIMIT length(current_setting('application_name')) + 5", None),
-    ("SELECT docname FROM {books} WHERE {param} LIMIT (SELECT 5)", None),
-    ("SELECT n FROM local WHERE n < 3 AND EXISTS (SELECT FROM {books} WHERE {param} AND docname > 'b24' LIMIT 1) "
-     "ORDER BY n LIMIT 2", None),
-    ("SELECT docname FROM {books} WHERE {param} UNION SELECT docname FROM local ORDER BY 1 DESC LIMIT 3", None),
-]
+# What stands around "FROM {books} WHERE {param}", and the size that the query may ask for: the limit, or None for all.
+QUERIES = [(start + " FROM {books} WHERE {param} " + end, size) for start, end, size in [
+    ("SELECT docname", "LIMIT 5", 5), ("SELECT docname", "LIMIT 5 OFFSET 2", 7),
+    ("SELECT docname, score", "ORDER BY score DESC LIMIT 5", 5),
+    ("SELECT docname, score", "ORDER BY score DESC NULLS LAST LIMIT 5", 5),
+    ("SELECT docname FROM (SELECT *", "LIMIT 5) s WHERE docname LIKE '%1'", 5),
+    ("SELECT upper(docname)", "AND doctype IN ('book', 'essay') LIMIT 5", 5),
+    ("SELECT docname", "AND length(docname) > 3 AND docname LIKE '%9' LIMIT 5", None),
+    ("SELECT docname", "AND doctype LIKE 'e%' LIMIT 5", None),
+    *[("SELECT docname, score", f"ORDER BY {order} LIMIT 5", None) for order in (
+        "docname", "docname DESC", "score", "score + 1 DESC", "score DESC, docname DESC")],
+    ("SELECT docname, score", "ORDER BY score DESC FETCH FIRST 5 ROWS WITH TIES", None),
+    ("SELECT docname", "AND docname IN (SELECT docname FROM local WHERE n > 200) LIMIT 25", None),
+    ("SELECT docname", "AND docname NOT IN (SELECT docname FROM local WHERE n < 205) LIMIT 22", None),
+    ("SELECT DISTINCT doctype", "LIMIT 2", None), ("SELECT max(docname)", "LIMIT 1", None),
+    ("SELECT doctype, count(*)", "GROUP BY doctype ORDER BY 1 LIMIT 1", None),
+    ("SELECT docname, count(*) OVER ()", "LIMIT 1", None), ("SELECT generate_series(1, 2), docname", "LIMIT 5", None),
+    ("SELECT docname", "LIMIT length(current_setting('application_name')) + 5", None),
+    ("SELECT docname", "LIMIT (SELECT 5)", None),
+    ("SELECT n FROM local WHERE n < 3 AND EXISTS (SELECT", "AND docname > 'b24' LIMIT 1) ORDER BY n LIMIT 2", None),
+    ("SELECT docname", "UNION SELECT docname FROM local ORDER BY 1 DESC LIMIT 3", None)]]
+QUERIES += [(query, None) for query in [
+    "SELECT docname FROM {books} JOIN local USING (docname) WHERE {param} AND n > 200 ORDER BY n LIMIT 5",
+    "SELECT docname FROM {books} JOIN local USING (docname) WHERE {param} AND n > 200 LIMIT 25",
+    "SELECT b.docname, n FROM {books} b RIGHT JOIN local l ON b.docname = l.docname AND {param} WHERE n > 245 LIMIT 4"]]
 
 
 @pytest.mark.parametrize("query, size", QUERIES)
@@ -67,10 +58,9 @@ def test_rows_are_those_of_all_documents(copies, search, query, size):
         pytest.skip("the server does not know WITH TIES")
     expected = copies.run(query.format(books="found", param="true"))
     rows = copies.run(query.format(books="books", param=f"param = '{QUERY}'"))
-    if " ORDER BY " in query and "ORDER BY score DESC LIMIT" not in query and "NULLS LAST" not in query:
-        assert rows == expected
-    elif size is None:
-        assert sorted(map(str, rows)) == sorted(map(str, expected))
+    if size is None:
+        ordered = " ORDER BY " in query
+        assert (rows if ordered else sorted(map(str, rows))) == (expected if ordered else sorted(map(str, expected)))
     else:  # equal scores, or no order at all: any of the hits, and as many
         assert len(rows) == len(expected) and len(set(rows)) == len(rows)
         assert [row[1:] for row in rows] == [row[1:] for row in expected]
@@ -79,16 +69,27 @@ def test_rows_are_those_of_all_documents(copies, search, query, size):
     assert outcome == REFUSED if size is None else isinstance(outcome, list)
 
 
+@pytest.mark.parametrize("total", ["{}", '{{"value":{},"relation":"eq"}}'])
+def test_more_hits_than_a_batch(db, scripted, total):
+    """A batch of 100 is enough for as many hits, or for a limit that it holds."""
+    db.make_table(port=scripted.port)
+    for count, limit, refused in ((250, "", 1), (250, "LIMIT 101", 1), (250, "LIMIT 100", 0), (250, "LIMIT 10", 0),
+                                  (250, "LIMIT 60 OFFSET 40", 0), (250, "LIMIT 60 OFFSET 41", 1), (101, "", 1),
+                                  (100, "", 0), (3, "LIMIT 500", 0), (2**32, "", 1)):
+        scripted.script = answer(hits(*named("a"), total=total.format(count)))
+        rows = [] if "OFFSET" in limit else [("a",)]
+        assert db.outcome(f"{ARM} {limit}") == (REFUSED if refused else rows), (count, limit)
+
+
 def test_the_place_of_the_score_is_not_enough(db, search):
-    db.make_table(columns="docname text, doccontent bytea, rank real, doctype text, highlights bytea, param text",
-                  batchsize=1000)
-    assert len(db.run(f"SELECT docname FROM books WHERE param = '{QUERY}' ORDER BY rank DESC LIMIT 5")) == 5
+    db.make_table(columns=COLUMNS.replace("score", "rank"), batchsize=1000)
+    assert len(db.run(f"{ARM} ORDER BY rank DESC LIMIT 5")) == 5
     assert [json.loads(body)["size"] for body in bodies(search)] == [1000]
 
 
 def test_a_limit_in_a_cached_plan(copies, search):
     """A plan that serves several limits must not keep the first one."""
-    copies.run(f"PREPARE p(bigint) AS SELECT docname FROM books WHERE param = '{QUERY}' LIMIT $1")
+    copies.run(f"PREPARE p(bigint) AS {ARM} LIMIT $1")
     assert [len(copies.run(f"EXECUTE p({limit})")) for limit in (2, 120, "NULL")] == [2, 120, 125]
     assert [json.loads(body)["size"] for body in bodies(search)] == [2, 120, 1000]  # a plan for each
     copies.make_generic("EXECUTE p(1)")
@@ -97,7 +98,6 @@ def test_a_limit_in_a_cached_plan(copies, search):
 
 def test_arms_of_a_union(copies, search):
     """Each arm needs as many rows as the query at most, so the limit serves each of them."""
-    arm = f"SELECT docname FROM books WHERE param = '{QUERY}'"
-    assert len(copies.run(f"{arm} UNION ALL {arm} LIMIT 3")) == 3
-    assert len(copies.run(f"{arm} UNION ALL {arm} LIMIT 130")) == 130
+    for limit in (3, 130):
+        assert len(copies.run(f"{ARM} UNION ALL {ARM} LIMIT {limit}")) == limit
     assert {json.loads(body)["size"] for body in bodies(search)} <= {3, 130, 1000}
