@@ -2,49 +2,30 @@
 
 What must be the same with all of them is tested where the tests are marked with every_version.
 """
-import contextlib
-
 import pytest
 
 import demo
-from conftest import VERSIONS, Database, SearchServer
+import test_failures
+from conftest import VERSIONS, Database, SearchServer, new_database
 from queries import TOUR
 
 SCROLL = {"connectortype": "elasticsearchscroll"}
 SEARCH = "SELECT docname FROM books WHERE param = 'query={\"match_all\":{}}'"
 NAMES = [(f"b{number:03}",) for number in range(250)]
-TOO_MANY = "HV000", "es search result bigger than batch size, use a scroll"
-
-
-@pytest.fixture
-def at(db, library):
-    """at(version, esversion, ...): moves `books` to the search server of a version, which it returns."""
-    def move(version, esversion, **options):
-        server = library(version)
-        server.expire_scrolls()
-        db.make_table(port=server.port, esversion=esversion, **options)
-        return server
-    return move
-
-
 NO_HANDLER = '":"no handler found for uri [/books//_search] and method [POST]"}'
 
 
-@pytest.mark.parametrize("esversion", [None, 6])
 @pytest.mark.parametrize("version", [8, 9])
-@pytest.mark.parametrize("clause, body", [
-    ("param = 'query={\"match\":{\"number\":7}}'", '{"query":{"match":{"number":7}},"size":100,"_source":false}'),
-    ("docname = 'b007'", '{"query":{"terms":{"_id":["b007"]}},"size":1,"_source":false}')],
-    ids=["search", "look-up"])
-def test_a_path_that_is_routed_no_more(db, at, version, esversion, clause, body):
-    at(version, esversion)
-    db.run(f"PREPARE p AS SELECT docname FROM books WHERE {clause}")
-    assert db.failure("EXECUTE p") == ("HV000", "ElasticSearch error")
-    db.run("ALTER FOREIGN TABLE books OPTIONS (ADD fullerrormsg 'true')")
-    assert db.failure("EXECUTE p") == (
-        "HV000", f"ElasticSearch error, query was '{body}', error was '{NO_HANDLER}'")
-    db.run(f"ALTER FOREIGN TABLE books OPTIONS ({'SET' if esversion else 'ADD'} esversion '{version}')")
-    assert db.run("EXECUTE p") == [("b007",)]
+def test_a_path_that_is_routed_no_more(db, library, version):
+    for esversion in (None, 6):
+        for clause, query in (("param = 'query={\"match\":{\"number\":7}}'", '{"match":{"number":7}},"size":100'),
+                              ("docname = 'b007'", '{"terms":{"_id":["b007"]}},"size":1')):
+            db.make_table(port=library(version).port, esversion=esversion, fullerrormsg="true")
+            db.run(f"DEALLOCATE ALL; PREPARE p AS SELECT docname FROM books WHERE {clause}")
+            body = f'{{"query":{query},"_source":false}}'
+            assert db.failure("EXECUTE p")[1] == f"ElasticSearch error, query was '{body}', error was '{NO_HANDLER}'"
+            db.run(f"ALTER FOREIGN TABLE books OPTIONS ({'SET' if esversion else 'ADD'} esversion '{version}')")
+            assert db.run("EXECUTE p") == [("b007",)]
 
 
 UNKNOWN = "request [/_search/scroll] contains unrecognized parameter: [scroll_id]"
@@ -59,60 +40,43 @@ SCROLLS = [
 
 
 @pytest.mark.parametrize("index, version, esversion, refusal", SCROLLS)
-def test_scroll_ids(db, at, index, version, esversion, refusal):
+def test_scroll_ids(db, library, index, version, esversion, refusal):
     """An index of many shards has scroll ids that are too long for a URL."""
-    server = at(version, esversion, indexlist=index, fullerrormsg="true", **SCROLL)
+    server = library(version)
+    db.make_table(port=server.port, esversion=esversion, indexlist=index, fullerrormsg="true", **SCROLL)
     if "wide" not in server.cluster.indices:
         server.create_index("wide", 60)
         server.put_many("wide", [(name, {}) for (name,) in NAMES])
     outcome = db.outcome(SEARCH)
-    if refusal:
-        assert outcome[0] == "HV000" and outcome[1].startswith("ElasticSearch error, query was ''") and (
-            refusal in outcome[1])
-    else:
-        assert outcome == NAMES
+    assert outcome[1].startswith("ElasticSearch error, query was ''") and refusal in outcome[1] if refusal else (
+        outcome == NAMES)
     # A deletion that is refused fails no query, but the scroll stays open.
     server.expire_scrolls()
-    db.connection.autocommit = False
-    db.run("DECLARE c CURSOR FOR " + SEARCH)
-    assert db.run("FETCH 100 FROM c") == NAMES[:100]
-    db.run("CLOSE c")
+    assert db.run(SEARCH + " LIMIT 100") == NAMES[:100]
     assert server.open_scrolls() == (refusal is not None)
-    db.connection.rollback()
 
 
 @pytest.mark.every_version
-@pytest.mark.parametrize("generic", [False, True])
-def test_prepared_statements(db, search, generic):
-    db.make_table("pages", batchsize=20, **SCROLL)
-    for table in ("books", "pages"):
-        db.run(f"PREPARE search_{table}(text) AS SELECT docname FROM {table} WHERE param = $1")
-        db.run(f"PREPARE look_up_{table}(text[]) AS SELECT docname FROM {table} WHERE docname = ANY($1)")
-        if generic:
-            db.make_generic(f"EXECUTE search_{table}('x'); EXECUTE look_up_{table}('{{}}')")
-        for _ in range(2):
-            for least in (200, 240):
-                assert db.run(f"EXECUTE search_{table}(%s)", (
-                    f'query={{"range":{{"number":{{"gte":{least}}}}}}}',)) == NAMES[least:]
-            wanted = [name for (name,) in NAMES[:230]]
-            assert db.run(f"EXECUTE look_up_{table}(%s)", (wanted + ["no"],)) == NAMES[:230]
+def test_errors_of_the_search_server(db):
+    db.make_table(indexlist="nothere", fullerrormsg="true")
+    state, message = db.failure(SEARCH)
+    assert state == "HV000" and "index_not_found_exception" in message
+    assert message.startswith("ElasticSearch error, query was '{\"query\":{\"match_all\":{}},\"size\":100,")
 
 
 @pytest.mark.every_version
 def test_more_hits_than_are_counted(db, versions):
     """Servers count up to 10,000 hits unless they are told to go on: one more must not get lost unnoticed."""
-    version, esversion = versions
-    names = [f"{number:05}" for number in range(10_000)]
-    look_up = "SELECT count(*) FROM books WHERE docname = ANY(%s)"
-    with SearchServer(version) as server:
-        server.put_many("many", [(name, {}) for name in names])
-        server.put("more", names[-1], {})
-        for index in ("many", "many,more"):
-            db.make_table(port=server.port, esversion=esversion, indexlist=index, batchsize=10_000)
-            for statement, values in ((SEARCH.replace("docname", "count(*)"), None), (look_up, (names,))):
-                assert db.outcome(statement, values) == ([(10_000,)] if index == "many" else TOO_MANY)
-        db.make_table(port=server.port, esversion=esversion, indexlist="many,more", batchsize=10_000, **SCROLL)
-        assert db.run(look_up, (names,)) == db.run(SEARCH.replace("docname", "count(*)")) == [(10_001,)]
+    ids = [f"{number:05}" for number in range(10_000)]
+    statements = [("SELECT count(*) FROM books WHERE docname = ANY(%s)", (ids,)), (SEARCH.replace("docname", "count(*)"), ())]
+    with SearchServer(versions[0]) as server:
+        server.put_many("many", [(name, {}) for name in ids])
+        server.put("more", ids[-1], {})
+        for index, options, expected in (
+                ("many", {}, [(10_000,)]), ("many,more", {}, ("HV000", test_failures.TOO_MANY)),
+                ("many,more", SCROLL, [(10_001,)])):
+            db.make_table(port=server.port, esversion=versions[1], indexlist=index, batchsize=10_000, **options)
+            assert [db.outcome(*statement) for statement in statements] == [expected] * 2
 
 
 @pytest.mark.every_version
@@ -121,14 +85,13 @@ def test_partial_answers(db, search):
     if "four" not in search.cluster.indices:
         search.create_index("four", 4)
         search.put_many("four", [(name, {}) for (name,) in NAMES[:40]])
-    ahead, behind = NAMES[:10], NAMES[20:40]
-    middle = [name for number, name in enumerate(NAMES[:20]) if number >= 10 and number % 4]
-    for partial, options, rows, message in (
+    second_page_cut = [name for number, name in enumerate(NAMES[:40]) if number % 4 or not 10 <= number < 20]
+    for partial, options, rows, what in (
             ({"failed": 2, "unassigned": 1, "timed_out": True}, {}, NAMES[3:40:4],
              "timed out, 2 of 4 shards failed, 1 of 4 shards without an answer"),
-            ({"page": 2, "failed": 1}, SCROLL, ahead + middle + behind, "1 of 4 shards failed"),
+            ({"page": 2, "failed": 1}, SCROLL, second_page_cut, "1 of 4 shards failed"),
             ({"page": 3, "timed_out": True}, SCROLL, NAMES[:40], "timed out")):
-        message = "ElasticSearch answer is partial: " + message
+        message = f"ElasticSearch answer is partial: {what}"
         for reaction, expected, warnings in (("ignore", rows, []), (None, rows, [f"WARNING:  {message}\n"]),
                                              ("error", ("HV000", message), [])):
             db.make_table(indexlist="four", batchsize=10 if options else 100, partialresults=reaction, **options)
@@ -139,25 +102,16 @@ def test_partial_answers(db, search):
             assert db.outcome(SEARCH) == NAMES[:40]
 
 
-def tour(cluster, version):
+def tour(owner, version):
     """The rows of the demo's queries, with a search server of a version."""
-    with contextlib.ExitStack() as stack:
-        server = stack.enter_context(SearchServer(version))
+    with SearchServer(version) as server, new_database(owner, "tour") as db:
         url = f"http://127.0.0.1:{server.port}"
         assert demo.load_documents(url, "books") and not demo.load_documents(url, "books")
-        owner = Database(cluster, server.port)
-        stack.callback(owner.connection.close)
-        owner.run("CREATE DATABASE tour")
-        stack.callback(owner.run, "DROP DATABASE tour")
-        db = Database(cluster, server.port, "tour")
-        stack.callback(db.connection.close)
-        demo.create_tables(db.connection, cluster, url, "books")
+        demo.create_tables(db.connection, db.cluster, url, "books")
         return [[tuple(bytes(value) if isinstance(value, memoryview) else value for value in row)
                  for row in db.run(query)] for _, query in TOUR]
 
 
 def test_the_demo(cluster):
-    expected = tour(cluster, 7)
-    assert all(expected)
-    for version in (6, 8, 9):
-        assert tour(cluster, version) == expected
+    expected, *others = [tour(Database(cluster, 0), version) for version in (7, 6, 8, 9)]
+    assert all(expected) and others == [expected] * 3
