@@ -2,7 +2,11 @@
 import re
 import subprocess
 
+import pytest
+
 from conftest import module_path
+
+pytestmark = pytest.mark.unsanitized
 
 FUNCTIONS = {"veltranepgfdwinterfacehandler", "veltranepgfdwinterfacevalidator", "veltranepgfdw_text",
              "veltranepgfdw_jsonb"}
@@ -13,13 +17,12 @@ VERSION = {f"VeltranePgFdw3_0::Version::Get{name} const" for name in (
     "DescStringMajorMinorReleaseRevisionDate()")}
 READER = "zq::elasticsearch::TermAggResultParserInterface"
 COLLECTOR = "qm::pgFdw::TermAggResultParser"
-CLAUSES = {f"qm::pgFdw::analyseExpr{kind}" for kind in ("Int", "Bool")}
-FACILITIES = CLAUSES | {
-    f"{READER}::{name}" for name in (
+FACILITIES = {
+    "qm::pgFdw::analyseExprInt", "qm::pgFdw::analyseExprBool", f"{COLLECTOR}::TermAggResultParser",
+    f"{COLLECTOR}::onAttributes", *(f"{READER}::{name}" for name in (
         "TermAggResultParserInterface", "~TermAggResultParserInterface", "addData", "finish",
-        "onNextFieldIsAttributeValue")} | {
-    f"{COLLECTOR}::{name}" for name in ("TermAggResultParser", "onAttributes")} | {
-    f"{what} for {name}" for what in ("vtable", "typeinfo", "typeinfo name") for name in (READER, COLLECTOR)}
+        "onNextFieldIsAttributeValue")),
+    *(f"{what} for {name}" for what in ("vtable", "typeinfo", "typeinfo name") for name in (READER, COLLECTOR))}
 
 
 def test_exports():
