@@ -1,6 +1,5 @@
 """What the SQL tests share: a private cluster with the module, search servers, and short ways to ask both."""
 import contextlib
-import functools
 import os
 import re
 import socket
@@ -27,20 +26,16 @@ CRASH = re.compile(r"terminated by signal|PANIC|TRAP:|AddressSanitizer|runtime e
 VERSIONS = [(6, None), (6, 6), (7, None), (7, 7), (8, 8), (9, 9)]
 DEFAULT_VERSION = (int(os.environ.get("VELTRANE_SEARCH_VERSION", "7")),) * 2
 
-MARKERS = ["every_version: runs against a search server of each version",
-           "unsanitized: not for a module under sanitizers, because it measures memory, time or instructions, names "
-           "the module's libraries, or has nothing of the module in it"]
-
 
 def pytest_configure(config):
-    for marker in MARKERS:
-        config.addinivalue_line("markers", marker)
+    config.addinivalue_line("markers", "every_version: runs against a search server of each version")
+    config.addinivalue_line("markers", "unsanitized: not for a module under sanitizers, because it measures memory, time "
+                            "or instructions, names the module's libraries, or has nothing of the module in it")
 
 
 def pytest_generate_tests(metafunc):
     if metafunc.definition.get_closest_marker("every_version"):
-        metafunc.parametrize("versions", VERSIONS, indirect=True, ids=[
-            f"{version}{'' if esversion else ' untold'}" for version, esversion in VERSIONS])
+        metafunc.parametrize("versions", VERSIONS, indirect=True, ids=str)
 
 
 def bodies(server):
@@ -56,10 +51,9 @@ def unpacked(value):
 
 
 def memory(pid, figure="RssAnon"):
-    """Memory of a backend in KiB: what it holds without the shared buffers, or with VmHWM the most that it ever
-    held with them."""
+    """KiB that a backend holds without the shared buffers; with VmHWM the most that it ever held with them."""
     status = Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
-    return int(re.search(rf"^{figure}:\s+(\d+)", status, re.M).group(1))
+    return int(re.search(rf"^{figure}:\s+(\d+)", status, re.M)[1])
 
 
 def descriptors(pid):
@@ -76,18 +70,9 @@ def connections_to(pid, port):
     return sum(link in ours for link in descriptors(pid))
 
 
-def diagnosis(error):
-    """(SQLSTATE, message) of an error; the number of a node type, which the server's version decides, as N."""
-    message = error.diag.message_primary or str(error)
-    return error.diag.sqlstate, re.sub(r"clause of type \d+", "clause of type N", message)
-
-
 class Database:
-    """One session of a private cluster, in autocommit mode, whose tables are on the search server of a port.
-
-    Without `jit` its time and memory are those of the module: the cost of a foreign scan always calls the
-    expression compiler in.
-    """
+    """One session of a private cluster, in autocommit mode, whose tables are on the search server of a port. Without
+    `jit`, which the cost of a foreign scan always calls in, its time and memory are those of the module."""
 
     def __init__(self, cluster, port, dbname="postgres", jit=False, esversion=None):
         self.cluster, self.port, self.log_start = cluster, port, os.path.getsize(cluster.log_path)
@@ -121,11 +106,13 @@ class Database:
         return bytes(value) if isinstance(value, memoryview) else value
 
     def outcome(self, statement, values=None):
-        """The rows of a statement, or its (SQLSTATE, message) when it fails."""
+        """The rows of a statement, or its (SQLSTATE, message) when it fails, with the number of a node type, which the
+        server's version decides, as N."""
         try:
             return self.run(statement, values)
         except psycopg2.Error as error:
-            return diagnosis(error)
+            return error.diag.sqlstate, re.sub(r"clause of type \d+", "clause of type N",
+                                               error.diag.message_primary or str(error))
 
     def failure(self, statement, values=None):
         """Runs a statement that must fail and returns (SQLSTATE, message)."""
@@ -192,25 +179,20 @@ def cluster():
     if not module_path().exists():
         pytest.fail(f"{module_path()} does not exist: build it first, or name another one in VELTRANE_MODULE")
     with running_cluster() as started:
-        owner = Database(started, 0)
-        owner.install()
-        owner.connection.close()
+        Database(started, 0).install()
         yield started
 
 
 @pytest.fixture(scope="session")
 def library():
-    """library(version): the search server of that version with the documents that the tests share."""
+    """The search server of each version, with the documents that the tests share."""
     with contextlib.ExitStack() as stack:
-        @functools.lru_cache(None)
-        def of_version(version):
-            server = stack.enter_context(SearchServer(version))
+        servers = {version: stack.enter_context(SearchServer(version)) for version, _ in VERSIONS}
+        for server in servers.values():
             server.put_many("books", [(f"b{n:03}", {"title": "whales" if n % 2 else "letters", "number": n,
                                                     "type": "book" if n % 10 else "essay"}) for n in range(250)])
             server.create_index("empty")
-            return server
-
-        yield of_version
+        yield servers
 
 
 @pytest.fixture
@@ -221,7 +203,7 @@ def versions(request):
 
 @pytest.fixture
 def search(library, versions):
-    server = library(versions[0])
+    server = library[versions[0]]
     server.take_journal()
     return server
 

@@ -77,8 +77,7 @@ class Peer:
     def __init__(self, connection):
         self._connection = connection
         with connection.makefile("rb") as stream:
-            self.request_line = stream.readline().decode("latin-1").rstrip("\r\n")
-            self.verb, self.path, *_ = [*self.request_line.split(" "), ""]
+            self.verb, self.path, *_ = [*stream.readline().decode("latin-1").split(" "), ""]
             self.headers = http.client.parse_headers(stream)
             self.body = stream.read(int(self.headers["Content-Length"] or 0))
         self.purpose = purpose(self.verb, self.path)
@@ -111,11 +110,11 @@ class ScriptedServer:
     """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection.
 
     `requests` holds the peers whose request has been read, in order. `script` may be replaced at any time.
-    With an `ssl.SSLContext` it speaks TLS.
+    With `secured`, what makes of a connection one that speaks TLS, it speaks that.
     """
 
-    def __init__(self, script, context=None):
-        self.script, self._context, self.requests = script, context, []
+    def __init__(self, script, secured=lambda connection: connection):
+        self.script, self._secured, self.requests = script, secured, []
 
     def __enter__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
@@ -123,14 +122,13 @@ class ScriptedServer:
         threading.Thread(target=self._accept, daemon=True).start()
         return self
 
-    def __exit__(self, *failure):
-        self.stop_listening()
-
-    def stop_listening(self):
+    def stop_listening(self, *_):
         """Refuses all further connections; those that are open go on."""
         with contextlib.suppress(OSError):
             self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
+
+    __exit__ = stop_listening
 
     def _accept(self):
         with contextlib.suppress(OSError):  # until it listens no more
@@ -144,6 +142,3 @@ class ScriptedServer:
             if peer.verb:
                 self.requests.append(peer)
                 self.script(peer)
-
-    def _secured(self, connection):
-        return self._context.wrap_socket(connection, server_side=True) if self._context else connection

@@ -114,13 +114,6 @@ def test_aggregations_without_a_slot(probes):
                 assert probes.failure(statement, (answer,)) == ("HV00B", "Parsing error")
 
 
-def test_errors_instead_of_aggregations(probes):
-    error = '{"error":"no such index","status":404}'
-    assert read_aggregations(probes, error) == ("stop bad no such index", [(0, None)] * 3)
-    key_last = TWO.replace('"key":"red","doc_count":1', '"doc_count":1,"key":"red"')
-    assert read_aggregations(probes, key_last)[0] == "stop bad Parsing error, fail to retrieve field value"
-
-
 @pytest.mark.parametrize("kind, state, message", [
     ("fdw error", "HV00B", "own failure, cut inside a character: ?"), ("out of memory", "53200", "out of memory"),
     ("standard exception", "XX000", "broken invariant"), ("foreign exception", "XX000", "unknown exception"),

@@ -4,7 +4,7 @@ from random import Random
 
 import pytest
 
-from conftest import COLUMNS, bodies, unpacked
+from conftest import COLUMNS, unpacked
 from scriptedserver import answer, hits
 
 FIVE = "param = 'query={\"range\":{\"number\":{\"lt\":5}}}'"
@@ -148,23 +148,3 @@ def test_rows_of_the_search_server(db):
     assert db.run("SELECT * FROM books WHERE param = 'query={\"match_all\":{}}'") == []
 
 
-def test_joins_and_rescans(db, search):
-    db.run("CREATE TEMP TABLE wanted AS SELECT 'b00' || n AS name, n FROM generate_series(1, 3) n")
-    join = f"SELECT n, docname, doctype FROM wanted LEFT JOIN books ON docname = name AND {FIVE} ORDER BY n"
-    for setting, requests in (("on", 1), ("off", 3)):  # a rescan asks again
-        for method in ("material", "hashjoin", "mergejoin"):
-            db.run(f"SET enable_{method} = {setting}")
-        assert db.run(join) == [(1, "b001", "book"), (2, "b002", "book"), (3, "b003", "book")]
-        sent = bodies(search)
-        assert len(sent) == requests and len(set(sent)) == 1
-
-
-def test_cursors(db, search):
-    db.connection.autocommit = False
-    db.run(f"DECLARE c CURSOR FOR SELECT docname FROM books WHERE {FIVE}")
-    names = [name for count in (2, 2, 2, 2) for (name,) in db.run(f"FETCH {count} FROM c")]
-    assert sorted(names) == FIVE_NAMES and len(bodies(search)) == 1
-    db.run("DECLARE d CURSOR FOR SELECT docname FROM books WHERE docname = ANY(%s)",
-           ([f"b{n:03}" for n in range(250)],))
-    for count, requests in ((100, 1), (150, 2)):
-        assert len(db.run(f"FETCH {count} FROM d")) == count and len(bodies(search)) == requests

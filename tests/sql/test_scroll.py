@@ -1,9 +1,7 @@
 """Scroll mode: the requests of a query, page by page, and what becomes of its scroll context at the end."""
-import json
 
 import pytest
 
-from conftest import unpacked
 from scriptedserver import answer, hits, named, purpose, scroll_id_in
 
 ALL = "FROM books WHERE param = 'query={\"match_all\":{}}'"
@@ -53,6 +51,7 @@ IDS = "'{" + ",".join(NAMES + [f"no{number}" for number in range(750)]) + "}'"
 # batch size, what follows SELECT, number of rows, requests
 READS = [
     (50, f"docname {ALL}", 250, "first next next next next"), (125, f"docname {ALL}", 250, "first next"),
+    (100, f"docname {ALL} AND score = 0", 250, "first next next"),
     (250, f"docname {ALL}", 250, "first delete"), (1000, f"docname {ALL}", 250, "first delete"),
     (100, f"docname {NOTHING}", 0, "first delete"),
     (100, f"docname, score {ALL} ORDER BY score DESC LIMIT 2", 2, "first next next"),
@@ -81,16 +80,6 @@ def test_pages(scroll, search):
         rows = scroll.run("SELECT " + select)
         assert len(rows) == count and (count not in (100, 150, 250) or rows == [(name,) for name in NAMES[:count]])
         settle(search, trace)
-
-
-def test_values_stay_with_their_row_on_every_page(scroll):
-    scroll.make_table(batchsize=40, **SCROLL)
-    rows = scroll.run("SELECT docname, doctype, doccontent, highlights, score FROM books WHERE param = ANY(%s)",
-                      (['query={"match":{"title":"whales"}}', 'highlight={"fields":{"title":{}}}'],))
-    assert sorted(row[0] for row in rows) == NAMES[1::2]
-    for name, doctype, content, highlights, score in rows:
-        assert json.loads(unpacked(content)) == {"title": "whales", "number": int(name[1:]), "type": "book"}
-        assert (doctype, unpacked(highlights), score) == ("book", '{"title":["<em>whales</em>"]}', 0)
 
 
 CURSOR = f"DECLARE c CURSOR FOR SELECT docname {ALL}"
@@ -125,17 +114,6 @@ def test_ends(scroll, search, statements, trace):
     settle(search, trace, *["first delete first next next"] * ("WITH HOLD" in statements[0] and scroll.version < 13))
     scroll.connection.rollback()
     assert scroll.run(f"SELECT count(*) {ALL}") == [(250,)]
-
-
-def test_two_scrolls_at_a_time(scroll, search):
-    scroll.connection.autocommit = False
-    for name, word in (("c", "whales"), ("d", "letters")):
-        scroll.run(f"DECLARE {name} CURSOR FOR SELECT docname {NOTHING.replace('zeppelin', word)}")
-    read = {"c": [], "d": []}
-    for name in "cdcd":
-        read[name] += scroll.run(f"FETCH 70 FROM {name}")
-    assert read == {"c": [(name,) for name in NAMES[1::2]], "d": [(name,) for name in NAMES[::2]]}
-    settle(search, "first first next next")
 
 
 def page(names="", scroll_id="s", total=5):

@@ -15,4 +15,5 @@ from soak import Soak  # noqa: E402
 def test_soak(cluster):
     soak = Soak(cluster, float(os.environ.get("VELTRANE_SOAK_MINUTES", "0.5")))
     assert soak.run() == []
-    print("\n" + soak.summary())
+    for backend in soak.backends:
+        print(f"\n{backend.name}: {dict(backend.counts)}, memory {backend.memory} KiB", end="")

@@ -20,7 +20,7 @@ def test_a_path_that_is_routed_no_more(db, library, version):
     for esversion in (None, 6):
         for clause, query in (("param = 'query={\"match\":{\"number\":7}}'", '{"match":{"number":7}},"size":100'),
                               ("docname = 'b007'", '{"terms":{"_id":["b007"]}},"size":1')):
-            db.make_table(port=library(version).port, esversion=esversion, fullerrormsg="true")
+            db.make_table(port=library[version].port, esversion=esversion, fullerrormsg="true")
             db.run(f"DEALLOCATE ALL; PREPARE p AS SELECT docname FROM books WHERE {clause}")
             body = f'{{"query":{query},"_source":false}}'
             assert db.failure("EXECUTE p")[1] == f"ElasticSearch error, query was '{body}', error was '{NO_HANDLER}'"
@@ -42,7 +42,7 @@ SCROLLS = [
 @pytest.mark.parametrize("index, version, esversion, refusal", SCROLLS)
 def test_scroll_ids(db, library, index, version, esversion, refusal):
     """An index of many shards has scroll ids that are too long for a URL."""
-    server = library(version)
+    server = library[version]
     db.make_table(port=server.port, esversion=esversion, indexlist=index, fullerrormsg="true", **SCROLL)
     if "wide" not in server.cluster.indices:
         server.create_index("wide", 60)
@@ -54,14 +54,6 @@ def test_scroll_ids(db, library, index, version, esversion, refusal):
     server.expire_scrolls()
     assert db.run(SEARCH + " LIMIT 100") == NAMES[:100]
     assert server.open_scrolls() == (refusal is not None)
-
-
-@pytest.mark.every_version
-def test_errors_of_the_search_server(db):
-    db.make_table(indexlist="nothere", fullerrormsg="true")
-    state, message = db.failure(SEARCH)
-    assert state == "HV000" and "index_not_found_exception" in message
-    assert message.startswith("ElasticSearch error, query was '{\"query\":{\"match_all\":{}},\"size\":100,")
 
 
 @pytest.mark.every_version
