@@ -53,14 +53,6 @@ def silence(peer):
     peer.wait_for_close(NEVER)
 
 
-def drip(peer):
-    """Answers one byte a second and comes to no end."""
-    peer.send(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")
-    deadline = time.monotonic() + NEVER
-    while time.monotonic() < deadline and not peer.wait_for_close(1):
-        peer.send(b" ")
-
-
 def endless(piece, start=b"HTTP/1.1 200 OK\r\n\r\n"):
     """A script that sends a start and then the piece again and again, as fast as the other side reads."""
     def script(peer):

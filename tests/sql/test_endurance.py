@@ -12,7 +12,7 @@ import time
 import pytest
 
 from conftest import Database, connections_to, descriptors, memory, running_cluster, wait_until
-from scriptedserver import answer, drip, endless, hits, silence
+from scriptedserver import answer, endless, hits, silence
 
 QUERY = "SELECT docname, doccontent FROM {} WHERE param = 'query=q'"
 SCROLL = {"connectortype": "elasticsearchscroll"}
@@ -37,27 +37,18 @@ def test_rows_leave_no_memory_behind(db, scripted, column, values, rescans):
     assert len(db.run("FETCH ALL FROM c")) == len(scripted.requests) == 100
 
 
-def by_timeout(db, act_after):
-    db.run(f"SET statement_timeout = {int(act_after * 1000)}")
+# What ends a query, and what the server log says then.
+ENDS = {"statement_timeout": "57014 ERROR:  canceling statement due to statement timeout",
+        "pg_cancel_backend": "57014 ERROR:  canceling statement due to user request",
+        "pg_terminate_backend": "57P01 FATAL:  terminating connection due to administrator command"}
 
 
-def by_request(db, act_after, function="pg_cancel_backend"):
-    other = Database(db.cluster, 0)
-    threading.Timer(act_after, other.run, (f"SELECT {function}({db.pid})",)).start()
-
-
-def by_termination(db, act_after):
-    by_request(db, act_after, "pg_terminate_backend")
-
-
-# What the server log says of each.
-CANCELS = {by_timeout: "57014 ERROR:  canceling statement due to statement timeout",
-           by_request: "57014 ERROR:  canceling statement due to user request",
-           by_termination: "57P01 FATAL:  terminating connection due to administrator command"}
-PAGE = answer(hits('"_id":"a","_score":1,"_source":{}', total=2, scroll_id="s"))
-# Where a query hangs: in which request and how, the options of the table; or while it connects.
-HANGING = {f"{purpose} {script.__name__}": (purpose, script, options) for script in (silence, drip)
-           for purpose, options in (("first", {}), ("next", SCROLL))} | {"connecting": (None, None, {})}
+def arrange(db, end, act_after):
+    """Has the next statement of a session ended in so many seconds, unless `end` is None."""
+    if end == "statement_timeout":
+        db.run(f"SET statement_timeout = {int(act_after * 1000)}")
+    elif end:
+        threading.Timer(act_after, Database(db.cluster, 0).run, (f"SELECT {end}({db.pid})",)).start()
 
 
 @pytest.fixture
@@ -71,21 +62,25 @@ def full_port():
         yield listener.getsockname()[1]
 
 
-@pytest.mark.parametrize("arrange", CANCELS)
-@pytest.mark.parametrize("hanging", HANGING)
-def test_cancel(db, scripted, full_port, hanging, arrange):
-    purpose, script, options = HANGING[hanging]
-    scripted.script = lambda peer: (script if peer.purpose == purpose else PAGE)(peer)
-    db.make_table(port=scripted.port if purpose else full_port, **options)
+PAGE = answer(hits('"_id":"a","_score":1,"_source":{}', total=2, scroll_id="s"))
+
+
+@pytest.mark.parametrize("end", ENDS)
+@pytest.mark.parametrize("hangs, script", [
+    ("first", silence), ("first", endless(b" ")), ("next", silence), ("connecting", None)])
+def test_cancel(db, scripted, full_port, hangs, script, end):
+    scripted.script = lambda peer: (script if peer.purpose == hangs else PAGE)(peer)
+    options = SCROLL if hangs == "next" else {}
+    db.make_table(port=scripted.port if script else full_port, **options)
     act_after = 0.6  # a busy machine needs some time to come to where the query hangs
-    arrange(db, act_after)
+    arrange(db, end, act_after)
     start = time.monotonic()
-    assert db.failure(QUERY.format("books")) and CANCELS[arrange] in db.log()[-2:]
+    assert db.failure(QUERY.format("books")) and ENDS[end] in db.log()[-2:]
     assert act_after - 0.1 <= time.monotonic() - start < act_after + PATIENCE
     # Nothing is tried twice, and no deletion, which would take its time, goes before the error.
-    purposes = [peer.purpose for peer in scripted.requests]
-    assert purposes == {None: [], "first": ["first"], "next": ["first", "next"]}[purpose]
-    if arrange != by_termination:
+    purposes = {"first": ["first"], "next": ["first", "next"], "connecting": []}
+    assert [peer.purpose for peer in scripted.requests] == purposes[hangs]
+    if end != "pg_terminate_backend":
         assert connections_to(db.pid, scripted.port) == connections_to(db.pid, full_port) == 0
         db.run("RESET statement_timeout")
         scripted.script = PAGE
@@ -94,8 +89,8 @@ def test_cancel(db, scripted, full_port, hanging, arrange):
 
 
 @pytest.mark.parametrize("script", [silence, endless(b" ")], ids=["silence", "endless"])
-@pytest.mark.parametrize("arrange, ends_after", [(None, 1), (by_timeout, 0.4), (by_request, 0.4)])
-def test_a_deletion_that_hangs(db, scripted, script, arrange, ends_after):
+@pytest.mark.parametrize("end, ends_after", [(None, 1), ("statement_timeout", 0.4), ("pg_cancel_backend", 0.4)])
+def test_a_deletion_that_hangs(db, scripted, script, end, ends_after):
     """It holds up a COMMIT for a second at most, takes nothing away from the transaction, and leaves no time-out
     behind that would strike the next statement."""
     scripted.script = lambda peer: (script if peer.purpose == "delete" else PAGE)(peer)
@@ -103,8 +98,7 @@ def test_a_deletion_that_hangs(db, scripted, script, arrange, ends_after):
     db.run("CREATE TEMP TABLE kept (n integer)")
     db.run("BEGIN; INSERT INTO kept VALUES (1); DECLARE c CURSOR FOR " + QUERY.format("books"))
     assert len(db.run("FETCH 1 FROM c")) == 1
-    if arrange:
-        arrange(db, ends_after)
+    arrange(db, end, ends_after)
     start = time.monotonic()
     db.run("COMMIT")
     assert ends_after - 0.2 < time.monotonic() - start < ends_after + 0.4
@@ -164,20 +158,19 @@ def test_names(own_cluster, scripted, full_port):
     can_leave = [int(part) for part in re.findall(rb"\d+", libcurl())[:2]] >= [7, 87]
     db.run("CREATE SERVER impatient FOREIGN DATA WRAPPER veltranepgfdw OPTIONS (connecttimeout '300')")
     db.make_table("good")
-    for address, server, port, arrange, error in [
+    for address, server, port, end, error in [
             ("no-such-host.invalid", "search", 1, None, "HV000 ERROR:  Curl error (6)"),
             ("slow.invalid", "impatient", 1, None, "HV000 ERROR:  Curl error (28)"),
             ("127.0.0.1", "impatient", full_port, None, "HV000 ERROR:  Curl error (28)"),
-            *[("slow.invalid", "search", 1, arrange, error) for arrange, error in CANCELS.items()]]:
+            *[("slow.invalid", "search", 1, end, error) for end, error in ENDS.items()]]:
         db.make_table("bad", server=server, address=address, port=port)
-        if arrange == by_termination:
+        if end == "pg_terminate_backend":
             wait_until(lambda: threads_and_sockets(db.pid) == before)
-        if arrange:
-            arrange(db, 0.3)
+        arrange(db, end, 0.3)
         start = time.monotonic()
         assert db.failure(QUERY.format("bad")) and error in db.log()[-2:]
         assert time.monotonic() - start < 0.3 + PATIENCE + (0 if can_leave else SLOW)
-        if arrange != by_termination:
+        if end != "pg_terminate_backend":
             db.run("RESET statement_timeout")
             assert db.run(QUERY.format("good")) == []
     wait_until(lambda: not os.path.exists(f"/proc/{db.pid}"), PATIENCE + (0 if can_leave else SLOW))

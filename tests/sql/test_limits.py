@@ -35,7 +35,7 @@ QUERIES = [(start + " FROM {books} WHERE {param} " + end, size) for start, end, 
     ("SELECT docname", "AND length(docname) > 3 AND docname LIKE '%9' LIMIT 5", None),
     ("SELECT docname", "AND doctype LIKE 'e%' LIMIT 5", None),
     *[("SELECT docname, score", f"ORDER BY {order} LIMIT 5", None) for order in (
-        "docname", "docname DESC", "score", "score + 1 DESC", "score DESC, docname DESC")],
+        "docname", "score", "score + 1 DESC", "score DESC, docname DESC")],
     ("SELECT docname, score", "ORDER BY score DESC FETCH FIRST 5 ROWS WITH TIES", None),
     ("SELECT docname", "AND docname IN (SELECT docname FROM local WHERE n > 200) LIMIT 25", None),
     ("SELECT docname", "AND docname NOT IN (SELECT docname FROM local WHERE n < 205) LIMIT 22", None),

@@ -42,13 +42,6 @@ def test_options_count_where_they_belong(db, scripted):
     db.run("DROP SERVER optioned CASCADE")
 
 
-def test_changed_options_reach_a_prepared_statement(db, sent):
-    db.run("PREPARE p AS " + SEARCH)
-    for size in (100, 7):
-        assert sent("EXECUTE p") == [f'{{"query":q,"size":{size},"_source":false}}']
-        db.run("ALTER FOREIGN TABLE books OPTIONS (SET batchsize '7')")
-
-
 # Answers that lack hits because shards failed, did not answer, or time ran out; and such as lack nothing. In each way
 # and on each page: test_versions.
 STATUSES = [
