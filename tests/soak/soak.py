@@ -7,7 +7,7 @@ from collections import Counter, deque
 from contextlib import contextmanager
 from random import Random
 
-from conftest import Database, SearchServer, connections_to, memory
+from conftest import Database, SearchServer, memory, sockets
 from workload import DOCUMENTS, EXPIRED, QUERIES, SCROLL_SECONDS, TABLES
 
 BACKENDS = 8
@@ -35,7 +35,7 @@ class Backend(threading.Thread):
         self.soak, self.rng, self.counts, self.memory = soak, Random(number), Counter(), []
         self.db = Database(soak.cluster, soak.port)
         self.db.run("SET search_path = soak")
-        self.problem = "hangs"
+        self.problem, self.sockets = "hangs", 99
 
     def run(self):
         try:
@@ -43,7 +43,7 @@ class Backend(threading.Thread):
                 self.ask(query)
             while time.monotonic() < self.soak.deadline and not self.soak.stop.is_set():
                 if not self.memory and time.monotonic() >= self.soak.level_at:
-                    self.memory = [memory(self.db.pid)]
+                    self.memory, self.sockets = [memory(self.db.pid)], sockets(self.db.pid)
                 self.ask(self.rng.choice(QUERIES))
             self.memory.append(memory(self.db.pid))
             self.problem = None
@@ -65,7 +65,7 @@ class Backend(threading.Thread):
         growth = self.memory[-1] - self.memory[0] if self.memory else 0
         found = {self.problem: self.problem, f"has grown by {growth} KiB": growth > GROWTH,
                  "saw no outage": not self.counts["outage"],
-                 "has a connection to the search server": connections_to(self.db.pid, self.soak.port)}
+                 "has a connection to the search server": sockets(self.db.pid) > self.sockets}
         return [f"{self.name} {problem}" for problem, is_so in found.items() if is_so]
 
 

@@ -1,11 +1,10 @@
 """The documentation: its SQL examples run as they are shown and print what is shown.
 
 In README.md, CONTRIBUTING.md and docs/*.md every block marked "sql" is run by psql, in a session of its own, in the
-order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only
-must not be an error. All documents begin with the README's section START, which sets the wrapper up. A block
-marked "sql form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version.
-
-The examples talk to the bundled search server with the demo's books. Its port stands for the one in the text.
+order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only must
+not be an error. All documents begin with the README's section START, which sets the wrapper up. A block marked "sql
+form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version. The examples talk
+to the bundled search server with the demo's books. Its port stands for the one in the text.
 """
 import os
 import re
@@ -29,9 +28,9 @@ FENCED = re.compile(r"^```([^\n]*)\n(.*?)^```$", re.M | re.S)
 RAISED = re.compile(r'(?:FdwError\(\s*\w+,|throwInvalidHandle\(|refuse\((?:option, )?(?:psprintf\()?|message =|'
                     r'errmsg(?:_internal)?\()\s*(?:std::string\()?"([^"]{6,})"')
 
-# `shown` is what the block is said to print, None where nothing is said; `line` is where it begins and `section` the
-# heading of level 2 that it is under.
-Example = namedtuple("Example", "section line sql shown since")
+# `shown` is what the block is said to print, None where nothing is said, and `section` the heading of level 2 that it is
+# under.
+Example = namedtuple("Example", "section sql shown since")
 
 
 def examples(text):
@@ -42,8 +41,7 @@ def examples(text):
         if since:
             shows = following and following[1] == "text" and not text[block.end():following.start()].strip()
             sections = re.findall(r"^## (.*)", text[:block.start()], re.M)
-            yield Example(sections[-1] if sections else "", text.count("\n", 0, block.start()) + 1, block[2],
-                          following[2] if shows else None, int(since[1] or 0))
+            yield Example(sections[-1] if sections else "", block[2], following[2] if shows else None, int(since[1] or 0))
 
 
 def as_before(version, text):
@@ -55,21 +53,8 @@ def as_before(version, text):
     return [line.rstrip() for line in text.rstrip().split("\n")]
 
 
-def is_as_shown(printed, shown, version):
-    if shown is None:
-        return not re.search("^(ERROR|FATAL|WARNING): ", printed, re.M)
-    return as_before(version, printed) == as_before(version, shown)
-
-
-@pytest.fixture(scope="module")
-def bookshelf():
-    with SearchServer() as server:
-        server.load((ROOT / "demo/books.ndjson").read_text(encoding="utf-8"), "books")
-        yield server
-
-
 @pytest.fixture
-def reader(cluster, bookshelf):
+def reader(cluster):
     """Somebody who types the examples into psql, in an empty database; it goes afterwards, with the roles that the
     examples made. reader(sql): what psql prints."""
     owner = Database(cluster, 0)
@@ -78,14 +63,16 @@ def reader(cluster, bookshelf):
     environment = {**os.environ, "PGCLIENTENCODING": "UTF8", "PGOPTIONS": "-c jit=off" if owner.version > 10 else ""}
     psql = [f"{cluster.pg_bindir}/psql", "--no-psqlrc", "--quiet", "--pset=pager=off",
             f"{cluster.dsn} dbname=documentation"]
+    with SearchServer() as bookshelf, new_database(owner, "documentation"):
+        bookshelf.load((ROOT / "demo/books.ndjson").read_text(encoding="utf-8"), "books")
 
-    def types(sql):
-        printed = subprocess.run(psql, input=sql.replace(f"'{SHOWN_PORT}'", f"'{bookshelf.port}'"), env=environment,
-                                 encoding="utf-8", check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
-        return re.sub(rf"\b{bookshelf.port}\b", SHOWN_PORT, printed)
+        def types(sql):
+            sql = sql.replace(f"'{SHOWN_PORT}'", f"'{bookshelf.port}'")
+            printed = subprocess.run(psql, input=sql, env=environment, encoding="utf-8", check=True,
+                                     stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
+            return re.sub(rf"\b{bookshelf.port}\b", SHOWN_PORT, printed)
 
-    types.version = owner.version
-    with new_database(owner, "documentation"):
+        types.version = owner.version
         yield types
     for (name,) in owner.run("SELECT rolname FROM pg_roles"):
         if (name,) not in roles:
@@ -99,9 +86,11 @@ def test_examples(reader, document):
     start = [each for each in examples(README) if each.section == START]
     for example in start + [each for each in own if each not in start]:
         printed = reader(example.sql) if reader.version >= example.since else None
-        if printed is not None and example in own and not is_as_shown(printed, example.shown, reader.version):
-            differing.append(f"{document.name}, section {example.section!r}, block at line {example.line}:\n"
-                             f"{example.sql}\nprints\n{printed}\nbut shown is\n{example.shown}")
+        if printed is None or example not in own:
+            continue
+        if re.search("^(ERROR|FATAL|WARNING): ", printed, re.M) if example.shown is None else (
+                as_before(reader.version, printed) != as_before(reader.version, example.shown)):
+            differing.append(f"{example.section}: {example.sql}\nprints\n{printed}\nbut shown is\n{example.shown}")
     assert not differing, "\n".join(differing)
 
 

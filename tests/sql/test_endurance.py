@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import Database, connections_to, descriptors, memory, running_cluster, wait_until
+from conftest import Database, memory, running_cluster, sockets, wait_until
 from scriptedserver import answer, endless, hits, silence
 
 QUERY = "SELECT docname, doccontent FROM {} WHERE param = 'query=q'"
@@ -72,6 +72,7 @@ def test_cancel(db, scripted, full_port, hangs, script, end):
     scripted.script = lambda peer: (script if peer.purpose == hangs else PAGE)(peer)
     options = SCROLL if hangs == "next" else {}
     db.make_table(port=scripted.port if script else full_port, **options)
+    before = sockets(db.pid)
     act_after = 0.6  # a busy machine needs some time to come to where the query hangs
     arrange(db, end, act_after)
     start = time.monotonic()
@@ -81,7 +82,7 @@ def test_cancel(db, scripted, full_port, hangs, script, end):
     purposes = {"first": ["first"], "next": ["first", "next"], "connecting": []}
     assert [peer.purpose for peer in scripted.requests] == purposes[hangs]
     if end != "pg_terminate_backend":
-        assert connections_to(db.pid, scripted.port) == connections_to(db.pid, full_port) == 0
+        assert sockets(db.pid) == before
         db.run("RESET statement_timeout")
         scripted.script = PAGE
         db.make_table(port=scripted.port, **options)
@@ -95,6 +96,7 @@ def test_a_deletion_that_hangs(db, scripted, script, end, ends_after):
     behind that would strike the next statement."""
     scripted.script = lambda peer: (script if peer.purpose == "delete" else PAGE)(peer)
     db.make_table(port=scripted.port, **SCROLL)
+    before = sockets(db.pid)
     db.run("CREATE TEMP TABLE kept (n integer)")
     db.run("BEGIN; INSERT INTO kept VALUES (1); DECLARE c CURSOR FOR " + QUERY.format("books"))
     assert len(db.run("FETCH 1 FROM c")) == 1
@@ -105,7 +107,7 @@ def test_a_deletion_that_hangs(db, scripted, script, end, ends_after):
     assert db.run("SELECT n FROM kept") == [(1,)]
     db.run("RESET statement_timeout")
     assert [peer.purpose for peer in scripted.requests] == ["first", "delete"]
-    assert connections_to(db.pid, scripted.port) == 0
+    assert sockets(db.pid) == before
 
 
 # Stands in for the name service, so that no test asks a real one: "slow.invalid" is looked up for long, no
@@ -143,15 +145,10 @@ def own_cluster():
             yield cluster
 
 
-def threads_and_sockets(pid):
-    """How many of each a process has."""
-    return len(os.listdir(f"/proc/{pid}/task")), sum(link.startswith("socket:") for link in descriptors(pid))
-
-
 def test_names(own_cluster, scripted, full_port):
     """Nothing waits for a name that is slow, and what is left of the look-up goes away unnoticed."""
     db = Database(own_cluster, scripted.port)
-    before = threads_and_sockets(db.pid)
+    before = [sockets(db.pid), len(os.listdir(f"/proc/{db.pid}/task"))]
     libcurl = ctypes.CDLL("libcurl.so.4").curl_version
     libcurl.restype = ctypes.c_char_p
     # The transport library can leave a look-up behind from this version on; before it has to wait.
@@ -165,7 +162,7 @@ def test_names(own_cluster, scripted, full_port):
             *[("slow.invalid", "search", 1, end, error) for end, error in ENDS.items()]]:
         db.make_table("bad", server=server, address=address, port=port)
         if end == "pg_terminate_backend":
-            wait_until(lambda: threads_and_sockets(db.pid) == before)
+            wait_until(lambda: [sockets(db.pid), len(os.listdir(f"/proc/{db.pid}/task"))] == before)
         arrange(db, end, 0.3)
         start = time.monotonic()
         assert db.failure(QUERY.format("bad")) and error in db.log()[-2:]

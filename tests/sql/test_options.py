@@ -19,12 +19,6 @@ def test_sizes_and_what_is_passed_over(db, sent, scripted):
         assert sent(SEARCH) == [f'{{"query":q,"size":{size},"_source":false}}'], options
 
 
-def test_only_true_is_true(db, closed_port):
-    for value in ("true", "TRUE", "yes", "1", "true "):
-        db.make_table(port=closed_port, fullerrormsg=value)
-        assert ("query was" in db.failure(SEARCH)[1]) == (value == "true")
-
-
 def test_options_count_where_they_belong(db, scripted):
     db.run("CREATE SERVER optioned FOREIGN DATA WRAPPER veltranepgfdw "
            f"OPTIONS (connectortype 'elasticsearch', port '{scripted.port}', batchsize '-1')")
