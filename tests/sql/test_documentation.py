@@ -1,11 +1,9 @@
-"""The documentation: its SQL examples run as they are shown and print what is shown.
-
-In README.md, CONTRIBUTING.md and docs/*.md every block marked "sql" is run by psql, in a session of its own, in the
-order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only must
-not be an error. All documents begin with the README's section START, which sets the wrapper up. A block marked "sql
-form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version. The examples talk
-to the bundled search server with the demo's books. Its port stands for the one in the text.
-"""
+"""The documentation: its SQL examples run as they are shown and print what is shown."""
+# In README.md, CONTRIBUTING.md and docs/*.md every block marked "sql" is run by psql, in a session of its own, in the
+# order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only must
+# not be an error. All documents begin with the README's section START, which sets the wrapper up. A block marked "sql
+# form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version. The examples talk
+# to the bundled search server with the demo's books. Its port stands for the one in the text.
 import os
 import re
 import subprocess

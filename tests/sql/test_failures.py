@@ -1,9 +1,7 @@
-"""Every error text, and one backend after very many failing queries of each kind: its memory stays where it was.
-
-The queries that stand for their path through the module are repeated VELTRANE_FAILURES times: 1000 by default, 10000
-for a run at full length; below 200 only the texts count. All others share such a path and are asked a few times. Texts
-that a query cannot have within milliseconds are left out, such as that of an answer larger than 1023 MiB.
-"""
+"""Every error text, and one backend after very many failing queries of each kind: its memory stays where it was."""
+# The queries that stand for their path through the module are repeated VELTRANE_FAILURES times: 1000 by default, 10000
+# for a run at full length; below 200 only the texts count. All others share such a path and are asked a few times. Texts
+# that a query cannot have within milliseconds are left out, such as that of an answer larger than 1023 MiB.
 import json
 import os
 

@@ -1,6 +1,6 @@
-"""How many instructions the reader and a scan take, counted by callgrind: unlike a time, the same on any machine
-of a kind. A growth of more than 15 % over the figures kept beside the tests fails. Whoever makes the work dearer,
-or cheaper, on purpose changes the figures."""
+"""How many instructions the reader and a scan take, counted by callgrind: unlike a time, the same on any machine."""
+# A growth of more than 15 % over the figures kept beside the tests fails. Whoever makes the work dearer, or cheaper, on
+# purpose changes the figures.
 import json
 import platform
 import re

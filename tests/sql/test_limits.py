@@ -1,5 +1,5 @@
-"""LIMIT stops the search early only where that cannot change the rows: each query gives what the same query
-gives on a local copy of all documents, or is refused."""
+"""LIMIT stops the search early only where that cannot change the rows."""
+# Each query gives what the same query gives on a local copy of all documents, or is refused.
 import json
 
 import pytest

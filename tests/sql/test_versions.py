@@ -1,7 +1,5 @@
-"""The major versions of the search servers: what each of them refuses, and that the option esversion puts it right.
-
-What must be the same with all of them is tested where the tests are marked with every_version.
-"""
+"""The major versions of the search servers: what each of them refuses, and that the option esversion puts it right."""
+# What must be the same with all of them is tested where the tests are marked with every_version.
 import pytest
 
 import demo
