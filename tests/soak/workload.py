@@ -89,7 +89,7 @@ def failing(db, rng):
                      "FETCH 100 FROM reading"), ("HV000", EXPIRED))
     yield (db.outcome("SELECT docname FROM found WHERE param = 'query={\"nonsense\":{}}'"),
            ("HV000", "ElasticSearch error, query was '.*nonsense"))
-    yield db.outcome("SELECT docname FROM batches WHERE param = %s", (ALL,)), ("HV000", "es search result bigger than")
+    yield db.outcome("SELECT docname FROM batches WHERE param = %s", (ALL,)), ("HV000", "es search result bigger")
     yield db.outcome("SELECT 1 / (349 - substr(docname, 2)::int) FROM pages WHERE param = %s", (ALL,)), (
         "22012", "division by zero")
     # A query that takes longer than anyone waits for it: a search for each of very many rows.

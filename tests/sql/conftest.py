@@ -24,17 +24,12 @@ CRASH = re.compile(r"terminated by signal|PANIC|TRAP:|AddressSanitizer|runtime e
 # esversion of the tables on it. All others run with the default; VELTRANE_SEARCH_VERSION names another one.
 VERSIONS = [(6, None), (6, 6), (7, None), (7, 7), (8, 8), (9, 9)]
 DEFAULT_VERSION = (int(os.environ.get("VELTRANE_SEARCH_VERSION", "7")),) * 2
+every_version = pytest.mark.parametrize("versions", VERSIONS, indirect=True, ids=str)
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "every_version: runs against a search server of each version")
-    config.addinivalue_line("markers", "unsanitized: not for a module under sanitizers, because it measures memory, time "
-                            "or instructions, names the module's libraries, or has nothing of the module in it")
-
-
-def pytest_generate_tests(metafunc):
-    if metafunc.definition.get_closest_marker("every_version"):
-        metafunc.parametrize("versions", VERSIONS, indirect=True, ids=str)
+    config.addinivalue_line("markers", "unsanitized: not under sanitizers, because it measures memory, time or "
+                            "instructions, names the module's libraries, or has nothing of the module in it")
 
 
 def bodies(server):
@@ -100,13 +95,13 @@ class Database:
         return bytes(value) if isinstance(value, memoryview) else value
 
     def outcome(self, statement, values=None):
-        """The rows of a statement, or its (SQLSTATE, message) when it fails, with the number of a node type, which the
-        server's version decides, as N."""
+        """The rows of a statement, or its (SQLSTATE, message) when it fails."""
         try:
             return self.run(statement, values)
         except psycopg2.Error as error:
-            return error.diag.sqlstate, re.sub(r"clause of type \d+", "clause of type N",
-                                               error.diag.message_primary or str(error))
+            # The server's version decides the number of a node type.
+            message = re.sub(r"clause of type \d+", "clause of type N", error.diag.message_primary or str(error))
+            return error.diag.sqlstate, message
 
     def failure(self, statement, values=None):
         """Runs a statement that must fail and returns (SQLSTATE, message)."""
@@ -117,9 +112,9 @@ class Database:
     def install(self):
         """Makes what the extension's script makes, with the module of the cluster, and the server `search`."""
         version = re.search("default_version = '(.+)'", (ROOT / "sql/veltranepgfdw.control").read_text("utf-8"))[1]
-        _, script = (ROOT / f"sql/veltranepgfdw--{version}.sql").read_text("utf-8").split("\n", 1)
-        self.run(script.replace("MODULE_PATHNAME", self.cluster.module_path))
-        self.run("CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
+        script = (ROOT / f"sql/veltranepgfdw--{version}.sql").read_text("utf-8").partition("\n")[2]
+        self.run(script.replace("MODULE_PATHNAME", self.cluster.module_path) +
+                 "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
 
     def make_table(self, name="books", columns=COLUMNS, server="search", **options):
         """Makes a foreign table, replacing one of that name; an option of None is left out."""

@@ -63,8 +63,7 @@ def endless(piece, start=b"HTTP/1.1 200 OK\r\n\r\n"):
 
 
 class Peer:
-    """One connection, as a script sees it: the request that came in (`path` is its raw target, `verb` is empty where
-    none came) and the means to answer."""
+    """One connection, as a script sees it: the request that came, `verb` empty where none did, and how to answer."""
 
     def __init__(self, connection):
         self._connection = connection
@@ -99,11 +98,8 @@ class Peer:
 
 
 class ScriptedServer:
-    """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection.
-
-    `requests` holds the peers whose request has been read, in order. `script` may be replaced at any time.
-    With `secured`, what makes of a connection one that speaks TLS, it speaks that.
-    """
+    """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection; `requests` are
+    the peers. `script` may be replaced at any time. `secured` makes of a connection one that speaks TLS."""
 
     def __init__(self, script, secured=lambda connection: connection):
         self.script, self._secured, self.requests = script, secured, []

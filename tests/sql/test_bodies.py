@@ -4,7 +4,6 @@ import time
 
 import pytest
 
-import test_failures
 from conftest import bodies
 
 MATCH = '{"match":{"title":"x"}}'
@@ -73,9 +72,9 @@ def test_escapes(sent):
     texts, escaped = list(ESCAPES), ",".join(f'"{escape}"' for escape in ESCAPES.values())
     assert sent("SELECT doccontent FROM books WHERE docname = ANY(%s)", (texts,)) == [
         f'{{"query":{{"terms":{{"_id":[{escaped}]}}}},"size":{len(texts)}}}']
-    filters = [f"sourceincludefilter={text}" for text in texts]
-    assert sent("SELECT doccontent FROM books WHERE doctype = ANY(%s) AND param = ANY(%s)", (
-        texts, ["query=q", *filters])) == [f'{{{of_type("q", escaped)},"size":100,"_source":{{"includes":[{escaped}]}}}}']
+    parameters = ["query=q", *[f"sourceincludefilter={text}" for text in texts]]
+    assert sent("SELECT doccontent FROM books WHERE doctype = ANY(%s) AND param = ANY(%s)", (texts, parameters)) == [
+        f'{{{of_type("q", escaped)},"size":100,"_source":{{"includes":[{escaped}]}}}}']
 
 
 def test_a_large_body_goes_out_at_once(sent, scripted):
@@ -103,8 +102,7 @@ def test_request_line_and_headers(db, sent, scripted):
 
 @pytest.mark.parametrize("mode", ["elasticsearch", "elasticsearchscroll"])
 def test_exact_totals(db, sent, scripted, mode):
-    """They are asked for where a total of the default accuracy would not tell whether a batch holds all hits: from
-    version 7 on, for look-ups and large batches, and never for a scroll."""
+    """They are asked for where one of the default accuracy would not tell whether a batch holds all hits."""
     for version in (None, 6, 7):
         for clause, size in ((QUERY, 9999), (QUERY, 10_000), ("docname = 'a'", 100)):
             db.make_table(port=scripted.port, connectortype=mode, esversion=version, batchsize=size)
@@ -123,8 +121,8 @@ LOOK_UPS = [
     # An id that is named twice would be found twice, in two requests.
     (NAMES[:100] + ["b000", "b100"], "", [100, 1], 101),
     # A batch is never greater than the rows that are still wanted at most; an early end asks no more.
-    (NAMES[:3], "LIMIT 2", [2], 2), (MISSING[:3] + NAMES[:3], "LIMIT 2", [2, 2, 2], 2), (NAMES[:1], "LIMIT 500", [1], 1),
-    (NAMES[:1], "LIMIT 0", [], 0),
+    (NAMES[:3], "LIMIT 2", [2], 2), (MISSING[:3] + NAMES[:3], "LIMIT 2", [2, 2, 2], 2),
+    (NAMES[:1], "LIMIT 500", [1], 1), (NAMES[:1], "LIMIT 0", [], 0),
     # Look-ups have no scores: a sort reads all of them, a few at a time would only be more requests.
     (NAMES[:4], "ORDER BY score DESC LIMIT 2", [4], 2),
 ]
@@ -138,14 +136,3 @@ def test_lookups_go_out_in_batches(db, search, names, tail, sizes, count):
     batches = [request["query"]["terms"]["_id"] for request in requests]
     assert [len(batch) for batch in batches] == sizes == [request["size"] for request in requests]
     assert sum(batches, []) == list(dict.fromkeys(names))[:sum(sizes)]
-
-
-def test_an_id_in_several_indices(db, search):
-    """A look-up that finds more documents than it has ids must not drop one of them."""
-    search.put("twice1", "same", {})
-    search.put("twice2", "same", {})
-    db.make_table(indexlist="twice1,twice2")
-    statement = "SELECT docname FROM books WHERE docname = ANY(%s)"
-    assert db.failure(statement, (["same"],))[1] == test_failures.TOO_MANY
-    assert db.run(statement, (["same", "other"],)) == [("same",), ("same",)]
-    assert db.run(statement + " LIMIT 1", (["same"],)) == [("same",)]

@@ -138,8 +138,8 @@ def test_columns_and_joins(db, sent, scripted, columns, select, expected):
 
 def test_only_what_the_search_does_not_do_is_filtered_here(db):
     plan = [line for (line,) in db.run(
-        "EXPLAIN SELECT docname FROM books WHERE docname LIKE '%7' AND docname IN ('x', 'y') AND doctype = 'book' AND "
-        "docname LIKE 'b%' AND param = ANY('{}') AND docname LIKE 'c%'")]
+        "EXPLAIN SELECT docname FROM books WHERE docname LIKE '%7' AND docname IN ('x', 'y') AND doctype = 'book' "
+        "AND docname LIKE 'b%' AND param = ANY('{}') AND docname LIKE 'c%'")]
     assert plan[0].startswith("Foreign Scan on books  (cost=10000000.00..20000000.00 rows=250000 width=")
     kept = " AND ".join(f"(docname ~~ '{pattern}'::text)" for pattern in ("%7", "b%", "c%"))
     assert [line.strip() for line in plan[1:]] == [f"Filter: ({kept})"]

@@ -58,8 +58,8 @@ def test_jsonb_is_the_servers(db):
             assert db.outcome("SELECT veltranepgfdw_jsonb(%s)::text", [value]) == wanted, text
 
 
-# The first byte of the length is a brace, and the others may stand in JSON; texts that have the bytes of a zlib header
-# where a compressed value has them, behind what may be a length.
+# The first byte of the length is a brace, and the others may stand in JSON; texts that have the bytes of a zlib
+# header where a compressed value has them, behind what may be a length.
 BRACES = [123, 379, 0x0D7B, 0x7B7B, 0x0A0D7B, 0x20207B]
 ALIKE = [b'{"ax^', b'{"a x^', b"{\t\t\tx^", b'{\n \r"', b'{"  x^']
 
@@ -78,9 +78,8 @@ def test_values_are_read_back(db):
 
 
 def test_a_length_without_control_characters(db):
-    """A text of 0x0909097B bytes, the least that nothing in the first four bytes tells from a raw value; and its
-    checksum ends with a brace."""
-    length = 0x0909097B
+    """Nothing in its first four bytes tells it from a raw value; and the checksum of the text ends with a brace."""
+    length = 0x0909097B  # the least
     start = document(length, b"xyz ")[:-10]
     check = zlib.adler32(start)
     # Eight characters from "]" to "~" with every sum modulo 256, which is the checksum's last byte.

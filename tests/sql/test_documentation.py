@@ -1,9 +1,9 @@
 """The documentation: its SQL examples run as they are shown and print what is shown."""
 # In README.md, CONTRIBUTING.md and docs/*.md every block marked "sql" is run by psql, in a session of its own, in the
-# order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only must
-# not be an error. All documents begin with the README's section START, which sets the wrapper up. A block marked "sql
-# form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version. The examples talk
-# to the bundled search server with the demo's books. Its port stands for the one in the text.
+# order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only
+# must not be an error. All documents begin with the README's section START, which sets the wrapper up. A block marked
+# "sql form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version. The
+# examples talk to the bundled search server with the demo's books. Its port stands for the one in the text.
 import os
 import re
 import subprocess
@@ -26,8 +26,8 @@ FENCED = re.compile(r"^```([^\n]*)\n(.*?)^```$", re.M | re.S)
 RAISED = re.compile(r'(?:FdwError\(\s*\w+,|throwInvalidHandle\(|refuse\((?:option, )?(?:psprintf\()?|message =|'
                     r'errmsg(?:_internal)?\()\s*(?:std::string\()?"([^"]{6,})"')
 
-# `shown` is what the block is said to print, None where nothing is said, and `section` the heading of level 2 that it is
-# under.
+# `shown` is what the block is said to print, None where nothing is said, and `section` the heading of level 2 that it
+# is under.
 Example = namedtuple("Example", "section sql shown since")
 
 
@@ -38,14 +38,13 @@ def examples(text):
         since = re.fullmatch(r"sql(?: from (\d+))?", block[1])
         if since:
             shows = following and following[1] == "text" and not text[block.end():following.start()].strip()
-            sections = re.findall(r"^## (.*)", text[:block.start()], re.M)
-            yield Example(sections[-1] if sections else "", block[2], following[2] if shows else None, int(since[1] or 0))
+            *_, section = "", *re.findall(r"^## (.*)", text[:block.start()], re.M)
+            yield Example(section, block[2], following[2] if shows else None, int(since[1] or 0))
 
 
 def as_before(version, text):
-    """What is left of an output when trailing blanks and an old server's way of printing are left aside: six digits
-    of a number, the width of a column, and what a foreign table is called."""
-    if version < 12:
+    """The lines of an output without trailing blanks, nor an old server's own way of printing."""
+    if version < 12:  # six digits of a number, the width of a column, and what a foreign table is called
         text = re.sub(r"\d+\.\d{5,}", lambda number: f"{float(number[0]):.6g}", text)
         text = re.sub(r"([ -])[ -]+", r"\1", text.replace("denied for relation", "denied for foreign table"))
     return [line.rstrip() for line in text.rstrip().split("\n")]
@@ -53,8 +52,7 @@ def as_before(version, text):
 
 @pytest.fixture
 def reader(cluster):
-    """Somebody who types the examples into psql, in an empty database; it goes afterwards, with the roles that the
-    examples made. reader(sql): what psql prints."""
+    """reader(sql): what psql prints, in an empty database; it goes afterwards, with the roles that were made."""
     owner = Database(cluster, 0)
     roles = owner.run("SELECT rolname FROM pg_roles")
     # The expression compiler, which servers have from version 11 on, would only cost time.

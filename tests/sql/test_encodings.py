@@ -44,8 +44,7 @@ def holds(session, text):
 
 @pytest.mark.parametrize("text", TEXTS.values(), ids=TEXTS)
 def test_texts_inward(session, scripted, text):
-    """Ids, types, contents in columns of text, and what the functions read come in the database's encoding or not at
-    all; contents in bytea as they are."""
+    """Texts come in the database's encoding or not at all; contents in bytea as they are."""
     contents = [("doccontent", SOURCE.format("t", text)), ("highlights", HIGHLIGHT.format(text))]
     for column, table, document, wanted in (
             ("docname", "books", hit(text), text), ("doctype", "books", hit("a", text), text),
@@ -87,9 +86,8 @@ def test_texts_outward(session, scripted, text):
 
 
 def test_invalid_bytes_outward(session, scripted):
-    """What is not valid cannot go into JSON; a query goes out as it is, and an option that nobody reads is nobody's
-    business. Only a database that knows no encoding lets such a text in."""
-    if session.encoding == "SQL_ASCII":
+    """What is not valid cannot go into JSON; a query goes out as it is, an option that nobody reads matters not."""
+    if session.encoding == "SQL_ASCII":  # the others let no such text in
         session.connection.set_client_encoding("SQL_ASCII")
         assert session.failure(b"SELECT docname FROM books WHERE docname = 'a\xe4'")[0] == "HV00B"
         session.run(b"ALTER FOREIGN TABLE books OPTIONS (ADD comment 'fr\xfcher')")

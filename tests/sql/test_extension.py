@@ -30,8 +30,8 @@ def directory_of_server(which):
 
 @pytest.fixture(scope="module")
 def installed():
-    """The root of a copy of the server's directories, the built tree installed into it. The server finds them from where
-    its program lies, so the programs are copied; everything else is linked to."""
+    """The root of a copy of the server's directories, the built tree installed into it."""
+    # The server finds them from where its program lies, so the programs are copied; everything else is linked to.
     with tempfile.TemporaryDirectory(prefix="fdw-server-") as copy:
         os.chmod(copy, 0o755)
         umask = os.umask(0o022)  # the server is another user's
@@ -88,8 +88,8 @@ def test_another_schema_and_drop(db):
 def test_installcheck(db):
     """What make installcheck does on the server that runs here."""
     environment = {**os.environ, "PGHOST": "127.0.0.1", "PGPORT": str(db.cluster.port), "PGUSER": "postgres"}
-    subprocess.run(["cmake", "--build", module_path().parent, "--target", "installcheck"], env=environment, check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", module_path().parent, "--target", "installcheck"], env=environment,
+                   check=True, stdout=subprocess.DEVNULL)
 
 
 def test_script_by_hand_makes_nothing(db, installed):

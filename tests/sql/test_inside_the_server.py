@@ -1,6 +1,6 @@
 """What SQL cannot reach, through a module of the test cluster."""
-# That is the clauses of integers and booleans that the module exports, terms aggregations at any compression level, and
-# each kind of failure on its way across the border between C++ and the server.
+# That is the clauses of integers and booleans that the module exports, terms aggregations at any compression level,
+# and each kind of failure on its way across the border between C++ and the server.
 import shutil
 import zlib
 from pathlib import Path

@@ -1,10 +1,9 @@
 """How many instructions the reader and a scan take, counted by callgrind: unlike a time, the same on any machine."""
-# A growth of more than 15 % over the figures kept beside the tests fails. Whoever makes the work dearer, or cheaper, on
-# purpose changes the figures.
+# A growth of more than 15 % over the figures kept beside the tests fails. Whoever makes the work dearer, or cheaper,
+# on purpose changes the figures.
 import json
 import platform
 import re
-import shutil
 import subprocess
 
 import pytest
@@ -47,8 +46,9 @@ def callgrind(function, directory):
 
 
 def check(name, directory):
-    """Compares the count with the one that was kept. One that fell far is no failure of the module, but such a figure
-    guards nothing; how the C library copies on a processor accounts for less."""
+    """Compares the count with the one that was kept."""
+    # One that fell far is no failure of the module, but such a figure guards nothing. How the C library copies on a
+    # processor accounts for less.
     with open(f"{directory}/callgrind.out", encoding="utf-8") as counts:
         instructions = int(re.search(r"^totals: (\d+)", counts.read(), re.M)[1])
     assert KEPT[name] / 4 <= instructions <= KEPT[name] * MOST_GROWTH, f"{name}: {KEPT[name]} were kept"
@@ -74,9 +74,9 @@ def test_rows():
         owner.make_table(batchsize=DOCUMENTS, compressionlevel=-2)
         owner.connection.close()
         cluster.shut_down()
-        command = [*callgrind("quelmoraPgFdwIterateForeignScan", cluster.directory),
-                   shutil.which("postgres", path=cluster.pg_bindir), "--single", "-D", cluster.path_of("data"), "postgres"]
-        backend = cluster.run_as(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        command = [*callgrind("quelmoraPgFdwIterateForeignScan", cluster.directory), f"{cluster.pg_bindir}/postgres",
+                   "--single", "-D", cluster.path_of("data"), "postgres"]
+        backend = cluster.run_as(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         output, _ = backend.communicate(
             "SET jit = off\nSELECT count(doccontent) FROM books WHERE param = 'query={\"match_all\":{}}'\n")
         assert f'count = "{DOCUMENTS}"' in output, output

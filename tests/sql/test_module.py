@@ -9,7 +9,7 @@ from conftest import module_path
 pytestmark = pytest.mark.unsanitized
 
 # What others may call: the server, and modules that use the clauses' analysis and the reader of terms aggregations.
-FUNCTIONS = ["veltranepgfdwinterfacehandler", "veltranepgfdwinterfacevalidator", "veltranepgfdw_text", "veltranepgfdw_jsonb"]
+FUNCTIONS = [f"veltranepgfdw{name}" for name in ("interfacehandler", "interfacevalidator", "_text", "_jsonb")]
 READER, COLLECTOR = "zq::elasticsearch::TermAggResultParserInterface", "qm::pgFdw::TermAggResultParser"
 EXPORTED = {
     "Pg_magic_func", "_PG_init", "_PG_fini", *FUNCTIONS, *[f"pg_finfo_{name}" for name in FUNCTIONS],
@@ -18,8 +18,9 @@ EXPORTED = {
     *[f"VeltranePgFdw3_0::Version::GetDescStringMajorMinor{name}(bool) const" for name in (
         "", "Release", "ReleaseRevision")],
     "qm::pgFdw::analyseExprInt", "qm::pgFdw::analyseExprBool", f"{COLLECTOR}::TermAggResultParser",
-    f"{COLLECTOR}::onAttributes", f"{READER}::TermAggResultParserInterface", f"{READER}::~TermAggResultParserInterface",
-    *[f"{READER}::{name}" for name in ("addData", "finish", "onNextFieldIsAttributeValue")],
+    f"{COLLECTOR}::onAttributes", *[f"{READER}::{name}" for name in (
+        "TermAggResultParserInterface", "~TermAggResultParserInterface", "addData", "finish",
+        "onNextFieldIsAttributeValue")],
     *[f"{what} for {name}" for what in ("vtable", "typeinfo", "typeinfo name") for name in (READER, COLLECTOR)]}
 
 

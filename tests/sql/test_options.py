@@ -10,7 +10,7 @@ LOOK_UP = "SELECT docname FROM books WHERE docname IN ('a', 'c')"
 
 
 def test_sizes_and_what_is_passed_over(db, sent, scripted):
-    sizes = {None: 10, "0": 10, "-5": 10, "abc": 10, "": 10, "25": 25, " 25 rows": 25, "2147483648": 10, "4294967297": 1}
+    sizes = {None: 10, "0": 10, "-5": 10, "abc": 10, "": 10, "25": 25, " 25 rows": 25, 2**31: 10, 2**32 + 1: 1}
     for options, size in [*[({"batchsize": value}, size) for value, size in sizes.items()],
                           ({"nonsense": "x", "batchSize": "-1", "fullerrormsg": ""}, 100),
                           ({"scrolltimeout": "a b"}, 100),  # nothing uses it

@@ -4,7 +4,7 @@ from random import Random
 
 import pytest
 
-from conftest import COLUMNS, unpacked
+from conftest import COLUMNS, every_version, unpacked
 from scriptedserver import answer, hits, raw
 
 SOURCES = ['{"title": "Ein Wal", "in": {"type": "no", "list": [1, {"a": "}"}]}, "type":"book"}',
@@ -85,8 +85,8 @@ def test_compression_levels(db, scripted, level):
                 assert int.from_bytes(length, "little") == len(text) and packed == right
 
 
-# columns, what is selected, the row, what is asked for and what is warned of: by position, whatever the names say; the
-# names, which are known as a whole, say what is asked for
+# columns, what is selected, the row, what is asked for and what is warned of: by position, whatever the names say;
+# the names, which are known as a whole, say what is asked for
 MORE = COLUMNS + ", doc text, score2 int"
 SHAPES = [
     ("doctype text, highlights bytea, score real, docname text, doccontent bytea, param text",
@@ -123,7 +123,7 @@ def test_dropped_columns_keep_their_place(db, scripted):
     assert db.run("SELECT *" + BY_QUERY) == [("a1", 2.5, "book", None, None, None)]
 
 
-@pytest.mark.every_version
+@every_version
 def test_rows_of_the_search_server(db):
     rows = db.run("SELECT docname, doctype, score > 0, doccontent FROM books WHERE param = "
                   "'query={\"range\":{\"number\":{\"lt\":5}}}' ORDER BY docname")

@@ -13,8 +13,7 @@ QUERY = "SELECT count(*), sum(length(doccontent)) FROM {} WHERE param = 'query=q
 
 
 class Pages:
-    """A table `by<size>` of scrolls over `total` documents, of which each page is the same one: rendered once, sent by
-    `play` to every request."""
+    """A table of scrolls over `total` documents, of which each page is the same one: `play` sends it."""
 
     def __init__(self, db, size, total, level=-2):
         self.db, self.table = db, f"by{size}"
@@ -22,7 +21,7 @@ class Pages:
                    for n in range(size)]
         values = sources if level == -2 else [b"size" + zlib.compress(source.encode(), level) for source in sources]
         self.expected = [(total, total // size * sum(map(len, values)))]
-        self.play = answer(hits(*[f'"_id":"d{n}","_score":1.0,"_source":{source}' for n, source in enumerate(sources)],
+        self.play = answer(hits(*[f'"_id":"d{n}","_score":1,"_source":{source}' for n, source in enumerate(sources)],
                                 total=total, scroll_id="s"))
         db.make_table(self.table, connectortype="elasticsearchscroll", batchsize=size, compressionlevel=level)
 

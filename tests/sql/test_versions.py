@@ -1,9 +1,9 @@
-"""The major versions of the search servers: what each of them refuses, and that the option esversion puts it right."""
+"""The major versions of the search servers: what each of them refuses, and how the option esversion puts it right."""
 # What must be the same with all of them is tested where the tests are marked with every_version.
 import pytest
 
 import demo
-from conftest import VERSIONS, Database, SearchServer, new_database
+from conftest import VERSIONS, Database, SearchServer, every_version, new_database
 from queries import TOUR
 
 SCROLL = {"connectortype": "elasticsearchscroll"}
@@ -53,7 +53,7 @@ def test_scroll_ids(db, library, index, version, esversion, refusal):
     assert server.open_scrolls() == (refusal is not None)
 
 
-@pytest.mark.every_version
+@every_version
 def test_partial_answers(db, search):
     """The hits of shards that fail or do not answer are missing from a search, and from one page of a scroll."""
     if "four" not in search.cluster.indices:
