@@ -21,7 +21,7 @@ def of_type(query, types='"x"'):
     return f'"query":{{"bool":{{"filter":{{"terms":{{"type":[ {types}]}}}},"must":{query}}}}}'
 
 
-# select list, conditions, what follows the opening brace of the body, None where there is no request
+# select list, conditions, what follows the opening brace of the body
 SEARCHES = [
     ("doccontent", QUERY, ALL), ("*", QUERY, ALL), ("doccontent, doctype", QUERY, ALL),
     *[(columns, QUERY, ALL + BARE) for columns in ("docname", "count(*)", "docname, score, highlights, param")],
@@ -49,17 +49,12 @@ SEARCHES = [
           ("doccontent, doctype", "includefilter=a", '"includes":["a","type"]'),
           ("doccontent, doctype", "excludefilter=big", '"includes":["type"],"excludes":["big"]'),
           ("doccontent, doctype", "includefilter=a excludefilter=c", '"includes":["a","type"],"excludes":["c"]'))],
-    *[("docname", f"{QUERY} {tail}", f'"query":{MATCH},"size":{size}{BARE}') for tail, size in (
-        ("LIMIT 10", 10), ("LIMIT 10 OFFSET 5", 15), ("LIMIT 100", 100), ("LIMIT 500", 100), ("LIMIT ALL", 100),
-        ("LIMIT 2147483648", 100), ("GROUP BY docname LIMIT 5", 100))],
-    ("docname", f"{QUERY} LIMIT 0", None),
 ]
 
 
 def test_searches(sent):
-    rows = [(columns, clauses, ["{" + members + "}"] if members else [],
-             sent(f"SELECT {columns} FROM books WHERE {clauses}")) for columns, clauses, members in SEARCHES]
-    assert [row for row in rows if row[2] != row[3]] == []
+    for columns, clauses, members in SEARCHES:
+        assert sent(f"SELECT {columns} FROM books WHERE {clauses}") == ["{" + members + "}"], (columns, clauses)
 
 
 ESCAPES = {
