@@ -79,9 +79,10 @@ class Soak:
     @contextmanager
     def searching(self):
         """Runs a search server with the documents, on the same port as before; it dies in the midst of its work."""
-        with SearchServer(port=self.port) as search:
-            search.journal = deque(maxlen=0)  # that of hours would be the largest part of the process
-            search.put_many("library", DOCUMENTS.items())
+        search = SearchServer(port=self.port)
+        search.journal = deque(maxlen=0)  # that of hours would be the largest part of the process
+        search.put_many("library", DOCUMENTS.items())
+        with search:
             self.port, self.back = search.port, time.monotonic()
             yield search
             self.back = math.inf  # the time at which it was back last

@@ -11,7 +11,7 @@ import psycopg2
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "demo"))
+sys.path[:0] = [str(ROOT / "demo"), str(ROOT / "tests/soak")]
 
 from privatecluster import PrivateCluster  # noqa: E402
 from scriptedserver import ScriptedServer, answer, hits  # noqa: E402

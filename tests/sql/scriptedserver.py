@@ -76,13 +76,6 @@ class Peer:
     def send(self, data):
         self._connection.sendall(data)
 
-    def trickle(self, data):
-        """Sends bytes one by one, each in a packet of its own."""
-        self._connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for byte in data:
-            self.send(bytes([byte]))
-            time.sleep(0.0002)
-
     def reset(self):
         """Breaks the connection off with a reset instead of an orderly end."""
         self._connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))

@@ -4,7 +4,7 @@ from random import Random
 
 import pytest
 
-from conftest import COLUMNS, every_version, unpacked
+from conftest import COLUMNS, unpacked
 from scriptedserver import answer, hits, raw
 
 SOURCES = ['{"title": "Ein Wal", "in": {"type": "no", "list": [1, {"a": "}"}]}, "type":"book"}',
@@ -122,12 +122,3 @@ def test_dropped_columns_keep_their_place(db, scripted):
     db.run("ALTER FOREIGN TABLE books DROP COLUMN doccontent, ADD COLUMN body text")
     assert db.run("SELECT *" + BY_QUERY) == [("a1", 2.5, "book", None, None, None)]
 
-
-@every_version
-def test_rows_of_the_search_server(db):
-    rows = db.run("SELECT docname, doctype, score > 0, doccontent FROM books WHERE param = "
-                  "'query={\"range\":{\"number\":{\"lt\":5}}}' ORDER BY docname")
-    assert [row[:3] for row in rows] == [(f"b00{n}", "book" if n else "essay", True) for n in range(5)]
-    assert all(f'"number":{n}' in unpacked(row[3]).replace(" ", "") for n, row in enumerate(rows))
-    db.make_table(indexlist="empty")
-    assert db.run("SELECT * FROM books WHERE param = 'query={\"match_all\":{}}'") == []

@@ -1,14 +1,9 @@
 """Eight backends at work for a while; VELTRANE_SOAK_MINUTES says how long, half a minute by default."""
 import os
-import sys
 
 import pytest
 
-from conftest import ROOT
-
-sys.path.insert(0, str(ROOT / "tests/soak"))
-
-from soak import Soak  # noqa: E402
+from soak import Soak
 
 
 @pytest.mark.unsanitized
