@@ -22,9 +22,9 @@ OUTAGE = "HV000", rf"Curl error \((7|18|52|55|56)\)|ElasticSearch error, query w
 
 def is_right(got, right):
     """Whether rows are the right ones, or an error has the right SQLSTATE and a message of the right pattern."""
-    if isinstance(right, list) or isinstance(got, list):
-        return got == right
-    return got[0] == right[0] and bool(re.match(right[1], got[1], re.S))
+    if isinstance(got, tuple) and isinstance(right, tuple):
+        return got[0] == right[0] and bool(re.match(right[1], got[1], re.S))
+    return got == right
 
 
 class Backend(threading.Thread):

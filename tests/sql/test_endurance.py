@@ -1,11 +1,10 @@
-"""One backend at length: its memory over many rows, and how soon a cancel is heeded, whatever the query waits for."""
+"""One backend at length: its memory and time over many rows, and how soon a cancel is heeded, whatever it waits for."""
 import contextlib
 import ctypes
 import os
 import re
 import socket
 import subprocess
-import tempfile
 import threading
 import time
 
@@ -36,6 +35,39 @@ def test_rows_leave_no_memory_behind(db, scripted, column, values, rescans):
     assert memory(db.pid) - before <= 1024
     assert len(db.run("FETCH ALL FROM c")) == len(scripted.requests) == 100
 
+
+def read_pages(db, scripted, size, total, level):
+    """Reads a scroll of so many documents, in pages of a size that are all the same; returns the seconds it took."""
+    documents = [f'"_id":"d{n}","_score":1,"_source":{{"text":"{f"lorem {n} ipsum {n * n} dolor " * 4}"}}'
+                 for n in range(size)]
+    scripted.script = answer(hits(*documents, total=total, scroll_id="s"))
+    db.make_table(port=scripted.port, batchsize=size, compressionlevel=level, **SCROLL)
+    start = time.monotonic()
+    assert db.value("SELECT count(doccontent) FROM books WHERE param = 'query=q'") == total
+    return time.monotonic() - start
+
+
+@pytest.mark.unsanitized
+def test_memory_does_not_grow_with_the_result(cluster, scripted):
+    peaks = []
+    for total in (10_000, 500_000):
+        db = Database(cluster, scripted.port)
+        read_pages(db, scripted, 1000, total, 1)
+        peaks.append(memory(db.pid, "VmHWM"))
+    assert peaks[1] - peaks[0] <= 10 * 1024 and len(scripted.requests) == 510, peaks
+
+
+@pytest.mark.unsanitized
+def test_a_row_takes_no_longer_in_a_larger_batch(db, scripted):
+    times = {1000: [], 10_000: []}
+    # The load of the machine can only lengthen a run: the shortest of many says most.
+    while len(times[1000]) < 9 or (min(times[10_000]) > 1.1 * min(times[1000]) and len(times[1000]) < 50):
+        for size, taken in times.items():
+            taken.append(read_pages(db, scripted, size, 100_000, -2))
+    assert min(times[10_000]) <= 1.1 * min(times[1000]), times
+
+
+# ---- What ends a query that waits ------------------------------------------------------------------------
 
 # What ends a query, and what the server log says then.
 ENDS = {"statement_timeout": "57014 ERROR:  canceling statement due to statement timeout",
@@ -122,10 +154,8 @@ NAME_SERVICE = f"""
 int getaddrinfo(const char *node, const char *service, const struct addrinfo *hints, struct addrinfo **result)
 {{
     int (*real)(const char *, const char *, const struct addrinfo *, struct addrinfo **);
-    if (node && strcmp(node, "slow.invalid") == 0)
-        sleep({SLOW});
     if (node && strstr(node, ".invalid"))
-        return EAI_NONAME;
+        return sleep(strcmp(node, "slow.invalid") ? 0 : {SLOW}), EAI_NONAME;
     *(void **)&real = dlsym(RTLD_NEXT, "getaddrinfo");
     return real(node, service, hints, result);
 }}
@@ -133,16 +163,16 @@ int getaddrinfo(const char *node, const char *service, const struct addrinfo *hi
 
 
 @pytest.fixture
-def own_cluster():
+def own_cluster(tmp_path_factory):
     """A private cluster of the test's own with that name service."""
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o755)  # the server runs as another user
-        library = os.path.join(folder, "names.so")
-        subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", library, "-ldl"], check=True, text=True,
-                       input=NAME_SERVICE)
-        with running_cluster(preload=library) as cluster:
-            Database(cluster, 0).install()
-            yield cluster
+    folder = tmp_path_factory.mktemp("names")
+    for path in (folder.parent.parent, folder.parent, folder):
+        path.chmod(0o755)  # the server runs as another user
+    subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", folder / "names.so", "-ldl"], check=True, text=True,
+                   input=NAME_SERVICE)
+    with running_cluster(preload=str(folder / "names.so")) as cluster:
+        Database(cluster, 0).install()
+        yield cluster
 
 
 def test_names(own_cluster, scripted, full_port):

@@ -1,5 +1,6 @@
-"""The installed extension, on a server whose directories are a private copy: made, used, moved, dropped."""
+"""The installed extension, on a server whose directories are a private copy, and what its library offers and needs."""
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -98,3 +99,36 @@ def test_script_by_hand_makes_nothing(db, installed):
         psql = [f"{db.cluster.pg_bindir}/psql", "-X", "-f", script, f"{db.cluster.dsn} dbname=by_hand"]
         assert b'Use "CREATE EXTENSION veltranepgfdw"' in subprocess.check_output(psql)
         assert session.run(LEFT_BEHIND) == []
+
+
+# ---- The library itself ------------------------------------------------------------------------------------
+
+# What others may call: the server, and modules that use the clauses' analysis and the reader of terms aggregations.
+CALLED = [f"veltranepgfdw{name}" for name in ("interfacehandler", "interfacevalidator", "_text", "_jsonb")]
+READER, COLLECTOR = "zq::elasticsearch::TermAggResultParserInterface", "qm::pgFdw::TermAggResultParser"
+EXPORTED = {
+    "Pg_magic_func", "_PG_init", "_PG_fini", *CALLED, *[f"pg_finfo_{name}" for name in CALLED],
+    *[f"VeltranePgFdw3_0::Version::Get{name}() const" for name in (
+        "Major", "Minor", "Release", "Revision", "Year", "Month", "DescStringMajorMinorReleaseRevisionDate")],
+    *[f"VeltranePgFdw3_0::Version::GetDescStringMajorMinor{name}(bool) const" for name in (
+        "", "Release", "ReleaseRevision")],
+    "qm::pgFdw::analyseExprInt", "qm::pgFdw::analyseExprBool", f"{COLLECTOR}::TermAggResultParser",
+    f"{COLLECTOR}::onAttributes", *[f"{READER}::{name}" for name in (
+        "TermAggResultParserInterface", "~TermAggResultParserInterface", "addData", "finish",
+        "onNextFieldIsAttributeValue")],
+    *[f"{what} for {name}" for what in ("vtable", "typeinfo", "typeinfo name") for name in (READER, COLLECTOR)]}
+
+
+@pytest.mark.unsanitized
+def test_exports():
+    table = subprocess.check_output(["nm", "-D", "-C", "--defined-only", module_path()], text=True)
+    exported = {re.sub(r"\(.*\)$", "", line.split(" ", 2)[2]) for line in table.splitlines()}
+    assert EXPORTED <= exported
+    assert all(name.startswith((READER + "::", COLLECTOR + "::")) for name in exported - EXPORTED)
+
+
+@pytest.mark.unsanitized
+def test_links_to_what_it_needs_only():
+    table = subprocess.check_output(["objdump", "-p", module_path()], text=True)
+    needed = {name.split(".so")[0] for name in re.findall(r"NEEDED +(\S+)", table)}
+    assert needed <= {"libcurl", "libz", "libstdc++", "libgcc_s", "libc", "libm", "ld-linux-x86-64"}, needed

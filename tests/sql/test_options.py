@@ -23,10 +23,10 @@ def test_options_count_where_they_belong(db, scripted):
     db.run("CREATE SERVER optioned FOREIGN DATA WRAPPER veltranepgfdw "
            f"OPTIONS (connectortype 'elasticsearch', port '{scripted.port}', batchsize '-1')")
     db.run("CREATE USER MAPPING FOR CURRENT_USER SERVER optioned OPTIONS (address '127.0.0.1', nonsense 'x')")
-    db.make_table(server="optioned", connectortype=None)
-    assert db.failure(LOOK_UP)[1] == test_failures.UNSUPPORTED["message"]
-    db.make_table(server="optioned", address=None, port=None)
-    assert db.failure(LOOK_UP)[1] == test_failures.MISSING
+    for options, message in (({"connectortype": None}, test_failures.UNSUPPORTED["message"]),
+                             ({"address": None, "port": None}, test_failures.MISSING)):
+        db.make_table(server="optioned", **options)
+        assert db.failure(LOOK_UP)[1] == message
     # The server may say where; what the table says goes before it.
     db.run("ALTER SERVER optioned OPTIONS (ADD address '127.0.0.1')")
     assert db.run(LOOK_UP) == []
