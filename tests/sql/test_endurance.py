@@ -1,4 +1,4 @@
-"""One backend at length: its memory and time over many rows, and how soon a cancel is heeded, whatever it waits for."""
+"""One backend at length: its memory and time over many rows, and how soon a cancel is heeded."""
 import contextlib
 import ctypes
 import os
@@ -168,8 +168,8 @@ def own_cluster(tmp_path_factory):
     folder = tmp_path_factory.mktemp("names")
     for path in (folder.parent.parent, folder.parent, folder):
         path.chmod(0o755)  # the server runs as another user
-    subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", folder / "names.so", "-ldl"], check=True, text=True,
-                   input=NAME_SERVICE)
+    subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", folder / "names.so", "-ldl"], check=True,
+                   text=True, input=NAME_SERVICE)
     with running_cluster(preload=str(folder / "names.so")) as cluster:
         Database(cluster, 0).install()
         yield cluster

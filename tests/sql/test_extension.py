@@ -1,4 +1,4 @@
-"""The installed extension, on a server whose directories are a private copy, and what its library offers and needs."""
+"""The installed extension, on a server whose directories are a private copy, and its library as a file."""
 import os
 import re
 import shutil

@@ -28,7 +28,7 @@ SIZES = [
     (f"docname {ALL} UNION SELECT name FROM local ORDER BY 1 DESC LIMIT 3", 200),
     (f"docname {ALL} UNION ALL SELECT docname {ALL} LIMIT 3", 200),
     *[(f"docname, n {ALL.replace('WHERE', join)} {end}", 200) for join, end in (
-        ("JOIN local ON docname = name WHERE", "ORDER BY n LIMIT 5"), ("JOIN local ON docname = name WHERE", "LIMIT 5"),
+        ("JOIN local ON docname = name AND", "ORDER BY n LIMIT 5"), ("JOIN local ON docname = name AND", "LIMIT 5"),
         ("RIGHT JOIN local ON docname = name AND", "WHERE n > 245 LIMIT 4"))],
 ]
 
