@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Eight backends search, look up, scroll, join and fail on a private cluster, and the search server dies under
+# Eight backends search, look up, scroll, rescan and fail on a private cluster, and the search server dies under
 # them twice. Checks every answer, and at the end memory, connections and scroll contexts; prints a summary.
 #
 #   scripts/soak.sh [MINUTES]     10 by default

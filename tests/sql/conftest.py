@@ -1,10 +1,7 @@
 """What the SQL tests share: a private cluster with the module, search servers, and short ways to ask both."""
 import contextlib
-import functools
 import os
 import re
-import socket
-import struct
 import sys
 import time
 import zlib
@@ -14,7 +11,7 @@ import psycopg2
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "demo"))
+sys.path[:0] = [str(ROOT / "demo"), str(ROOT / "tests/soak")]
 
 from privatecluster import PrivateCluster  # noqa: E402
 from scriptedserver import ScriptedServer, answer, hits  # noqa: E402
@@ -23,29 +20,16 @@ from searchserver import SearchServer  # noqa: E402
 COLUMNS = "docname text, doccontent bytea, score real, doctype text, highlights bytea, param text"
 CRASH = re.compile(r"terminated by signal|PANIC|TRAP:|AddressSanitizer|runtime error:")
 
-SET_UP = """
-CREATE FUNCTION veltranepgfdwinterfacehandler() RETURNS fdw_handler AS '{module}' LANGUAGE C STRICT;
-CREATE FUNCTION veltranepgfdwinterfacevalidator(text[], oid) RETURNS void AS '{module}' LANGUAGE C STRICT;
-CREATE FOREIGN DATA WRAPPER veltranepgfdw
-    HANDLER veltranepgfdwinterfacehandler VALIDATOR veltranepgfdwinterfacevalidator;
-CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw;
-"""
-
-
 # What the tests marked with `every_version` run with: the major version of the search server, and the option
 # esversion of the tables on it. All others run with the default; VELTRANE_SEARCH_VERSION names another one.
 VERSIONS = [(6, None), (6, 6), (7, None), (7, 7), (8, 8), (9, 9)]
 DEFAULT_VERSION = (int(os.environ.get("VELTRANE_SEARCH_VERSION", "7")),) * 2
+every_version = pytest.mark.parametrize("versions", VERSIONS, indirect=True, ids=str)
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "every_version: runs against a search server of each version")
-
-
-def pytest_generate_tests(metafunc):
-    if metafunc.definition.get_closest_marker("every_version"):
-        metafunc.parametrize("versions", VERSIONS, indirect=True, ids=[
-            f"{version}{'' if esversion else ' untold'}" for version, esversion in VERSIONS])
+    config.addinivalue_line("markers", "unsanitized: not under sanitizers, because it measures memory, time or "
+                            "instructions, names the module's libraries, or has nothing of the module in it")
 
 
 def bodies(server):
@@ -55,47 +39,31 @@ def bodies(server):
 
 def unpacked(value):
     """The text of a compressed value."""
-    data = bytes(value)
-    text = zlib.decompress(data[4:])
-    assert struct.unpack("=I", data[:4]) == (len(text),)
+    text = zlib.decompress(bytes(value)[4:])
+    assert int.from_bytes(bytes(value)[:4], sys.byteorder) == len(text)
     return text.decode()
 
 
 def memory(pid, figure="RssAnon"):
-    """Memory of a backend in KiB: what it holds without the shared buffers, or with VmHWM the most that it ever
-    held with them."""
+    """KiB that a backend holds without the shared buffers; with VmHWM the most that it ever held with them."""
     status = Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
-    return int(re.search(rf"^{figure}:\s+(\d+)", status, re.M).group(1))
+    return int(re.search(rf"^{figure}:\s+(\d+)", status, re.M)[1])
 
 
-def descriptors(pid):
-    """What the open descriptors of a process lead to."""
+def sockets(pid):
+    """How many sockets a process has open."""
+    count = 0
     for entry in Path(f"/proc/{pid}/fd").iterdir():
         with contextlib.suppress(FileNotFoundError):
-            yield os.readlink(entry)
-
-
-def connections_to(pid, port):
-    """How many sockets of a process lead to a port of this machine."""
-    rows = [line.split() for line in Path(f"/proc/{pid}/net/tcp").read_text(encoding="ascii").splitlines()[1:]]
-    ours = {f"socket:[{row[9]}]" for row in rows if int(row[2].split(":")[1], 16) == port}
-    return sum(link in ours for link in descriptors(pid))
-
-
-def diagnosis(error):
-    """(SQLSTATE, message) of an error; the number of a node type, which the server's version decides, as N."""
-    message = error.diag.message_primary or str(error)
-    return error.diag.sqlstate, re.sub(r"clause of type \d+", "clause of type N", message)
+            count += os.readlink(entry).startswith("socket:")
+    return count
 
 
 class Database:
-    """One session of the private cluster, in autocommit mode, whose tables are on the search server of a port.
+    """One session of a private cluster, in autocommit mode, whose tables are on the search server of a port. Without
+    `jit`, which the cost of a foreign scan always calls in, its time and memory are those of the module."""
 
-    Without `jit` its time and memory are those of the module: the cost of a foreign scan always calls the
-    expression compiler in.
-    """
-
-    def __init__(self, cluster, port, dbname="postgres", jit=True, esversion=None):
+    def __init__(self, cluster, port, dbname="postgres", jit=False, esversion=None):
         self.cluster, self.port, self.log_start = cluster, port, os.path.getsize(cluster.log_path)
         self.esversion = esversion  # of the tables on that port
         self.connection = psycopg2.connect(cluster.dsn, dbname=dbname)
@@ -103,8 +71,7 @@ class Database:
         self.pid = self.connection.info.backend_pid
         self.version = self.connection.server_version // 10000
         self.run("SET client_min_messages = warning")
-        if not jit:
-            self.set("jit", "off")
+        self.set("jit", "on" if jit else "off")
 
     def set(self, setting, value):
         """Sets what the server may be too old to know; returns whether it does."""
@@ -127,18 +94,27 @@ class Database:
         ((value,),) = self.run(statement, values)
         return bytes(value) if isinstance(value, memoryview) else value
 
+    def outcome(self, statement, values=None):
+        """The rows of a statement, or its (SQLSTATE, message) when it fails."""
+        try:
+            return self.run(statement, values)
+        except psycopg2.Error as error:
+            # The server's version decides the number of a node type.
+            message = re.sub(r"clause of type \d+", "clause of type N", error.diag.message_primary or str(error))
+            return error.diag.sqlstate, message
+
     def failure(self, statement, values=None):
         """Runs a statement that must fail and returns (SQLSTATE, message)."""
         outcome = self.outcome(statement, values)
         assert isinstance(outcome, tuple), f"no error but {outcome}"
         return outcome
 
-    def outcome(self, statement, values=None):
-        """The rows of a statement, or its (SQLSTATE, message) when it fails."""
-        try:
-            return self.run(statement, values)
-        except psycopg2.Error as error:
-            return diagnosis(error)
+    def install(self):
+        """Makes what the extension's script makes, with the module of the cluster, and the server `search`."""
+        version = re.search("default_version = '(.+)'", (ROOT / "sql/veltranepgfdw.control").read_text("utf-8"))[1]
+        script = (ROOT / f"sql/veltranepgfdw--{version}.sql").read_text("utf-8").partition("\n")[2]
+        self.run(script.replace("MODULE_PATHNAME", self.cluster.module_path) +
+                 "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
 
     def make_table(self, name="books", columns=COLUMNS, server="search", **options):
         """Makes a foreign table, replacing one of that name; an option of None is left out."""
@@ -156,6 +132,16 @@ class Database:
             return [line.rstrip("\n").split("] ", 1)[1] for line in log if f" [{self.pid}] " in line]
 
 
+@contextlib.contextmanager
+def new_database(owner, name, options=""):
+    """A session like that of the owner in a database of its own, which has nothing of the module."""
+    owner.run(f"CREATE DATABASE {name} TEMPLATE template0 {options}")
+    session = Database(owner.cluster, owner.port, name, esversion=owner.esversion)
+    yield session
+    session.connection.close()
+    owner.run(f"DROP DATABASE {name}")
+
+
 def module_path():
     """The module under test, as it was built."""
     return Path(os.environ.get("VELTRANE_MODULE", ROOT / "build/release/libVeltranePgFdw3_0.so")).resolve()
@@ -165,36 +151,37 @@ def crash_signs(log_path, start=0):
     """The lines of a server log, from an offset on, that tell of a crash or come from a sanitizer."""
     with open(log_path, encoding="utf-8", errors="replace") as log:
         log.seek(start)
-        return [line for line in log if CRASH.search(line)]
+        return "".join(line for line in log if CRASH.search(line))
+
+
+@contextlib.contextmanager
+def running_cluster(pg_bindir=None, preload=None):
+    """A private cluster with the module; it must end without a sign of a crash."""
+    libraries = " ".join(filter(None, [os.environ.get("VELTRANE_SERVER_PRELOAD"), preload]))
+    with PrivateCluster(module_path(), pg_bindir, environment=libraries and {"LD_PRELOAD": libraries}) as cluster:
+        yield cluster
+        assert not crash_signs(cluster.log_path)
 
 
 @pytest.fixture(scope="session")
 def cluster():
-    module = module_path()
-    if not module.exists():
-        pytest.fail(f"{module} does not exist: build it first, or name another one in VELTRANE_MODULE")
-    preload = os.environ.get("VELTRANE_SERVER_PRELOAD")
-    with PrivateCluster(module, environment={"LD_PRELOAD": preload} if preload else None) as started:
-        with psycopg2.connect(started.dsn) as connection, connection.cursor() as cursor:
-            cursor.execute(SET_UP.format(module=started.module_path))
-        connection.close()
+    if not module_path().exists():
+        pytest.fail(f"{module_path()} does not exist: build it first, or name another one in VELTRANE_MODULE")
+    with running_cluster() as started:
+        Database(started, 0).install()
         yield started
-        assert not crash_signs(started.log_path), "".join(crash_signs(started.log_path))
 
 
 @pytest.fixture(scope="session")
 def library():
-    """library(version): the search server of that version with the documents that the tests share."""
+    """The search server of each version, with the documents that the tests share."""
     with contextlib.ExitStack() as stack:
-        @functools.lru_cache(None)
-        def of_version(version):
-            server = stack.enter_context(SearchServer(version))
+        servers = {version: stack.enter_context(SearchServer(version)) for version, _ in VERSIONS}
+        for server in servers.values():
             server.put_many("books", [(f"b{n:03}", {"title": "whales" if n % 2 else "letters", "number": n,
                                                     "type": "book" if n % 10 else "essay"}) for n in range(250)])
             server.create_index("empty")
-            return server
-
-        yield of_version
+        yield servers
 
 
 @pytest.fixture
@@ -205,7 +192,7 @@ def versions(request):
 
 @pytest.fixture
 def search(library, versions):
-    server = library(versions[0])
+    server = library[versions[0]]
     server.take_journal()
     return server
 
@@ -217,19 +204,10 @@ def scripted():
         yield server
 
 
-@pytest.fixture(scope="session")
-def closed_port():
-    """A port that refuses connections."""
-    with socket.socket() as idle:
-        idle.bind(("127.0.0.1", 0))
-        yield idle.getsockname()[1]
-
-
 @pytest.fixture
 def db(cluster, search, versions):
     """A session of its own, with the table `books` on the shared search server."""
-    # The expression compiler does not see which version it is, and would take most of the time.
-    database = Database(cluster, search.port, jit=versions == DEFAULT_VERSION, esversion=versions[1])
+    database = Database(cluster, search.port, esversion=versions[1])
     database.make_table()
     yield database
     database.connection.close()
@@ -251,14 +229,10 @@ def sent(db, scripted):
 @pytest.fixture(autouse=True)
 def no_crash(request):
     """A crash in one session is one in all of them: each test answers for the server log of its own time."""
-    if "cluster" not in request.fixturenames:
-        yield
-        return
-    started = request.getfixturevalue("cluster")
-    start = os.path.getsize(started.log_path)
+    log_path = "cluster" in request.fixturenames and request.getfixturevalue("cluster").log_path
+    start = log_path and os.path.getsize(log_path)
     yield
-    signs = crash_signs(started.log_path, start)
-    assert not signs, "".join(signs)
+    assert not (log_path and crash_signs(log_path, start))
 
 
 def wait_until(condition, seconds=10):

@@ -1,4 +1,6 @@
 """An HTTP peer that plays a script on each connection: for the answers that no search server would give."""
+import contextlib
+import http.client
 import json
 import socket
 import struct
@@ -25,11 +27,19 @@ def hits(*documents, total=None, scroll_id=None):
     return f'{{{start}"took":1,"hits":{{"total":{total},"max_score":1.0,"hits":[{inner}]}}}}'
 
 
+def named(*names):
+    """Documents of these ids, for `hits`."""
+    return [f'"_id":"{name}","_score":1' for name in names]
+
+
+def raw(text, value):
+    """A script that answers with these bytes in the place of every @ of a text."""
+    return answer(text.encode().replace(b"@", value))
+
+
 def purpose(method, path):
     """What a request is for: the "first" page of a search, the "next" one of its scroll, to "delete" that."""
-    if method == "DELETE":
-        return "delete"
-    return "next" if path.startswith("/_search/scroll") else "first"
+    return "delete" if method == "DELETE" else "next" if path.startswith("/_search/scroll") else "first"
 
 
 def scroll_id_in(path, body):
@@ -43,52 +53,28 @@ def silence(peer):
     peer.wait_for_close(NEVER)
 
 
-def drip(peer):
-    """Answers one byte a second and comes to no end."""
-    peer.send(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")
-    deadline = time.monotonic() + NEVER
-    while time.monotonic() < deadline and not peer.wait_for_close(1):
-        peer.send(b" ")
+def endless(piece, start=b"HTTP/1.1 200 OK\r\n\r\n"):
+    """A script that sends a start and then the piece again and again, as fast as the other side reads."""
+    def script(peer):
+        peer.send(start)
+        while True:  # until the other side closes the connection
+            peer.send(piece * ((1 << 20) // len(piece)))
+    return script
 
 
 class Peer:
-    """One connection, as a script sees it: the request that came in (its raw target is `path`) and the means to
-    answer."""
+    """One connection, as a script sees it: the request that came, `verb` empty where none did, and how to answer."""
 
     def __init__(self, connection):
         self._connection = connection
-
-    def read_request(self):
-        """Reads one request; False when the connection ends before one is complete."""
-        data = b""
-        while b"\r\n\r\n" not in data:
-            chunk = self._connection.recv(65536)
-            if not chunk:
-                return False
-            data += chunk
-        head, _, self.body = data.partition(b"\r\n\r\n")
-        self.request_line, *lines = head.decode().split("\r\n")
-        self.verb, self.path, _ = self.request_line.split(" ")
-        self.headers = [tuple(line.split(":", 1)) for line in lines]
-        length = next((int(value) for name, value in self.headers if name.lower() == "content-length"), 0)
-        while len(self.body) < length:
-            self.body += self._connection.recv(65536)
-        return True
-
-    @property
-    def purpose(self):
-        return purpose(self.verb, self.path)
+        with connection.makefile("rb") as stream:
+            self.verb, self.path, *_ = [*stream.readline().decode("latin-1").split(" "), ""]
+            self.headers = http.client.parse_headers(stream)
+            self.body = stream.read(int(self.headers["Content-Length"] or 0))
+        self.purpose = purpose(self.verb, self.path)
 
     def send(self, data):
-        """Sends raw bytes."""
         self._connection.sendall(data)
-
-    def trickle(self, data):
-        """Sends bytes one by one, each in a packet of its own."""
-        self._connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for byte in data:
-            self.send(bytes([byte]))
-            time.sleep(0.0002)
 
     def reset(self):
         """Breaks the connection off with a reset instead of an orderly end."""
@@ -105,15 +91,11 @@ class Peer:
 
 
 class ScriptedServer:
-    """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection.
+    """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection; `requests` are
+    the peers. `script` may be replaced at any time. `secured` makes of a connection one that speaks TLS."""
 
-    `requests` holds the peers whose request has been read, in order. `script` may be replaced at any time.
-    With an `ssl.SSLContext` it speaks TLS.
-    """
-
-    def __init__(self, script, context=None):
-        self.script, self._context = script, context
-        self.requests, self._connections = [], []
+    def __init__(self, script, secured=lambda connection: connection):
+        self.script, self._secured, self.requests = script, secured, []
 
     def __enter__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
@@ -121,41 +103,23 @@ class ScriptedServer:
         threading.Thread(target=self._accept, daemon=True).start()
         return self
 
-    def __exit__(self, *failure):
-        self.stop_listening()
-        for each in list(self._connections):
-            try:
-                each.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
-
-    def stop_listening(self):
+    def stop_listening(self, *_):
         """Refuses all further connections; those that are open go on."""
-        try:
+        with contextlib.suppress(OSError):
             self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
         self._listener.close()
 
+    __exit__ = stop_listening
+
     def _accept(self):
-        while True:
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            if self._context:
-                connection = self._context.wrap_socket(connection, server_side=True, do_handshake_on_connect=False)
-            self._connections.append(connection)
-            threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
+        with contextlib.suppress(OSError):  # until it listens no more
+            while True:
+                threading.Thread(target=self._serve, args=self._listener.accept()[:1], daemon=True).start()
 
     def _serve(self, connection):
-        try:
-            peer = Peer(connection)
-            if peer.read_request():
+        # The other side may go away, which is what several tests are about.
+        with contextlib.suppress(OSError), self._secured(connection) as stream:
+            peer = Peer(stream)
+            if peer.verb:
                 self.requests.append(peer)
                 self.script(peer)
-        except OSError:
-            pass  # The other side went away, which is what several tests are about.
-        finally:
-            self._connections.remove(connection)
-            connection.close()

@@ -1,124 +1,108 @@
 """Texts in databases of several encodings: the search cluster speaks UTF-8, the database what it was made with."""
-import json
-
 import pytest
 
-from conftest import SET_UP, Database
-from scriptedserver import answer, hits
+from conftest import COLUMNS, Database, new_database
+from scriptedserver import answer, hits, raw
 
-ENCODINGS = ["UTF8", "LATIN1", "EUC_JP", "SQL_ASCII"]
-QUERY = "SELECT docname, doctype FROM books WHERE param = 'query=q'"
+CODECS = {"UTF8": "utf-8", "LATIN1": "latin-1", "EUC_JP": "euc_jp", "SQL_ASCII": "utf-8"}
+TEXTS = {"ascii": "plain", "latin": "na\u00efve \u00a7", "japanese": "\u65e5\u672c\u8a9e", "euro": "\u20ac"}
+QUERY = "SELECT {} FROM {} WHERE param IN ('query=q', 'highlight=h', 'compressionlevel={}')"
 INVALID, NO_EQUIVALENT = "22021", "22P05"
+READ = "veltranepgfdw_text({})"
 
 
-@pytest.fixture(scope="module", params=ENCODINGS)
-def session(request, cluster):
+@pytest.fixture(scope="module", params=CODECS)
+def database(request, cluster):
     """A session, whose client speaks UTF-8, in a database of the encoding."""
-    name = "in_" + request.param.lower()
-    owner = Database(cluster, 0)
-    owner.run(f"CREATE DATABASE {name} TEMPLATE template0 ENCODING '{request.param}' LC_COLLATE 'C' LC_CTYPE 'C'")
-    database = Database(cluster, 0, name)
-    database.encoding = request.param
-    database.run(SET_UP.format(module=cluster.module_path))
-    database.connection.set_client_encoding("UTF8")
-    yield database
-    database.connection.close()
-    owner.run(f"DROP DATABASE {name}")
-    owner.connection.close()
+    options = f"ENCODING '{request.param}' LC_COLLATE 'C' LC_CTYPE 'C'"
+    with new_database(Database(cluster, 0), "encoded", options) as session:
+        session.encoding = request.param
+        session.install()
+        session.connection.set_client_encoding("UTF8")
+        yield session
 
 
-def hit(name, doctype="t", text="x"):
-    return f'"_id":"{name}","_score":1,"_source":{{"type":"{doctype}","text":"{text}"}}'
+@pytest.fixture
+def session(database, scripted):
+    """That session with the table `books`, and `texts` with columns of text."""
+    database.make_table(port=scripted.port, fullerrormsg="true")
+    database.make_table("texts", COLUMNS.replace("bytea", "text"), port=scripted.port)
+    return database
 
 
-def expected(session, text):
-    """What becomes of a text: itself, or the SQLSTATE of its refusal."""
-    if session.encoding in ("UTF8", "SQL_ASCII"):
-        return text
-    try:
-        text.encode({"LATIN1": "latin-1", "EUC_JP": "euc_jp"}[session.encoding])
-        return text
-    except UnicodeEncodeError:
-        return NO_EQUIVALENT
+SOURCE, HIGHLIGHT = '{{"type":"{}","text":"{}"}}', '{{"text":["{}"]}}'
 
 
-@pytest.mark.parametrize("text", ["plain", "na\u00efve \u00a7", "\u65e5\u672c\u8a9e", "\u20ac"],
-                         ids=["ascii", "latin", "japanese", "euro"])
+def hit(name="a", doctype="t", text="x"):
+    return f'"_id":"{name}","_score":1,"_source":{SOURCE.format(doctype, text)},"highlight":{HIGHLIGHT.format(text)}'
+
+
+def holds(session, text):
+    """Whether the database's encoding has all characters of a text."""
+    return text.encode(CODECS[session.encoding], "ignore").decode(CODECS[session.encoding]) == text
+
+
+@pytest.mark.parametrize("text", TEXTS.values(), ids=TEXTS)
 def test_texts_inward(session, scripted, text):
-    """Ids and types come in the database's encoding, or not at all; contents as they are."""
-    session.make_table(port=scripted.port, compressionlevel=-2)
-    wanted = expected(session, text)
-    for document in (hit(text), hit("a", text)):
+    """Texts come in the database's encoding or not at all; contents in bytea as they are."""
+    contents = [("doccontent", SOURCE.format("t", text)), ("highlights", HIGHLIGHT.format(text))]
+    for column, table, document, wanted in (
+            ("docname", "books", hit(text), text), ("doctype", "books", hit("a", text), text),
+            *[(column, "texts", hit(text=text), wanted) for column, wanted in contents],
+            *[(READ.format(column), "books", hit(text=text), wanted) for column, wanted in contents]):
         scripted.script = answer(hits(document))
-        outcome = session.outcome(QUERY)
-        assert outcome[0] == wanted if wanted != text else text in outcome[0]
-    scripted.script = answer(hits(hit("a", "t", text)))
-    content = session.value("SELECT doccontent FROM books WHERE param = 'query=q'")
-    assert json.loads(content.decode()) == {"type": "t", "text": text}
-    session.make_table(port=scripted.port, compressionlevel=-2, columns="docname text, doccontent text, x real, "
-                       "doctype text, highlights text, param text")
-    outcome = session.outcome("SELECT doccontent FROM books WHERE param = 'query=q'")
-    assert outcome[0] == wanted if wanted != text else json.loads(outcome[0][0])["text"] == text
+        for level in (-2,) if table == "texts" else (-2, 5):
+            outcome = session.outcome(QUERY.format(column, table, level))
+            assert outcome == [(wanted,)] if holds(session, text) else outcome[0] == NO_EQUIVALENT, (column, level)
+    assert session.value(QUERY.format("doccontent", "books", -2)).decode() == contents[0][1]
 
 
-@pytest.mark.parametrize("raw", [b"\xc3(", b"\xff", b"\xed\xa0\x80", b"\xc0\x80"])
-def test_invalid_bytes_inward(session, scripted, raw):
-    session.make_table(port=scripted.port)
-    for document, state in ((hit("@"), "HV000"), (hit("a", "@"), INVALID)):
-        scripted.script = answer(hits(document).encode().replace(b"@", raw))
-        assert session.outcome(QUERY)[0] == state
-    scripted.script = answer(hits(hit("a", "t", "@")).encode().replace(b"@", raw))
-    content = session.value("SELECT doccontent FROM books WHERE param IN ('query=q', 'compressionlevel=-2')")
-    assert raw in content
+@pytest.mark.parametrize("invalid", [b"\xc3(", b"\xff", b"\xed\xa0\x80", b"\xc0\x80"])
+def test_invalid_bytes_inward(session, scripted, invalid):
+    for column, document, state in (("docname", hit("@"), "HV000"), ("doctype", hit("a", "@"), INVALID),
+                                    (READ.format("doccontent"), hit(text="@"), INVALID),
+                                    ("veltranepgfdw_jsonb(highlights)::text", hit(text="@"), INVALID)):
+        scripted.script = raw(hits(document), invalid)
+        for level in (-2, 5):
+            assert session.failure(QUERY.format(column, "books", level))[0] == state, (column, level)
+    assert invalid in session.value(QUERY.format("doccontent", "books", -2))
 
 
 def test_compressed_values_are_no_text(session, scripted):
     """A compressed value in a text column is refused, not handed on as broken text."""
-    scripted.script = answer(hits(hit("a", "t", "x" * 300)))
-    session.make_table(port=scripted.port, columns="docname text, doccontent text, s real, t text, h text, param text")
-    assert session.outcome("SELECT doccontent FROM books WHERE param = 'query=q'")[0] == INVALID
+    scripted.script = answer(hits(hit(text="x" * 300)))
+    assert session.failure(QUERY.format("doccontent", "texts", 5))[0] == INVALID
 
 
-@pytest.mark.parametrize("text", ["plain", "na\u00efve", "\u65e5\u672c\u8a9e"])
+@pytest.mark.parametrize("text", TEXTS.values(), ids=TEXTS)
 def test_texts_outward(session, scripted, text):
-    """Ids, types, filters and queries go out in UTF-8."""
-    if expected(session, text) != text:
-        return  # such a text cannot be written in this database
-    session.make_table(port=scripted.port)
-    for clause in (f"docname = '{text}'", f"param = 'query=q' AND doctype = '{text}'",
-                   f"param IN ('query=q', 'sourceincludefilter={text}')",
-                   f"param IN ('query=q', 'sourceexcludefilter={text}')",
-                   f"param IN ('query=q', 'highlight={text}')", f"param = 'query={text}'"):
+    """Ids, types, filters and queries go out in UTF-8; what the database cannot hold cannot be written in it."""
+    for clause in ["docname = '{}'", "param = 'query=q' AND doctype = '{}'", "param = 'query={}'"] + [
+            f"param IN ('query=q', '{name}={{}}')" for name in (
+                "sourceincludefilter", "sourceexcludefilter", "highlight")] if holds(session, text) else []:
         del scripted.requests[:]
-        session.run(f"SELECT docname, doccontent FROM books WHERE {clause}")
+        session.run("SELECT docname, doccontent FROM books WHERE " + clause.format(text))
         assert text in scripted.requests[0].body.decode("utf-8"), clause
 
 
 def test_invalid_bytes_outward(session, scripted):
-    """What is not valid cannot go into JSON; a query goes out as it is, and an option that nobody reads is nobody's
-    business."""
-    if session.encoding != "SQL_ASCII":
-        return  # the others let no such text in
-    session.make_table(port=scripted.port)
-    session.connection.set_client_encoding("SQL_ASCII")
-    for clause in (b"docname = 'a\xe4'", b"param = 'query=q' AND doctype = '\xff'",
-                   b"param IN ('query=q', 'sourceincludefilter=\xe4')"):
-        assert session.outcome(b"SELECT doccontent FROM books WHERE " + clause) == (
-            "HV00B", "utf8 to json conversion error")
-    session.run(b"ALTER FOREIGN TABLE books OPTIONS (ADD comment 'fr\xfcher')")
-    session.run(b"SELECT docname FROM books WHERE param = 'query=\xe4'")
-    assert scripted.requests[-1].body.startswith(b'{"query":\xe4,')
-    session.connection.set_client_encoding("UTF8")
+    """What is not valid cannot go into JSON; a query goes out as it is, an option that nobody reads matters not."""
+    if session.encoding == "SQL_ASCII":  # the others let no such text in
+        session.connection.set_client_encoding("SQL_ASCII")
+        assert session.failure(b"SELECT docname FROM books WHERE docname = 'a\xe4'")[0] == "HV00B"
+        session.run(b"ALTER FOREIGN TABLE books OPTIONS (ADD comment 'fr\xfcher')")
+        session.run(b"SELECT docname FROM books WHERE param = 'query=\xe4'")
+        assert scripted.requests[-1].body.startswith(b'{"query":\xe4,')
+        session.connection.set_client_encoding("UTF8")
 
 
 def test_messages(session, scripted):
     """What a message quotes of the search cluster is text of the database, with ? for what cannot be."""
-    text, raw = "na\u00efve \u65e5\u672c", b"\xc3( \xe6\x97"
-    known = {"LATIN1": "na\u00efve ??", "EUC_JP": "na\u00efve \u65e5\u672c"}.get(session.encoding, text)
-    session.make_table(port=scripted.port, fullerrormsg="true")
-    scripted.script = answer(b'{"error":"' + text.encode() + b" " + raw + b'"}', "400 Bad Request")
-    message = session.outcome(QUERY)[1]
+    text, bad = "na\u00efve \u65e5\u672c", b"\xc3( \xe6\x97"
+    known = "na\u00efve ??" if session.encoding == "LATIN1" else text
+    scripted.script = answer(b'{"error":"' + text.encode() + b" " + bad + b'"}', "400 Bad Request")
+    message = session.failure(QUERY.format("docname", "books", 5))[1]
     assert message.endswith(f"error was '\":\"{known} ?( ??\"}}'"), message
-    scripted.script = answer(hits('"_id":"a","_score":"@"').encode().replace(b"@", text.encode() + raw))
-    message = session.outcome("SELECT score FROM books WHERE param = 'query=q'")[1]
+    scripted.script = raw(hits('"_id":"a","_score":"@"'), text.encode() + bad)
+    message = session.failure(QUERY.format("score", "books", 5))[1]
     assert message == f'invalid input syntax for type real: "\"{known}?( ??\""'

@@ -1,14 +1,14 @@
-"""The installed extension, on a server whose directories are a private copy: made, used, moved, dumped, dropped."""
-import contextlib
+"""The installed extension, on a server whose directories are a private copy, and its library as a file."""
 import os
+import re
 import shutil
 import subprocess
 import tempfile
 from pathlib import Path
 
 import pytest
-from conftest import Database, module_path
-from privatecluster import PrivateCluster
+
+from conftest import Database, module_path, new_database, running_cluster
 
 # strict; the readers of contents, which serve indexes and parallel plans, also immutable and parallel safe
 FUNCTIONS = [("veltranepgfdw_jsonb(bytea)", True, "i", "s"), ("veltranepgfdw_text(bytea)", True, "i", "s"),
@@ -17,10 +17,9 @@ FUNCTIONS = [("veltranepgfdw_jsonb(bytea)", True, "i", "s"), ("veltranepgfdw_tex
 LEFT_BEHIND = """
 SELECT proname::text FROM pg_proc WHERE proname LIKE 'veltranepgfdw%' OR probin ~ 'Veltrane'
 UNION ALL SELECT fdwname FROM pg_foreign_data_wrapper UNION ALL SELECT srvname FROM pg_foreign_server
-UNION ALL SELECT ftrelid::regclass::text FROM pg_foreign_table UNION ALL SELECT description FROM pg_description
-    WHERE description ~ 'veltranepgfdw'"""
+UNION ALL SELECT ftrelid::regclass::text FROM pg_foreign_table"""
 TITLES = """
-SELECT docname, {schema}veltranepgfdw_jsonb(doccontent)->>'title'
+SELECT docname, {}veltranepgfdw_jsonb(doccontent)->>'title'
 FROM books WHERE docname IN ('b001', 'b002') ORDER BY docname"""
 FOUND = [("b001", "whales"), ("b002", "letters")]
 
@@ -32,11 +31,8 @@ def directory_of_server(which):
 
 @pytest.fixture(scope="module")
 def installed():
-    """The root of a copy of the server's directories, the built tree installed into it.
-
-    The server finds its directories from where its program lies, so the programs are copied; everything else is
-    linked to.
-    """
+    """The root of a copy of the server's directories, the built tree installed into it."""
+    # The server finds them from where its program lies, so the programs are copied; everything else is linked to.
     with tempfile.TemporaryDirectory(prefix="fdw-server-") as copy:
         os.chmod(copy, 0o755)
         umask = os.umask(0o022)  # the server is another user's
@@ -53,27 +49,9 @@ def installed():
 @pytest.fixture(scope="module")
 def cluster(installed):
     """In place of the cluster of the other tests, so that `db` has the extension."""
-    preload = os.environ.get("VELTRANE_SERVER_PRELOAD")
-    with PrivateCluster(module_path(), pg_bindir=installed + directory_of_server("bindir"),
-                        environment={"LD_PRELOAD": preload} if preload else None) as started:
-        owner = Database(started, 0)
-        make_extension(owner)
-        owner.connection.close()
+    with running_cluster(installed + directory_of_server("bindir")) as started:
+        make_extension(Database(started, 0))
         yield started
-
-
-@pytest.fixture
-def new_database(db):
-    """new_database(name): a session in a new database without the extension."""
-    with contextlib.ExitStack() as stack:
-        def make(name):
-            db.run(f"CREATE DATABASE {name} TEMPLATE template0")
-            stack.callback(db.run, f"DROP DATABASE {name}")
-            session = Database(db.cluster, db.port, name, esversion=db.esversion)
-            stack.callback(session.connection.close)
-            return session
-
-        yield make
 
 
 def make_extension(session, schema="public"):
@@ -82,14 +60,7 @@ def make_extension(session, schema="public"):
     session.make_table()
 
 
-def run_program(session, name, *arguments, text=None):
-    """The output of a client program of the server on a session's database."""
-    dsn = f"{session.cluster.dsn} dbname={session.connection.info.dbname}"
-    return subprocess.run([os.path.join(session.cluster.pg_bindir, name), *arguments, dsn], input=text, check=True,
-                          text=True, stdout=subprocess.PIPE).stdout
-
-
-def test_objects(db):
+def test_objects_and_the_installed_library(db, installed):
     described = db.run("""
         SELECT pg_describe_object(classid, objid, 0), obj_description(objid, classid::regclass::text) IS NOT NULL
         FROM pg_depend WHERE refclassid = 'pg_extension'::regclass AND deptype = 'e'
@@ -99,55 +70,65 @@ def test_objects(db):
     assert db.run("""
         SELECT oid::regprocedure::text, proisstrict, provolatile, proparallel FROM pg_proc
         WHERE proname LIKE 'veltranepgfdw%' AND probin = '$libdir/libVeltranePgFdw3_0' ORDER BY 1""") == FUNCTIONS
-
-
-def test_search_through_the_installed_library(db, installed):
-    assert db.run(TITLES.format(schema="")) == FOUND
+    assert db.run(TITLES.format("")) == FOUND
     maps = Path(f"/proc/{db.pid}/maps").read_text(encoding="utf-8")
     assert f"{installed}{directory_of_server('pkglibdir')}/{module_path().name}" in maps
 
 
-def test_another_schema(new_database):
-    session = new_database("elsewhere")
-    make_extension(session, schema="one")
-    assert session.run(TITLES.format(schema="one.")) == FOUND
-    session.run("CREATE SCHEMA two; ALTER EXTENSION veltranepgfdw SET SCHEMA two")
-    assert session.run(TITLES.format(schema="two.")) == FOUND
-
-
-def test_drop(new_database):
-    session = new_database("dropping")
-    make_extension(session)
-    assert session.failure("DROP EXTENSION veltranepgfdw") == (
-        "2BP01", "cannot drop extension veltranepgfdw because other objects depend on it")
-    session.run("DROP SERVER search CASCADE; DROP EXTENSION veltranepgfdw")
-    assert session.run(LEFT_BEHIND) == []
-    make_extension(session)
-    session.run("DROP EXTENSION veltranepgfdw CASCADE")
-    assert session.run(LEFT_BEHIND) == []
-
-
-def test_dump_and_restore(new_database):
-    session = new_database("dumped")
-    make_extension(session)
-    session.run(f"CREATE VIEW titles AS {TITLES.format(schema='')}")
-    dump = run_program(session, "pg_dump")
-    assert "CREATE EXTENSION IF NOT EXISTS veltranepgfdw" in dump
-    assert not [line for line in dump.splitlines() if line.startswith(("CREATE FUNCTION", "CREATE FOREIGN DATA"))]
-    restored = new_database("restored")
-    run_program(restored, "psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", text=dump)
-    assert restored.run("SELECT * FROM titles") == FOUND
+def test_another_schema_and_drop(db):
+    with new_database(db, "elsewhere") as session:
+        make_extension(session, schema="one")
+        assert session.run(TITLES.format("one.")) == FOUND
+        session.run("CREATE SCHEMA two; ALTER EXTENSION veltranepgfdw SET SCHEMA two")
+        assert session.run(TITLES.format("two.")) == FOUND
+        assert session.failure("DROP EXTENSION veltranepgfdw")[0] == "2BP01"
+        session.run("DROP SERVER search CASCADE; DROP EXTENSION veltranepgfdw")
+        assert session.run(LEFT_BEHIND) == []
 
 
 def test_installcheck(db):
     """What make installcheck does on the server that runs here."""
     environment = {**os.environ, "PGHOST": "127.0.0.1", "PGPORT": str(db.cluster.port), "PGUSER": "postgres"}
-    subprocess.run(["cmake", "--build", module_path().parent, "--target", "installcheck"], env=environment, check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", module_path().parent, "--target", "installcheck"], env=environment,
+                   check=True, stdout=subprocess.DEVNULL)
 
 
-def test_script_by_hand_makes_nothing(new_database, installed):
-    session = new_database("by_hand")
+def test_script_by_hand_makes_nothing(db, installed):
     (script,) = Path(installed + directory_of_server("sharedir"), "extension").glob("veltranepgfdw--*.sql")
-    assert 'Use "CREATE EXTENSION veltranepgfdw"' in run_program(session, "psql", "-X", "-f", script)
-    assert session.run(LEFT_BEHIND) == []
+    with new_database(db, "by_hand") as session:
+        psql = [f"{db.cluster.pg_bindir}/psql", "-X", "-f", script, f"{db.cluster.dsn} dbname=by_hand"]
+        assert b'Use "CREATE EXTENSION veltranepgfdw"' in subprocess.check_output(psql)
+        assert session.run(LEFT_BEHIND) == []
+
+
+# ---- The library itself ------------------------------------------------------------------------------------
+
+# What others may call: the server, and modules that use the clauses' analysis and the reader of terms aggregations.
+CALLED = [f"veltranepgfdw{name}" for name in ("interfacehandler", "interfacevalidator", "_text", "_jsonb")]
+READER, COLLECTOR = "zq::elasticsearch::TermAggResultParserInterface", "qm::pgFdw::TermAggResultParser"
+EXPORTED = {
+    "Pg_magic_func", "_PG_init", "_PG_fini", *CALLED, *[f"pg_finfo_{name}" for name in CALLED],
+    *[f"VeltranePgFdw3_0::Version::Get{name}() const" for name in (
+        "Major", "Minor", "Release", "Revision", "Year", "Month", "DescStringMajorMinorReleaseRevisionDate")],
+    *[f"VeltranePgFdw3_0::Version::GetDescStringMajorMinor{name}(bool) const" for name in (
+        "", "Release", "ReleaseRevision")],
+    "qm::pgFdw::analyseExprInt", "qm::pgFdw::analyseExprBool", f"{COLLECTOR}::TermAggResultParser",
+    f"{COLLECTOR}::onAttributes", *[f"{READER}::{name}" for name in (
+        "TermAggResultParserInterface", "~TermAggResultParserInterface", "addData", "finish",
+        "onNextFieldIsAttributeValue")],
+    *[f"{what} for {name}" for what in ("vtable", "typeinfo", "typeinfo name") for name in (READER, COLLECTOR)]}
+
+
+@pytest.mark.unsanitized
+def test_exports():
+    table = subprocess.check_output(["nm", "-D", "-C", "--defined-only", module_path()], text=True)
+    exported = {re.sub(r"\(.*\)$", "", line.split(" ", 2)[2]) for line in table.splitlines()}
+    assert EXPORTED <= exported
+    assert all(name.startswith((READER + "::", COLLECTOR + "::")) for name in exported - EXPORTED)
+
+
+@pytest.mark.unsanitized
+def test_links_to_what_it_needs_only():
+    table = subprocess.check_output(["objdump", "-p", module_path()], text=True)
+    needed = {name.split(".so")[0] for name in re.findall(r"NEEDED +(\S+)", table)}
+    assert needed <= {"libcurl", "libz", "libstdc++", "libgcc_s", "libc", "libm", "ld-linux-x86-64"}, needed

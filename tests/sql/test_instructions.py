@@ -1,26 +1,22 @@
-"""How many instructions the reader and a scan take, counted by callgrind: unlike a time, the same on any machine
-of a kind. A growth of more than 15 % over the figures kept beside the tests fails. Whoever makes the work dearer,
-or cheaper, on purpose changes the figures."""
+"""How many instructions the reader and a scan take, counted by callgrind: unlike a time, the same on any machine."""
+# A growth of more than 15 % over the figures kept beside the tests fails. Whoever makes the work dearer, or cheaper,
+# on purpose changes the figures.
 import json
 import platform
 import re
-import shutil
 import subprocess
-from pathlib import Path
 
-import psycopg2
 import pytest
 
-from conftest import SET_UP, module_path
-from privatecluster import PrivateCluster
+from conftest import ROOT, Database, module_path, running_cluster
 from scriptedserver import ScriptedServer, answer, hits
 
-KEPT = json.loads((Path(__file__).parents[1] / "data/instructions.json").read_text("utf-8"))
+KEPT = json.loads((ROOT / "tests/data/instructions.json").read_text("utf-8"))
 MOST_GROWTH = 1.15
 DOCUMENTS = 1000
-QUERY = """SELECT count(doccontent) FROM books WHERE param = 'query={"match_all":{}}'"""
 
-pytestmark = pytest.mark.skipif(platform.machine() != "x86_64", reason="the figures are of x86-64")
+pytestmark = [pytest.mark.skipif(platform.machine() != "x86_64", reason="the figures are of x86-64"),
+              pytest.mark.unsanitized]
 
 
 def words(seed, count):
@@ -43,56 +39,45 @@ def page(source):
                   for i in range(DOCUMENTS)))
 
 
-def counted(function, command, directory, run=subprocess.run, **kwargs):
-    """Runs a command under callgrind: its output, and the instructions of a function with all that it calls."""
-    counts = Path(directory) / "callgrind.out"
-    callgrind = ["valgrind", "--tool=callgrind", "--log-file=/dev/null", f"--toggle-collect=*{function}*",
-                 f"--callgrind-out-file={counts}"]
-    output = run([*callgrind, *map(str, command)], **kwargs)
-    return output, int(re.search(r"^totals: (\d+)", counts.read_text("utf-8"), re.M).group(1))
+def callgrind(function, directory):
+    """What runs a command and counts the instructions of a function with all that it calls."""
+    return ["valgrind", "--tool=callgrind", "--log-file=/dev/null", f"--toggle-collect=*{function}*",
+            f"--callgrind-out-file={directory}/callgrind.out"]
 
 
-def check(name, instructions):
-    kept = KEPT[name]
-    assert instructions <= kept * MOST_GROWTH, f"{name}: {instructions} instructions, {kept} were kept"
-    # A count that fell far is no failure of the module, but such a figure guards nothing. How the C library copies
-    # on a processor accounts for less.
-    assert instructions >= kept / 4, f"{name}: only {instructions} instructions, {kept} were kept"
+def check(name, directory):
+    """Compares the count with the one that was kept."""
+    # One that fell far is no failure of the module, but such a figure guards nothing. How the C library copies on a
+    # processor accounts for less.
+    with open(f"{directory}/callgrind.out", encoding="utf-8") as counts:
+        instructions = int(re.search(r"^totals: (\d+)", counts.read(), re.M)[1])
+    assert KEPT[name] / 4 <= instructions <= KEPT[name] * MOST_GROWTH, f"{name}: {KEPT[name]} were kept"
 
 
 @pytest.mark.parametrize("kind, source", [("text", text_source), ("dense", dense_source)])
 def test_the_reader(tmp_path, kind, source):
     work = module_path().parent / "tests/unit/readerWork"
-    answer_path = tmp_path / "answer.json"
-    answer_path.write_text(page(source), "utf-8")
+    (tmp_path / "answer.json").write_text(page(source), "utf-8")
     scanners = subprocess.check_output([work], text=True).split()
     assert "portable" in scanners
     for scanner in scanners:
-        output, instructions = counted("addData", [work, scanner, answer_path], tmp_path,
-                                       run=subprocess.check_output)
-        assert int(output) == DOCUMENTS
-        check(f"{kind} {scanner}", instructions)
+        command = [*callgrind("addData", tmp_path), work, scanner, tmp_path / "answer.json"]
+        assert int(subprocess.check_output(command)) == DOCUMENTS
+        check(f"{kind} {scanner}", tmp_path)
 
 
 def test_rows():
     """A thousand rows, from the answer to the slot, in a backend that runs alone."""
-    with PrivateCluster(module_path()) as cluster, ScriptedServer(answer(page(text_source))) as server:
-        with psycopg2.connect(cluster.dsn) as connection, connection.cursor() as cursor:
-            cursor.execute(SET_UP.format(module=cluster.module_path))
-            cursor.execute("CREATE FOREIGN TABLE books (docname text, doccontent bytea, score real, doctype text, "
-                           "highlights bytea, param text) SERVER search OPTIONS (connectortype 'elasticsearch', "
-                           f"address '127.0.0.1', port '{server.port}', indexlist 'books', batchsize '{DOCUMENTS}', "
-                           "compressionlevel '-2')")
-        connection.close()
+    with running_cluster() as cluster, ScriptedServer(answer(page(text_source))) as server:
+        owner = Database(cluster, server.port)
+        owner.install()
+        owner.make_table(batchsize=DOCUMENTS, compressionlevel=-2)
+        owner.connection.close()
         cluster.shut_down()
-
-        def run(command):
-            backend = cluster.run_as(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=subprocess.STDOUT, text=True)
-            return backend.communicate(f"SET jit = off\n{QUERY}\n")[0]
-
-        output, instructions = counted("quelmoraPgFdwIterateForeignScan",
-                                       [shutil.which("postgres", path=cluster.pg_bindir), "--single", "-D",
-                                        cluster.path_of("data"), "postgres"], cluster.directory, run=run)
+        command = [*callgrind("quelmoraPgFdwIterateForeignScan", cluster.directory), f"{cluster.pg_bindir}/postgres",
+                   "--single", "-D", cluster.path_of("data"), "postgres"]
+        backend = cluster.run_as(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        output, _ = backend.communicate(
+            "SET jit = off\nSELECT count(doccontent) FROM books WHERE param = 'query={\"match_all\":{}}'\n")
         assert f'count = "{DOCUMENTS}"' in output, output
-        check("rows", instructions)
+        check("rows", cluster.directory)

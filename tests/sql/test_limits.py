@@ -1,103 +1,76 @@
-"""LIMIT stops the search early only where that cannot change the rows: each query gives what the same query
-gives on a local copy of all documents, or is refused."""
+"""LIMIT stops the search early only where that cannot change the rows; a result that does not fit is refused."""
 import json
 
 import pytest
 
-from conftest import bodies
+import test_failures
+from conftest import COLUMNS, bodies
+from scriptedserver import answer, hits, named
 
-pytestmark = pytest.mark.every_version
+ALL = "FROM books WHERE param = 'query={\"match\":{\"title\":\"whales\"}}'"  # 125 of the 250 documents
+REFUSED = "HV000", test_failures.TOO_MANY
 
-QUERY = 'query={"match":{"title":"whales"}}'
-REFUSED = ("HV000", "es search result bigger than batch size, use a scroll")
-
-
-@pytest.fixture
-def copies(db, search):
-    """`found`: the 125 hits of the query as the search returns them; `books` has room for them, `few` has not."""
-    db.make_table(batchsize=1000)
-    db.make_table("few", batchsize=10)
-    db.run(f"CREATE TEMP TABLE found AS SELECT docname, score, doctype, ''::text AS param FROM books "
-           f"WHERE param = '{QUERY}'")
-    db.run("CREATE TEMP TABLE local AS SELECT 'b' || to_char(n, 'FM000') AS docname, n FROM generate_series(0, 249) n")
-    search.take_journal()
-    return db
-
-
-# A query over {books}, and the size that it may ask for: the limit, or None for all.
-QUERIES = [
-    ("SELECT docname FROM {books} WHERE {param} LIMIT 5", 5),
-    ("SELECT docname FROM {books} WHERE {param} LIMIT 5 OFFSET 2", 7),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC LIMIT 5", 5),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC NULLS LAST LIMIT 5", 5),
-    ("SELECT docname FROM (SELECT * FROM {books} WHERE {param} LIMIT 5) s WHERE docname LIKE '%1'", 5),
-    ("SELECT upper(docname) FROM {books} WHERE {param} AND doctype IN ('book', 'essay') LIMIT 5", 5),
-    ("SELECT docname FROM {books} WHERE {param} AND length(docname) > 3 AND docname LIKE '%9' LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} AND doctype LIKE 'e%' LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} ORDER BY docname LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} ORDER BY docname DESC LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score + 1 DESC LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC, docname DESC LIMIT 5", None),
-    ("SELECT docname, score FROM {books} WHERE {param} ORDER BY score DESC FETCH FIRST 5 ROWS WITH TIES", None),
-    ("SELECT docname FROM {books} JOIN local USING (docname) WHERE {param} AND n > 200 ORDER BY n LIMIT 5", None),
-    ("SELECT docname FROM {books} JOIN local USING (docname) WHERE {param} AND n > 200 LIMIT 25", None),
-    ("SELECT b.docname, n FROM {books} b RIGHT JOIN local l ON b.docname = l.docname AND {param} "
-     "WHERE n > 245 LIMIT 4", None),
-    ("SELECT docname FROM {books} WHERE {param} AND docname IN (SELECT docname FROM local WHERE n > 200) LIMIT 25",
-     None),
-    ("SELECT docname FROM {books} WHERE {param} AND docname NOT IN (SELECT docname FROM local WHERE n < 205) LIMIT 22",
-     None),
-    ("SELECT DISTINCT doctype FROM {books} WHERE {param} LIMIT 2", None),
-    ("SELECT doctype, count(*) FROM {books} WHERE {param} GROUP BY doctype ORDER BY 1 LIMIT 1", None),
-    ("SELECT max(docname) FROM {books} WHERE {param} LIMIT 1", None),
-    ("SELECT docname, count(*) OVER () FROM {books} WHERE {param} LIMIT 1", None),
-    ("SELECT generate_series(1, 2), docname FROM {books} WHERE {param} LIMIT 5", None),
-    ("SELECT docname FROM {books} WHERE {param} LIMIT length(current_setting('application_name')) + 5", None),
-    ("SELECT docname FROM {books} WHERE {param} LIMIT (SELECT 5)", None),
-    ("SELECT n FROM local WHERE n < 3 AND EXISTS (SELECT FROM {books} WHERE {param} AND docname > 'b24' LIMIT 1) "
-     "ORDER BY n LIMIT 2", None),
-    ("SELECT docname FROM {books} WHERE {param} UNION SELECT docname FROM local ORDER BY 1 DESC LIMIT 3", None),
+# what follows SELECT, and the number of hits that the search may ask for, where a batch has 200
+SIZES = [
+    *[(f"docname, score {ALL} {end}", size) for end, size in (
+        ("", 200), ("LIMIT ALL", 200), ("LIMIT 2147483648", 200), ("LIMIT 200", 200), ("LIMIT 5", 5),
+        ("LIMIT 5 OFFSET 2", 7), ("ORDER BY score DESC LIMIT 5", 5), ("ORDER BY score DESC NULLS LAST LIMIT 5", 5),
+        ("AND doctype IN ('book', 'essay') LIMIT 5", 5), ("AND docname LIKE '%9' LIMIT 5", 200),
+        ("AND doctype LIKE 'e%' LIMIT 5", 200), ("ORDER BY docname LIMIT 5", 200), ("ORDER BY score LIMIT 5", 200),
+        ("ORDER BY score + 1 DESC LIMIT 5", 200), ("ORDER BY score DESC, docname DESC LIMIT 5", 200),
+        ("LIMIT length(current_setting('application_name')) + 5", 200), ("LIMIT (SELECT 5)", 200),
+        ("AND docname IN (SELECT name FROM local WHERE n > 200) LIMIT 25", 200),
+        ("AND docname NOT IN (SELECT name FROM local WHERE n < 205) LIMIT 22", 200))],
+    (f"docname FROM (SELECT * {ALL} LIMIT 5) s WHERE docname LIKE '%1'", 5), (f"upper(docname) {ALL} LIMIT 5", 5),
+    (f"DISTINCT doctype {ALL} LIMIT 2", 200), (f"doctype, count(*) {ALL} GROUP BY doctype LIMIT 2", 200),
+    (f"docname, count(*) OVER () {ALL} LIMIT 1", 200), (f"generate_series(1, 2), docname {ALL} LIMIT 5", 200),
+    (f"n FROM local WHERE n < 3 AND EXISTS (SELECT {ALL} AND docname > 'b24' LIMIT 1) LIMIT 2", 200),
+    (f"docname {ALL} UNION SELECT name FROM local ORDER BY 1 DESC LIMIT 3", 200),
+    (f"docname {ALL} UNION ALL SELECT docname {ALL} LIMIT 3", 200),
+    *[(f"docname, n {ALL.replace('WHERE', join)} {end}", 200) for join, end in (
+        ("JOIN local ON docname = name AND", "ORDER BY n LIMIT 5"), ("JOIN local ON docname = name AND", "LIMIT 5"),
+        ("RIGHT JOIN local ON docname = name AND", "WHERE n > 245 LIMIT 4"))],
 ]
 
 
-@pytest.mark.parametrize("query, size", QUERIES)
-def test_rows_are_those_of_all_documents(copies, search, query, size):
-    if "WITH TIES" in query and copies.version < 13:
-        pytest.skip("the server does not know WITH TIES")
-    expected = copies.run(query.format(books="found", param="true"))
-    rows = copies.run(query.format(books="books", param=f"param = '{QUERY}'"))
-    if " ORDER BY " in query and "ORDER BY score DESC LIMIT" not in query and "NULLS LAST" not in query:
-        assert rows == expected
-    elif size is None:
-        assert sorted(map(str, rows)) == sorted(map(str, expected))
-    else:  # equal scores, or no order at all: any of the hits, and as many
-        assert len(rows) == len(expected) and len(set(rows)) == len(rows)
-        assert [row[1:] for row in rows] == [row[1:] for row in expected]
-    assert {json.loads(body)["size"] for body in bodies(search)} <= {size or 1000}
-    outcome = copies.outcome(query.format(books="few", param=f"param = '{QUERY}'"))
-    assert outcome == REFUSED if size is None else isinstance(outcome, list)
+def sizes(search):
+    return [json.loads(body)["size"] for body in bodies(search)]
 
 
-def test_the_place_of_the_score_is_not_enough(db, search):
-    db.make_table(columns="docname text, doccontent bytea, rank real, doctype text, highlights bytea, param text",
-                  batchsize=1000)
-    assert len(db.run(f"SELECT docname FROM books WHERE param = '{QUERY}' ORDER BY rank DESC LIMIT 5")) == 5
-    assert [json.loads(body)["size"] for body in bodies(search)] == [1000]
+def test_sizes(db, search):
+    db.make_table(batchsize=200)
+    db.run("CREATE TEMP TABLE local AS SELECT 'b' || to_char(n, 'FM000') AS name, n FROM generate_series(0, 249) n")
+    for select, size in SIZES + [(f"docname, score {ALL} ORDER BY score DESC FETCH FIRST 5 ROWS WITH TIES", 200)] * (
+            db.version > 12):
+        db.run("SELECT " + select)
+        assert set(sizes(search)) == {size}, select
+    db.make_table(columns=COLUMNS.replace("score", "rank"), batchsize=200)
+    assert len(db.run(f"SELECT docname {ALL} ORDER BY rank DESC LIMIT 5")) == 5
+    assert sizes(search) == [200]  # The place of the score is not enough.
+    assert db.run(f"SELECT docname {ALL} LIMIT 0") == sizes(search) == []
 
 
-def test_a_limit_in_a_cached_plan(copies, search):
+def test_a_limit_in_a_cached_plan(db, search):
     """A plan that serves several limits must not keep the first one."""
-    copies.run(f"PREPARE p(bigint) AS SELECT docname FROM books WHERE param = '{QUERY}' LIMIT $1")
-    assert [len(copies.run(f"EXECUTE p({limit})")) for limit in (2, 120, "NULL")] == [2, 120, 125]
-    assert [json.loads(body)["size"] for body in bodies(search)] == [2, 120, 1000]  # a plan for each
-    copies.make_generic("EXECUTE p(1)")
-    assert [len(copies.run(f"EXECUTE p({limit})")) for limit in (2, 120, "NULL")] == [2, 120, 125]
+    db.make_table(batchsize=200)
+    db.run(f"PREPARE p(bigint) AS SELECT docname {ALL} LIMIT $1")
+    for asked in ([2, 120, 200], [200, 200, 200]):  # a plan for each, then one for all
+        assert [len(db.run(f"EXECUTE p({limit})")) for limit in (2, 120, "NULL")] == [2, 120, 125]
+        assert sizes(search) == asked
+        db.make_generic("EXECUTE p(1)")
+        sizes(search)
 
 
-def test_arms_of_a_union(copies, search):
-    """Each arm needs as many rows as the query at most, so the limit serves each of them."""
-    arm = f"SELECT docname FROM books WHERE param = '{QUERY}'"
-    assert len(copies.run(f"{arm} UNION ALL {arm} LIMIT 3")) == 3
-    assert len(copies.run(f"{arm} UNION ALL {arm} LIMIT 130")) == 130
-    assert {json.loads(body)["size"] for body in bodies(search)} <= {3, 130, 1000}
+@pytest.mark.parametrize("total", ["{}", '{{"value":{},"relation":"eq"}}'])
+def test_more_hits_than_a_batch(db, scripted, total):
+    """A batch of 100 is enough for as many hits, or for a limit that it holds; a look-up, for as many as its ids."""
+    db.make_table(port=scripted.port)
+    for condition, refusing, others in (
+            ("param = 'query=q'", [101, 250, 2**32], [100]), ("param = 'query=q' LIMIT 101", [250], [3]),
+            ("param = 'query=q' LIMIT 100", [], [250]), ("param = 'query=q' LIMIT 61 OFFSET 40", [250], []),
+            ("param = 'query=q' LIMIT 60 OFFSET 40", [], [250]), ("docname = 'a'", [2], [1]),
+            ("docname IN ('a', 'b')", [3], [2]), ("docname = 'a' LIMIT 1", [], [2])):
+        for count in (*refusing, *others):
+            scripted.script = answer(hits(*named("a"), total=total.format(count)))
+            expected = REFUSED if count in refusing else [] if "OFFSET" in condition else [("a",)]
+            assert db.outcome(f"SELECT docname FROM books WHERE {condition}") == expected, (condition, count)

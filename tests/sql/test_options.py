@@ -1,85 +1,64 @@
-"""The options of a table: what each value means, and when a bad one shows."""
+"""The options of a table: what each value means, and where an option counts. What is refused: test_failures."""
 import json
 
-import pytest
+import test_failures
+from conftest import ROOT
+from scriptedserver import answer, hits, named
 
-QUERY = "SELECT docname FROM books WHERE param = 'query=q'"
-RANGE = ("HV000", "'compressionlevel' should be in range [-2;9]")
-MISSING = ("HV000", "missing options on elastic search table")
-NEED = ("HV000", "need docname or query clause")
-UNSUPPORTED = ("HV00D", "unsupported connector type")
-
-
-@pytest.mark.parametrize("value, size", [
-    (None, 10), ("0", 10), ("-5", 10), ("abc", 10), ("", 10), ("25", 25), (" 25 rows", 25),
-    ("2147483648", 10), ("4294967297", 1)])
-def test_batch_size(db, sent, scripted, value, size):
-    db.make_table(port=scripted.port, batchsize=value)
-    assert [json.loads(body.replace(":q,", ":0,"))["size"] for body in sent(QUERY)] == [size]
+SEARCH = "SELECT docname FROM books WHERE param = 'query=q'"
+LOOK_UP = "SELECT docname FROM books WHERE docname IN ('a', 'c')"
 
 
-@pytest.mark.parametrize("options, expected", [
-    ({"connectortype": None}, UNSUPPORTED),
-    ({"connectortype": "ElasticSearch"}, UNSUPPORTED),
-    ({"connectortype": "elasticsearch "}, UNSUPPORTED),
-    ({"connectortype": ""}, UNSUPPORTED),
-    ({"connectortype": None, "Connectortype": "elasticsearch"}, UNSUPPORTED),
-    ({"address": None}, MISSING),
-    ({"port": None}, MISSING),
-    ({"compressionlevel": "10"}, RANGE),
-    ({"compressionlevel": "-3"}, RANGE),
-    ({"compressionlevel": "2147483648"}, RANGE),
-    ({"compressionlevel": "x"}, []),
-    ({"compressionlevel": "4294967305"}, []),
-    ({"nonsense": "x", "batchSize": "-1", "fullerrormsg": ""}, []),
-    ({"scrolltimeout": "a b"}, []),  # nothing uses it
-])
-def test_checks(db, sent, scripted, options, expected):
-    db.make_table(**{"port": scripted.port, **options})
-    assert db.outcome(QUERY) == expected
-    assert db.outcome("EXPLAIN " + QUERY)[:2] == expected if expected else db.run("EXPLAIN " + QUERY)
-    assert len(scripted.requests) == (expected == [])
-
-
-@pytest.mark.parametrize("options, clause, expected", [
-    ({"connectortype": "x", "address": None}, "docname = 'x' OR score = 1", UNSUPPORTED),
-    ({"address": None}, "docname = 'x' OR score = 1", ("HV000", "inconsistant OR clause")),
-    ({"address": None}, "true", NEED),
-    ({"compressionlevel": "10"}, "true", NEED),
-    ({"compressionlevel": "10"}, "param = 'compressionlevel=10'", RANGE),
-    ({"address": None, "compressionlevel": "10"}, "docname = 'x'", RANGE),
-    ({"address": None}, "docname = 'x' AND param = 'query'", ("HV000", "Malformed fdw param query ")),
-    ({"address": None}, "docname = 'x' AND param = ANY('{query=q,highlight=h}')",
-     ("HV000", "docname and query clause not supported on same select")),
-    ({"address": None}, "docname = 'x' AND param = 'highlight=h'",
-     ("HV000", "'highlight' param could only be used with 'query' param")),
-])
-def test_order_of_checks(db, options, clause, expected):
-    db.make_table(**options)
-    assert db.failure(f"SELECT docname FROM books WHERE {clause}") == expected
+def test_sizes_and_what_is_passed_over(db, sent, scripted):
+    sizes = {None: 10, "0": 10, "-5": 10, "abc": 10, "": 10, "25": 25, " 25 rows": 25, 2**31: 10, 2**32 + 1: 1}
+    for options, size in [*[({"batchsize": value}, size) for value, size in sizes.items()],
+                          ({"nonsense": "x", "batchSize": "-1", "fullerrormsg": ""}, 100),
+                          ({"scrolltimeout": "a b"}, 100),  # nothing uses it
+                          ({"compressionlevel": "x"}, 100), ({"compressionlevel": "4294967305"}, 100)]:
+        db.make_table(port=scripted.port, **options)
+        assert sent(SEARCH) == [f'{{"query":q,"size":{size},"_source":false}}'], options
 
 
 def test_options_count_where_they_belong(db, scripted):
-    db.run("DROP SERVER IF EXISTS optioned CASCADE")
     db.run("CREATE SERVER optioned FOREIGN DATA WRAPPER veltranepgfdw "
            f"OPTIONS (connectortype 'elasticsearch', port '{scripted.port}', batchsize '-1')")
     db.run("CREATE USER MAPPING FOR CURRENT_USER SERVER optioned OPTIONS (address '127.0.0.1', nonsense 'x')")
-    look_up = "SELECT docname FROM other WHERE docname = 'x'"
-    db.make_table("other", server="optioned", connectortype=None)
-    assert db.failure(look_up) == UNSUPPORTED
-    db.make_table("other", server="optioned", address=None, port=None)
-    assert db.failure(look_up) == MISSING
+    for options, message in (({"connectortype": None}, test_failures.UNSUPPORTED["message"]),
+                             ({"address": None, "port": None}, test_failures.MISSING)):
+        db.make_table(server="optioned", **options)
+        assert db.failure(LOOK_UP)[1] == message
     # The server may say where; what the table says goes before it.
     db.run("ALTER SERVER optioned OPTIONS (ADD address '127.0.0.1')")
-    assert db.run(look_up) == []
+    assert db.run(LOOK_UP) == []
     db.run("ALTER SERVER optioned OPTIONS (SET address '[x', SET port '1')")
-    db.make_table("other", server="optioned", port=scripted.port)
-    assert db.run(look_up) == []
+    db.make_table(server="optioned", port=scripted.port)
+    assert db.run(LOOK_UP) == []
     db.run("DROP SERVER optioned CASCADE")
 
 
-def test_changed_options_reach_a_prepared_statement(db, sent):
-    db.run("PREPARE p AS " + QUERY)
-    assert sent("EXECUTE p") == ['{"query":q,"size":100,"_source":false}']
-    db.run("ALTER FOREIGN TABLE books OPTIONS (SET batchsize '7')")
-    assert sent("EXECUTE p") == ['{"query":q,"size":7,"_source":false}']
+# Answers that lack hits because shards failed, did not answer, or time ran out; and such as lack nothing. In each way
+# and on each page: test_versions.
+STATUSES = [
+    ('"timed_out":true', "timed out"),
+    ('"_shards":{"total":4,"successful":2,"skipped":0,"failed":2}', "2 of 4 shards failed"),
+    ('"_shards":{"total":5,"successful":4,"skipped":1,"failed":0}', "1 of 5 shards without an answer"),
+    ('"timed_out": true ,"_shards" : {"total" : 9, "successful":3, "failed" :4}',
+     "timed out, 4 of 9 shards failed, 2 of 9 shards without an answer"),
+    ('"timed_out":false,"_shards":{"total":4,"successful":4,"skipped":4,"failed":0}', None), ('"_shards":{}', None)]
+RECORDING = json.loads((ROOT / "tests/data/recordings/partial-shard-failure.json").read_text("utf-8"))["response"]
+
+
+def test_partial_answers(db, scripted):
+    """Passed over, warned of, refused."""
+    for text, count, what in [(hits(*named("a")).replace("{", "{" + status + ",", 1), 1, what)
+                              for status, what in STATUSES] + [(RECORDING, 10, "2 of 4 shards failed")]:
+        scripted.script = answer(text)
+        message = f"ElasticSearch answer is partial: {what}"
+        warnings = [f"HV000 WARNING:  {message}"] if what else []
+        for query in (SEARCH, LOOK_UP):
+            for reaction, expected in (("ignore", []), (None, warnings), ("warning", warnings)):
+                db.make_table(port=scripted.port, partialresults=reaction)
+                start = len(db.log())
+                assert len(db.run(query)) == count and db.log()[start:] == expected
+            db.make_table(port=scripted.port, partialresults="error")
+            assert db.failure(query) == ("HV000", message) if what else len(db.run(query)) == count

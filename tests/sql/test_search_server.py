@@ -11,6 +11,8 @@ import pytest
 
 from conftest import ROOT, SearchServer
 
+pytestmark = pytest.mark.unsanitized
+
 RECORDINGS = ROOT / "tests" / "data" / "recordings"
 JSON = {"Content-Type": "application/json"}
 

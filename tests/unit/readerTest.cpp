@@ -45,23 +45,20 @@ void expectWhatWasWorkedOut()
 TEST(SearchReader, ReadsHandMadeAnswers) { expectWhatWasWorkedOut<Search>(); }
 TEST(TermAggReader, ReadsHandMadeAnswers) { expectWhatWasWorkedOut<TermAgg<true>>(); }
 
-/// What is not counted is refused: the errors, and an id that is not allowed.
+/// Refused are errors, and an id that is not allowed.
 TEST(SearchReader, ReadsRecordedAnswers)
 {
-    std::map<std::string, std::string> counted;
-    for (const Answer &answer : handMade("recorded.txt")) {
-        counted[answer.name] = answer.expected;
-    }
+    std::map<std::string, std::string> recorded;
     for (const Answer &answer : recordings()) {
-        Search::Fast reader;
-        feed(reader, answer.text);
-        const std::string expected = counted[answer.name],
-                          shown = std::to_string(reader.events.size()) + " bytes of hits, " + reader.state();
-        EXPECT_EQ(shown.substr(0, expected.size()), expected) << answer.name;
-        EXPECT_EQ(reader.finish(nullptr), !expected.empty()) << answer.name;
-        counted.erase(answer.name);
+        recorded[answer.name] = answer.text;
     }
-    EXPECT_TRUE(counted.empty());
+    for (const Answer &counted : handMade("recorded.txt")) {
+        Search::Fast reader;
+        feed(reader, recorded[counted.name]);
+        const std::string shown = std::to_string(reader.events.size()) + " bytes of hits, " + reader.state();
+        EXPECT_EQ(reader.finish(nullptr) ? shown.substr(0, counted.expected.size()) : "refused", counted.expected)
+            << counted.name;
+    }
 }
 
 /// To cut the large ones in two at every byte would take time by the square of their length.

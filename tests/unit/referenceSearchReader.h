@@ -4,7 +4,7 @@
 
 #include "referenceJsonString.h"
 #include "referenceLexer.h"
-#include "searchAnswerStatus.h"
+#include "elasticsearch/searchResponseStatus.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -44,7 +44,7 @@ public:
     bool isTotalLowerBound() const { return totalIsLowerBound; }
     const std::string &getScrollId() const { return scrollId; }
     const std::string &getErrorMessage() const { return content; }
-    const zq::elasticsearch::SearchAnswerStatus &getStatus() const { return status; }
+    const zq::elasticsearch::SearchResponseStatus &getStatus() const { return status; }
     bool hasHits() const { return hitsEnded; }
     /// What has to be held however the chunks are cut.
     std::size_t heldBytes() const { return content.size() + highlight.size() + scalarText.size(); }
@@ -197,7 +197,7 @@ private:
     }
 
     ReferenceLexer lexer;
-    zq::elasticsearch::SearchAnswerStatus status;
+    zq::elasticsearch::SearchResponseStatus status;
     std::string statusName, statusText, outerName;
     std::string scalarText, content, highlight, docId, docType, score, scrollId;
     std::int64_t totalHits = 0;
