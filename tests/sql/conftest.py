@@ -112,7 +112,7 @@ class Database:
     def install(self):
         """Makes what the extension's script makes, with the module of the cluster, and the server `search`."""
         version = re.search("default_version = '(.+)'", (ROOT / "extension/veltranepgfdw.control").read_text("utf-8"))[1]
-        script = (ROOT / f"sql/veltranepgfdw--{version}.sql").read_text("utf-8").partition("\n")[2]
+        script = (ROOT / f"extension/veltranepgfdw--{version}.sql").read_text("utf-8").partition("\n")[2]
         self.run(script.replace("MODULE_PATHNAME", self.cluster.module_path) +
                  "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
 
