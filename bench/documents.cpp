@@ -19,16 +19,16 @@ struct KindEntry {
     std::size_t bytes;
 };
 
-constexpr std::array<KindEntry, 4> kinds = {{{DocumentKind::Small, "300B", 300},
+constexpr std::array<KindEntry, 4> Kinds = {{{DocumentKind::Small, "300B", 300},
                                              {DocumentKind::Medium, "2KB", 2000},
                                              {DocumentKind::Large, "20KB", 20000},
                                              {DocumentKind::Dense, "dense", 2000}}};
 
-const KindEntry &entryOf(DocumentKind kind) { return kinds[static_cast<std::size_t>(kind)]; }
+const KindEntry &entryOf(DocumentKind kind) { return Kinds[static_cast<std::size_t>(kind)]; }
 
 // The commonest first: the choice favours the front, as language does.
 // clang-format off
-constexpr std::string_view words[] = {
+constexpr std::string_view Words[] = {
     "the", "of", "and", "a", "to", "in", "was", "he", "that", "it", "his", "her", "with", "as", "had",
     "for", "she", "not", "at", "but", "be", "on", "they", "from", "by", "were", "which", "all", "him",
     "this", "have", "said", "there", "one", "so", "or", "when", "what", "an", "their", "been", "no",
@@ -48,25 +48,25 @@ constexpr std::string_view words[] = {
     "telegraph", "apothecary", "cartographer", "half-forgotten", "ink", "salt", "oak", "ash"};
 // clang-format on
 
-constexpr std::string_view foreignWords[] = {"café", "Zürich", "naïve", "Malmö",    "São Paulo", "–",
+constexpr std::string_view ForeignWords[] = {"café", "Zürich", "naïve", "Malmö",    "São Paulo", "–",
                                              "Łódź", "déjà",   "fünf",  "Ångström", "東京",      "Москва"};
 
-constexpr std::string_view surnames[] = {"Almeida", "Brontë",      "Castellanos", "Dvořák",
+constexpr std::string_view Surnames[] = {"Almeida", "Brontë",      "Castellanos", "Dvořák",
                                          "Eriksen", "Fairweather", "Guðmundsson", "Hollis",
                                          "Ibáñez",  "Jansen",      "Kowalska",    "Lindqvist"};
 
-constexpr std::string_view genres[] = {"novel", "essay", "poem", "travel", "letters", "history"};
-constexpr std::string_view towns[] = {"oslo", "lima", "pune", "graz", "turin", "accra"};
-constexpr std::string_view labels[] = {"new", "sale", "heavy", "fragile", "outdoor", "spare", "tested", "eu"};
-constexpr std::string_view units[] = {"C", "hPa", "%", "V", "mA", "lx"};
+constexpr std::string_view Genres[] = {"novel", "essay", "poem", "travel", "letters", "history"};
+constexpr std::string_view Towns[] = {"oslo", "lima", "pune", "graz", "turin", "accra"};
+constexpr std::string_view Labels[] = {"new", "sale", "heavy", "fragile", "outdoor", "spare", "tested", "eu"};
+constexpr std::string_view Units[] = {"C", "hPa", "%", "V", "mA", "lx"};
 
-/// SplitMix64. The distributions of <random> differ between libraries; this is the same everywhere.
+// SplitMix64. The distributions of <random> differ between libraries; this is the same everywhere.
 class Generator
 {
 public:
     explicit Generator(std::uint64_t seed) : state(seed) {}
 
-    /// 0 to limit - 1. Far from exactly uniform only for limits that no document needs.
+    // 0 to limit - 1. Far from exactly uniform only for limits that no document needs.
     std::uint64_t below(std::uint64_t limit) { return next() % limit; }
     bool oneIn(std::uint64_t chances) { return below(chances) == 0; }
 
@@ -78,8 +78,8 @@ public:
 
     std::string_view chooseWord()
     {
-        const std::uint64_t size = std::size(words), uniform = below(1U << 16);
-        return words[size * uniform * uniform >> 32];
+        const std::uint64_t size = std::size(Words), uniform = below(1U << 16);
+        return Words[size * uniform * uniform >> 32];
     }
 
 private:
@@ -94,21 +94,21 @@ private:
     std::uint64_t state;
 };
 
-/// Appends as many digits as asked for, with leading zeros.
+// Appends as many digits as asked for, with leading zeros.
 void appendDigits(std::string &text, std::uint64_t number, std::size_t digits)
 {
     const std::string shown = std::to_string(number);
     text.append(digits > shown.size() ? digits - shown.size() : 0, '0').append(shown);
 }
 
-/// Appends a number with two decimals; `hundredths` is its hundredfold.
+// Appends a number with two decimals; `hundredths` is its hundredfold.
 void appendDecimal(std::string &text, std::uint64_t hundredths)
 {
     text.append(std::to_string(hundredths / 100)) += '.';
     appendDigits(text, hundredths % 100, 2);
 }
 
-/// Appends the inside of a JSON string: sentences until the text as a whole has that size.
+// Appends the inside of a JSON string: sentences until the text as a whole has that size.
 void appendSentences(std::string &text, Generator &generator, std::size_t size)
 {
     bool first = true;
@@ -124,7 +124,7 @@ void appendSentences(std::string &text, Generator &generator, std::size_t size)
             text.append("\\\"").append(generator.chooseWord()).append(" ").append(generator.chooseWord());
             text += "\\\"";
         } else {
-            text += generator.oneIn(40) ? generator.choose(foreignWords) : generator.chooseWord();
+            text += generator.oneIn(40) ? generator.choose(ForeignWords) : generator.chooseWord();
         }
     }
 }
@@ -134,12 +134,12 @@ std::string makeText(Generator &generator, std::size_t size)
     std::string source = R"({"title":")";
     appendSentences(source, generator, source.size() + 10 + generator.below(25));
     source.append(R"(","author":")").append(1, static_cast<char>('A' + generator.below(26))).append(". ");
-    source.append(generator.choose(surnames));
+    source.append(generator.choose(Surnames));
     source.append(R"(","year":)").append(std::to_string(1800 + generator.below(220)));
-    source.append(R"(,"type":")").append(generator.choose(genres));
+    source.append(R"(,"type":")").append(generator.choose(Genres));
     source.append(R"(","text":")");
-    constexpr std::size_t closing = 2, halfAWord = 3;
-    appendSentences(source, generator, size - closing - halfAWord);
+    constexpr std::size_t Closing = 2, HalfAWord = 3;
+    appendSentences(source, generator, size - Closing - HalfAWord);
     return source += R"("})";
 }
 
@@ -147,7 +147,7 @@ void appendReading(std::string &source, Generator &generator, std::uint64_t seco
 {
     source.append(R"({"at":)").append(std::to_string(1700000000 + second)).append(R"(,"value":)");
     appendDecimal(source, generator.below(12000));
-    source.append(R"(,"unit":")").append(generator.choose(units)).append(R"(","ok":)");
+    source.append(R"(,"unit":")").append(generator.choose(Units)).append(R"(","ok":)");
     source.append(generator.oneIn(9) ? "false" : "true");
     source.append(R"(,"raw":[)").append(std::to_string(generator.below(1024))).append(",");
     source.append(std::to_string(generator.below(1024)))
@@ -168,7 +168,7 @@ std::string makeDevice(Generator &generator, std::uint64_t number, std::size_t s
     source.append(R"(,"lon":-)");
     appendDecimal(source, generator.below(18000));
     source.append(R"(},"stock":{)");
-    for (const std::string_view town : towns) {
+    for (const std::string_view town : Towns) {
         source.append("\"")
             .append(town)
             .append("\":")
@@ -176,10 +176,10 @@ std::string makeDevice(Generator &generator, std::uint64_t number, std::size_t s
             .append(",");
     }
     source.back() = '}';
-    source.append(R"(,"labels":[")").append(generator.choose(labels)).append(R"(",")");
-    source.append(generator.choose(labels)).append(R"("],"readings":[)");
-    constexpr std::size_t closing = 2, halfAReading = 38;
-    for (std::uint64_t second = generator.below(1U << 24); source.size() < size - closing - halfAReading;) {
+    source.append(R"(,"labels":[")").append(generator.choose(Labels)).append(R"(",")");
+    source.append(generator.choose(Labels)).append(R"("],"readings":[)");
+    constexpr std::size_t Closing = 2, HalfAReading = 38;
+    for (std::uint64_t second = generator.below(1U << 24); source.size() < size - Closing - HalfAReading;) {
         appendReading(source, generator, second += 1 + generator.below(90));
         source += ',';
     }
@@ -193,11 +193,9 @@ const char *nameOf(DocumentKind kind) { return entryOf(kind).name; }
 
 DocumentKind kindNamed(const std::string &name)
 {
-    for (const KindEntry &entry : kinds) {
-        if (name == entry.name) {
+    for (const KindEntry &entry : Kinds)
+        if (name == entry.name)
             return entry.kind;
-        }
-    }
     throw std::invalid_argument("no kind of document is called " + name);
 }
 
@@ -210,28 +208,27 @@ std::string makeId(std::uint64_t number)
 
 std::string makeSource(DocumentKind kind, std::uint64_t number)
 {
-    Generator generator(number * std::size(kinds) + static_cast<std::uint64_t>(kind));
+    Generator generator(number * std::size(Kinds) + static_cast<std::uint64_t>(kind));
     const std::size_t size = entryOf(kind).bytes;
     return kind == DocumentKind::Dense ? makeDevice(generator, number, size) : makeText(generator, size);
 }
 
-std::string makeAnswer(DocumentKind kind, std::uint64_t first, std::uint64_t count, std::uint64_t total,
-                       const std::string &scrollId)
+std::string makeResponse(DocumentKind kind, std::uint64_t first, std::uint64_t count, std::uint64_t total,
+                         const std::string &scrollId)
 {
-    std::string answer = "{";
-    if (!scrollId.empty()) {
-        answer.append(R"("_scroll_id":")").append(scrollId).append(R"(",)");
-    }
-    answer += R"("took":4,"timed_out":false,)"
-              R"("_shards":{"total":2,"successful":2,"skipped":0,"failed":0},"hits":{"total":{"value":)";
-    answer.append(std::to_string(total)).append(R"(,"relation":"eq"},"max_score":1.0,"hits":[)");
+    std::string response = "{";
+    if (!scrollId.empty())
+        response.append(R"("_scroll_id":")").append(scrollId).append(R"(",)");
+    response += R"("took":4,"timed_out":false,)"
+                R"("_shards":{"total":2,"successful":2,"skipped":0,"failed":0},"hits":{"total":{"value":)";
+    response.append(std::to_string(total)).append(R"(,"relation":"eq"},"max_score":1.0,"hits":[)");
     for (std::uint64_t number = first; number < first + count; ++number) {
-        answer.append(number == first ? "" : ",");
-        answer.append(R"({"_index":")").append(nameOf(kind)).append(R"(","_type":"_doc","_id":")");
-        answer.append(makeId(number)).append(R"(","_score":1.0,"_source":)");
-        answer.append(makeSource(kind, number)).append("}");
+        response.append(number == first ? "" : ",");
+        response.append(R"({"_index":")").append(nameOf(kind)).append(R"(","_type":"_doc","_id":")");
+        response.append(makeId(number)).append(R"(","_score":1.0,"_source":)");
+        response.append(makeSource(kind, number)).append("}");
     }
-    return answer += "]}}";
+    return response += "]}}";
 }
 
 } // namespace veltrane::bench

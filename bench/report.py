@@ -250,9 +250,9 @@ def markdown(values, rows, chart_name):
     if reader.values:
         parts += [
             "## The reader\n",
-            "All contestants read the same answers from memory: 1,000 hits, or 100 of 20 KB. The module's reader "
+            "All contestants read the same responses from memory: 1,000 hits, or 100 of 20 KB. The module's reader "
             "takes them in\nchunks and copies every document. The others have an advantage: they are given the "
-            "whole answer in one piece;\nRapidJSON's handler does nothing, and simdjson's tree is not looked at. "
+            "whole response in one piece;\nRapidJSON's handler does nothing, and simdjson's tree is not looked at. "
             "All are compiled with `-O2` for any\nprocessor of this family; the module's reader and simdjson "
             "choose faster instructions when they run, RapidJSON has\nto be compiled for them. `byte by byte` is "
             "the plain reader that judges the module's in the unit tests. A ratio is\nthe median over the rounds; "
@@ -262,7 +262,7 @@ def markdown(values, rows, chart_name):
     if values.get("query"):
         parts += [
             "## Large results\n",
-            "The floor of a query is what its work must cost without the module: fetch the answers, deflate the "
+            "The floor of a query is what its work must cost without the module: fetch the responses, deflate the "
             "contents, and\nreturn as many rows of the same size from a local table. Like the module, the fetch "
             "of the floor makes a new\nconnection for each page; the last column tells what it takes on one.\n",
             markdown_table(query_table(values["query"])),

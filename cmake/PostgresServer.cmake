@@ -6,12 +6,12 @@ find_program(PG_CONFIG pg_config REQUIRED)
 function(ask_pg_config what variable)
     execute_process(
         COMMAND ${PG_CONFIG} --${what}
-        OUTPUT_VARIABLE answer OUTPUT_STRIP_TRAILING_WHITESPACE
+        OUTPUT_VARIABLE response OUTPUT_STRIP_TRAILING_WHITESPACE
         RESULT_VARIABLE failed)
     if(failed)
         message(FATAL_ERROR "${PG_CONFIG} --${what} failed")
     endif()
-    set(${variable} "${answer}" PARENT_SCOPE)
+    set(${variable} "${response}" PARENT_SCOPE)
 endfunction()
 
 ask_pg_config(version PG_VERSION)

@@ -30,10 +30,10 @@ STOP_SIGNALS = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP}
 
 
 def call(url, body, content_type="application/json"):
-    """The JSON answer to a POST; urllib.error.HTTPError for a refusal."""
+    """The JSON response to a POST; urllib.error.HTTPError for a refusal."""
     request = urllib.request.Request(url, body, {"Content-Type": content_type})
-    with urllib.request.urlopen(request, timeout=WAIT_SECONDS) as answer:
-        return json.load(answer)
+    with urllib.request.urlopen(request, timeout=WAIT_SECONDS) as response:
+        return json.load(response)
 
 
 def load_documents(url, index):
@@ -45,9 +45,9 @@ def load_documents(url, index):
         if error.code != 404:
             raise
     documents = (HERE / "books.ndjson").read_bytes()
-    answer = call(f"{url}/{index}/_bulk?refresh=true", documents, "application/x-ndjson")
-    if answer["errors"]:
-        raise RuntimeError(f"{url} did not take all documents: {json.dumps(answer)[:500]}")
+    response = call(f"{url}/{index}/_bulk?refresh=true", documents, "application/x-ndjson")
+    if response["errors"]:
+        raise RuntimeError(f"{url} did not take all documents: {json.dumps(response)[:500]}")
     return True
 
 
@@ -94,8 +94,8 @@ def search_server(cluster, stack):
 
 def major_version(url):
     """The major version of a search server, as it tells it."""
-    with urllib.request.urlopen(url, timeout=WAIT_SECONDS) as answer:
-        return json.load(answer)["version"]["number"].partition(".")[0]
+    with urllib.request.urlopen(url, timeout=WAIT_SECONDS) as response:
+        return json.load(response)["version"]["number"].partition(".")[0]
 
 
 def create_tables(connection, cluster, url, index):

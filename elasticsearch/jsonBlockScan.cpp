@@ -16,7 +16,7 @@ namespace zq::elasticsearch
 namespace
 {
 
-/// The bytes of each kind, wherever they stand.
+// The bytes of each kind, wherever they stand.
 struct ByteMasks {
     std::uint64_t quotes;
     std::uint64_t backslashes;
@@ -25,18 +25,17 @@ struct ByteMasks {
 };
 
 // Bit 5 is all that tells [ from { and ] from }.
-constexpr char bracketFold = 0x20;
+constexpr char BracketFold = 0x20;
 
-/// Bit i of the result is the exclusive or of the bits 0 to i.
+// Bit i of the result is the exclusive or of the bits 0 to i.
 inline std::uint64_t prefixXorByShifts(std::uint64_t bits)
 {
-    for (unsigned width = 1; width < 64; width *= 2) {
+    for (unsigned width = 1; width < 64; width *= 2)
         bits ^= bits << width;
-    }
     return bits;
 }
 
-/// Eight bytes at a time in ordinary registers.
+// Eight bytes at a time in ordinary registers.
 struct PortableKernel {
     static constexpr const char *name = "portable";
 
@@ -44,15 +43,14 @@ struct PortableKernel {
     static ByteMasks classify(const char *block)
     {
         ByteMasks masks{};
-        for (unsigned i = 0; i < blockBytes; i += 8) {
+        for (unsigned i = 0; i < BlockBytes; i += 8) {
             const std::uint64_t bytes = load(block + i);
-            const std::uint64_t folded = bytes | each(bracketFold);
+            const std::uint64_t folded = bytes | each(BracketFold);
             masks.quotes |= bits(equals(bytes, '"')) << i;
             masks.backslashes |= bits(equals(bytes, '\\')) << i;
             masks.brackets |= bits(equals(folded, '{') | equals(folded, '}')) << i;
-            if constexpr (withSeparators) {
+            if constexpr (withSeparators)
                 masks.separators |= bits(equals(bytes, ':') | equals(bytes, ',')) << i;
-            }
         }
         return masks;
     }
@@ -65,7 +63,7 @@ private:
         return std::uint64_t{0x0101010101010101} * static_cast<unsigned char>(byte);
     }
 
-    /// The first byte becomes the lowest.
+    // The first byte becomes the lowest.
     static std::uint64_t load(const char *from)
     {
         std::uint64_t bytes = 0;
@@ -76,20 +74,20 @@ private:
         return bytes;
     }
 
-    /// Sets the highest bit of each byte that is equal: only a zero stays below it when seven bits are added.
+    // Sets the highest bit of each byte that is equal: only a zero stays below it when seven bits are added.
     static std::uint64_t equals(std::uint64_t bytes, char wanted)
     {
         const std::uint64_t different = bytes ^ each(wanted);
         return ~(((different & each(0x7F)) + each(0x7F)) | different) & each('\x80');
     }
 
-    /// Gathers the highest bits: the product brings each to its place in the highest byte.
+    // Gathers the highest bits: the product brings each to its place in the highest byte.
     static std::uint64_t bits(std::uint64_t matches) { return (matches >> 7) * 0x0102040810204080 >> 56; }
 };
 
 #if defined(__x86_64__)
 
-/// Every x86-64 processor has SSE2.
+// Every x86-64 processor has SSE2.
 struct Sse2Kernel {
     static constexpr const char *name = "SSE2";
 
@@ -100,15 +98,16 @@ struct Sse2Kernel {
         const Parts parts = {_mm_loadu_si128(from), _mm_loadu_si128(from + 1), _mm_loadu_si128(from + 2),
                              _mm_loadu_si128(from + 3)};
         ByteMasks masks{};
-        masks.quotes = bits(parts, [](__m128i part) { return equals(part, '"'); });
+        masks.quotes = bits(
+            parts, [](__m128i part) { return equals(part, '"'); });
         masks.backslashes = bits(parts, [](__m128i part) { return equals(part, '\\'); });
         masks.brackets = bits(parts, [](__m128i part) {
-            const __m128i folded = _mm_or_si128(part, _mm_set1_epi8(bracketFold));
+            const __m128i folded = _mm_or_si128(part, _mm_set1_epi8(BracketFold));
             return _mm_or_si128(equals(folded, '{'), equals(folded, '}'));
         });
         if constexpr (withSeparators) {
-            masks.separators =
-                bits(parts, [](__m128i part) { return _mm_or_si128(equals(part, ':'), equals(part, ',')); });
+            masks.separators = bits(
+                parts, [](__m128i part) { return _mm_or_si128(equals(part, ':'), equals(part, ',')); });
         }
         return masks;
     }
@@ -151,7 +150,7 @@ struct Avx2Kernel {
         return masks;
     }
 
-    /// A carry-less multiplication by all ones is the prefix.
+    // A carry-less multiplication by all ones is the prefix.
     VELTRANE_AVX2 static inline std::uint64_t prefixXor(std::uint64_t bits)
     {
         const __m128i product = _mm_clmulepi64_si128(_mm_set_epi64x(0, static_cast<long long>(bits)),
@@ -166,7 +165,7 @@ private:
     }
     VELTRANE_AVX2 static inline __m256i areBrackets(__m256i bytes)
     {
-        const __m256i folded = _mm256_or_si256(bytes, _mm256_set1_epi8(bracketFold));
+        const __m256i folded = _mm256_or_si256(bytes, _mm256_set1_epi8(BracketFold));
         return _mm256_or_si256(equals(folded, '{'), equals(folded, '}'));
     }
     VELTRANE_AVX2 static inline std::uint64_t bits(__m256i low, __m256i high)
@@ -178,7 +177,7 @@ private:
 
 #elif defined(__aarch64__)
 
-/// Every 64-bit ARM processor has NEON.
+// Every 64-bit ARM processor has NEON.
 struct NeonKernel {
     static constexpr const char *name = "NEON";
 
@@ -189,15 +188,16 @@ struct NeonKernel {
         const uint8x16x4_t bytes = {
             {vld1q_u8(from), vld1q_u8(from + 16), vld1q_u8(from + 32), vld1q_u8(from + 48)}};
         ByteMasks masks{};
-        masks.quotes = bits(bytes, [](uint8x16_t part) { return equals(part, '"'); });
+        masks.quotes = bits(
+            bytes, [](uint8x16_t part) { return equals(part, '"'); });
         masks.backslashes = bits(bytes, [](uint8x16_t part) { return equals(part, '\\'); });
         masks.brackets = bits(bytes, [](uint8x16_t part) {
-            const uint8x16_t folded = vorrq_u8(part, vdupq_n_u8(bracketFold));
+            const uint8x16_t folded = vorrq_u8(part, vdupq_n_u8(BracketFold));
             return vorrq_u8(equals(folded, '{'), equals(folded, '}'));
         });
         if constexpr (withSeparators) {
-            masks.separators =
-                bits(bytes, [](uint8x16_t part) { return vorrq_u8(equals(part, ':'), equals(part, ',')); });
+            masks.separators = bits(
+                bytes, [](uint8x16_t part) { return vorrq_u8(equals(part, ':'), equals(part, ',')); });
         }
         return masks;
     }
@@ -213,9 +213,9 @@ private:
     template <class Match>
     static std::uint64_t bits(const uint8x16x4_t &bytes, Match match)
     {
-        static constexpr std::uint8_t weights[16] = {1, 2, 4, 8, 16, 32, 64, 128,
+        static constexpr std::uint8_t Weights[16] = {1, 2, 4, 8, 16, 32, 64, 128,
                                                      1, 2, 4, 8, 16, 32, 64, 128};
-        const uint8x16_t weight = vld1q_u8(weights);
+        const uint8x16_t weight = vld1q_u8(Weights);
         const auto weighed = [&](int part) { return vandq_u8(match(bytes.val[part]), weight); };
         const uint8x16_t pairs =
             vpaddq_u8(vpaddq_u8(weighed(0), weighed(1)), vpaddq_u8(weighed(2), weighed(3)));
@@ -225,23 +225,23 @@ private:
 
 #endif
 
-/// The bytes behind the backslashes that are not escaped themselves, and the carry for the next block. Of a
-/// run of backslashes the first, third and so on escape: what follows the run is escaped when its length is
-/// odd. Adding a run's first bit to the run moves it to the bit behind the run.
+// The bytes behind the backslashes that are not escaped themselves, and the carry for the next block. Of a
+// run of backslashes the first, third and so on escape: what follows the run is escaped when its length is
+// odd. Adding a run's first bit to the run moves it to the bit behind the run.
 inline std::uint64_t findEscaped(std::uint64_t backslashes, BlockCarry &carry)
 {
-    constexpr std::uint64_t evenBits = 0x5555555555555555;
+    constexpr std::uint64_t EvenBits = 0x5555555555555555;
     const std::uint64_t firstEscaped = carry.escaped;
     backslashes &= ~firstEscaped;
     const std::uint64_t starts = backslashes & ~(backslashes << 1);
-    const std::uint64_t behindEvenRuns = (backslashes + (starts & evenBits)) & ~backslashes;
+    const std::uint64_t behindEvenRuns = (backslashes + (starts & EvenBits)) & ~backslashes;
     std::uint64_t sum = 0;
-    carry.escaped = __builtin_add_overflow(backslashes, starts & ~evenBits, &sum) ? 1 : 0;
+    carry.escaped = __builtin_add_overflow(backslashes, starts & ~EvenBits, &sum) ? 1 : 0;
     const std::uint64_t behindOddRuns = sum & ~backslashes;
-    return firstEscaped | (behindEvenRuns & ~evenBits) | (behindOddRuns & evenBits);
+    return firstEscaped | (behindEvenRuns & ~EvenBits) | (behindOddRuns & EvenBits);
 }
 
-/// `length` tells how many of the block's bytes are text; the others must be zero.
+// `length` tells how many of the block's bytes are text; the others must be zero.
 template <class Kernel, bool withSeparators>
 [[gnu::always_inline]] inline BlockMasks scanBlock(const char *block, std::size_t length, BlockCarry &carry)
 {
@@ -250,12 +250,11 @@ template <class Kernel, bool withSeparators>
     if ((bytes.backslashes | carry.escaped) != 0) {
         const std::uint64_t escaped = findEscaped(bytes.backslashes, carry);
         quotes &= ~escaped;
-        if (length < blockBytes) {
+        if (length < BlockBytes)
             carry.escaped = escaped >> length & 1;
-        }
     }
     const std::uint64_t inString = Kernel::prefixXor(quotes) ^ carry.inString;
-    carry.inString = 0 - (inString >> (blockBytes - 1));
+    carry.inString = 0 - (inString >> (BlockBytes - 1));
     return {quotes & inString, quotes & ~inString, bytes.brackets & ~inString, bytes.separators & ~inString};
 }
 
@@ -264,11 +263,10 @@ template <class Kernel, bool withSeparators>
                                               BlockMasks *masks)
 {
     BlockCarry current = carry;
-    for (; length >= blockBytes; bytes += blockBytes, length -= blockBytes) {
-        *masks++ = scanBlock<Kernel, withSeparators>(bytes, blockBytes, current);
-    }
+    for (; length >= BlockBytes; bytes += BlockBytes, length -= BlockBytes)
+        *masks++ = scanBlock<Kernel, withSeparators>(bytes, BlockBytes, current);
     if (length > 0) {
-        char block[blockBytes] = {};
+        char block[BlockBytes] = {};
         std::memcpy(block, bytes, length);
         *masks = scanBlock<Kernel, withSeparators>(block, length, current);
     }
@@ -310,9 +308,8 @@ std::vector<BlockScanner> findScanners()
 {
     std::vector<BlockScanner> scanners;
 #if defined(__x86_64__)
-    if (hasAvx2()) {
+    if (hasAvx2())
         scanners.push_back({Avx2Kernel::name, scanAvx2<false>, scanAvx2<true>});
-    }
     scanners.push_back(scannerOf<Sse2Kernel>());
 #elif defined(__aarch64__)
     scanners.push_back(scannerOf<NeonKernel>());

@@ -1,5 +1,5 @@
-// The lexer of the streaming readers: finds brackets, strings and member values of a JSON text that arrives in chunks
-// cut anywhere, and tells a grammar of them. It builds no tree and judges no syntax.
+// The lexer of the streaming readers: finds brackets, strings and member values of a JSON text that arrives
+// in chunks cut anywhere, and tells a grammar of them. It builds no tree and judges no syntax.
 #pragma once
 
 #include "elasticsearch/jsonBlockScan.h"
@@ -15,15 +15,17 @@ namespace zq::elasticsearch
 // Which strings a grammar wants to be told of, where it stands now.
 enum class StringInterest { All, Short };
 
-// Lexer state that lives as long as one response. Only allocation failures are thrown, and what the grammar throws.
+// Lexer state that lives as long as one response. Only allocation failures are thrown, and what the grammar
+// throws.
 //
-// A Grammar has these members. A depth is that of objects behind the byte that is told of, positions point into the
-// chunk, and texts are valid only during the call.
-//   static constexpr bool wantsMemberValues      whether onMemberValue is called
-//   static constexpr int deepestObject           in deeper objects it wants no strings
-//   static constexpr std::size_t shortString     the length of the strings of StringInterest::Short
+// A Grammar has these members. A depth is that of objects behind the byte that is told of, positions point
+// into the chunk, and texts are valid only during the call.
+//   static constexpr bool WantsMemberValues      whether onMemberValue is called
+//   static constexpr int DeepestObject           in deeper objects it wants no strings
+//   static constexpr std::size_t ShortString     the length of the strings of StringInterest::Short
 //   bool mustStop()                              nothing more is read then
-//   bool wantsBytes(), void onByte(char)         each byte from the next one on, as long as it says so, before what
+//   bool wantsBytes(), void onByte(char)         each byte from the next one on, as long as it says so,
+//   before what
 //                                                else the byte means
 //   StringInterest stringInterest(int depth)
 //   std::size_t keptOfString()                   how much of a string that is cut must be kept to judge it
@@ -54,8 +56,8 @@ public:
     // Where to find what matters in the bytes: one of blockScanners().
     explicit JsonParseCtx(const BlockScanner &scanner) : scanner(scanner) {}
 
-    // Reads the next chunk, which needs to live only as long as the call. Returns what is behind the last byte that was
-    // taken: the end of the chunk, unless the grammar wanted to stop.
+    // Reads the next chunk, which needs to live only as long as the call. Returns what is behind the last
+    // byte that was taken: the end of the chunk, unless the grammar wanted to stop.
     template <typename Grammar>
     const char *read(const char *chunk, std::size_t length, Grammar &grammar);
 
@@ -102,7 +104,8 @@ private:
     TextBuffer stringText;           // the current or last string, without its quotes, undecoded
     TextBuffer valueText;            // the current or last scalar member value, from behind its colon
     std::uint64_t openingBefore = 0; // the opening quotes of the block before, in the same chunk
-    bool carriedShortString = false; // the chunk began in a string that may be a short one and is not closed yet
+    bool carriedShortString =
+        false; // the chunk began in a string that may be a short one and is not closed yet
 };
 
 inline void JsonParseCtx::TextBuffer::open(const char *first)
@@ -159,10 +162,10 @@ const char *JsonParseCtx::read(const char *chunk, std::size_t length, Grammar &g
     stringText.resume(chunk);
     valueText.resume(chunk);
     openingBefore = 0;
-    carriedShortString = stringText.active && stringText.text.size() <= Grammar::shortString;
+    carriedShortString = stringText.active && stringText.text.size() <= Grammar::ShortString;
     const char *at = chunk;
     while (at != end && !grammar.mustStop())
-        at = readPiece(at, std::min<std::size_t>(end - at, PieceBlocks * blockBytes), grammar);
+        at = readPiece(at, std::min<std::size_t>(end - at, PieceBlocks * BlockBytes), grammar);
     if (!grammar.mustStop()) {
         stringText.active = carry.inString != 0;
         stringText.carryOver(at, grammar.keptOfString());
@@ -176,16 +179,16 @@ template <typename Grammar>
 const char *JsonParseCtx::readPiece(const char *piece, std::size_t length, Grammar &grammar)
 {
     BlockMasks masks[PieceBlocks];
-    (Grammar::wantsMemberValues ? scanner.separators : scanner.brackets)(piece, length, carry, masks);
+    (Grammar::WantsMemberValues ? scanner.separators : scanner.brackets)(piece, length, carry, masks);
     const char *const end = piece + length;
     const BlockMasks *blockMasks = masks;
     std::uint64_t before = openingBefore;
-    for (const char *block = piece; block < end; block += blockBytes, ++blockMasks) {
+    for (const char *block = piece; block < end; block += BlockBytes, ++blockMasks) {
         std::uint64_t events = blockMasks->brackets | blockMasks->closing;
-        if constexpr (Grammar::wantsMemberValues)
+        if constexpr (Grammar::WantsMemberValues)
             events |= blockMasks->separators;
         if (events != 0 || grammar.wantsBytes()) {
-            const std::size_t blockLength = std::min<std::size_t>(end - block, blockBytes);
+            const std::size_t blockLength = std::min<std::size_t>(end - block, BlockBytes);
             openingBefore = before;
             const char *const taken = readBlock(block, blockLength, *blockMasks, grammar);
             if (grammar.mustStop())
@@ -212,7 +215,7 @@ template <typename Grammar>
         const std::uint64_t wanted = wantedBits(masks, shortStrings, grammar) & bitsFrom(next);
         if (wanted == 0)
             return block + length;
-        if (objects > Grammar::deepestObject) {
+        if (objects > Grammar::DeepestObject) {
             next = skipDeepObjects(block, wanted, grammar);
             continue;
         }
@@ -225,13 +228,13 @@ template <typename Grammar>
     return block + next;
 }
 
-// The closing quotes of strings that have just the length of a short one, and that of a string which began in an
-// earlier chunk and is as short so far.
+// The closing quotes of strings that have just the length of a short one, and that of a string which began in
+// an earlier chunk and is as short so far.
 template <typename Grammar>
 inline std::uint64_t JsonParseCtx::findShortStrings(const BlockMasks &masks)
 {
-    constexpr unsigned Span = Grammar::shortString + 1; // from the opening quote to the closing one
-    std::uint64_t strings = masks.opening << Span | openingBefore >> (blockBytes - Span);
+    constexpr unsigned Span = Grammar::ShortString + 1; // from the opening quote to the closing one
+    std::uint64_t strings = masks.opening << Span | openingBefore >> (BlockBytes - Span);
     strings &= masks.closing;
     if (carriedShortString && masks.closing != 0) {
         carriedShortString = false;
@@ -245,11 +248,11 @@ template <typename Grammar>
 inline std::uint64_t JsonParseCtx::wantedBits(const BlockMasks &masks, std::uint64_t shortStrings,
                                               Grammar &grammar) const
 {
-    if (objects > Grammar::deepestObject)
+    if (objects > Grammar::DeepestObject)
         return masks.brackets;
     const std::uint64_t strings =
         grammar.stringInterest(objects) == StringInterest::Short ? shortStrings : masks.closing;
-    return masks.brackets | strings | (Grammar::wantsMemberValues ? masks.separators : 0);
+    return masks.brackets | strings | (Grammar::WantsMemberValues ? masks.separators : 0);
 }
 
 // Counts brackets as long as objects are too deep to matter. Returns the index behind the last one taken.
@@ -269,13 +272,14 @@ unsigned JsonParseCtx::skipDeepObjects(const char *block, std::uint64_t brackets
         next = index + 1;
         if (openArrays == 0 && bracket == ']')
             grammar.onArrayClosed();
-    } while (brackets != 0 && openObjects > Grammar::deepestObject);
+    } while (brackets != 0 && openObjects > Grammar::DeepestObject);
     objects = openObjects;
     arrays = openArrays;
     return next;
 }
 
-// Tells of bytes as long as the grammar wants them, with all else that they mean. Returns the index behind the last.
+// Tells of bytes as long as the grammar wants them, with all else that they mean. Returns the index behind
+// the last.
 template <typename Grammar>
 inline unsigned JsonParseCtx::tellBytes(const char *block, unsigned from, std::size_t length,
                                         const BlockMasks &masks, Grammar &grammar)
@@ -295,7 +299,7 @@ template <typename Grammar>
 inline void JsonParseCtx::tell(const char *block, unsigned index, const BlockMasks &masks, Grammar &grammar)
 {
     const char *const at = block + index;
-    if constexpr (Grammar::wantsMemberValues) {
+    if constexpr (Grammar::WantsMemberValues) {
         if (*at == ':')
             return valueText.open(at + 1);
         if (*at == ',')
@@ -304,24 +308,24 @@ inline void JsonParseCtx::tell(const char *block, unsigned index, const BlockMas
     switch (*at) {
     case '{':
         ++objects;
-        if constexpr (Grammar::wantsMemberValues)
+        if constexpr (Grammar::WantsMemberValues)
             valueText.reset();
         grammar.onObjectOpened(at, objects);
         break;
     case '}':
         --objects;
         grammar.onObjectClosed(at, objects);
-        if constexpr (Grammar::wantsMemberValues)
+        if constexpr (Grammar::WantsMemberValues)
             tellMemberValue(at, grammar);
         break;
     case '[':
         ++arrays;
-        if constexpr (Grammar::wantsMemberValues)
+        if constexpr (Grammar::WantsMemberValues)
             valueText.reset();
         break;
     case ']':
         --arrays;
-        if constexpr (Grammar::wantsMemberValues)
+        if constexpr (Grammar::WantsMemberValues)
             valueText.reset();
         if (arrays == 0)
             grammar.onArrayClosed();

@@ -7,9 +7,9 @@
 namespace zq::elasticsearch
 {
 
-/// Decodes the text between the quotes of a JSON string into UTF-8. Returns false, and leaves `decoded`
-/// empty, when the text is not valid UTF-8 or an escape is not valid. Each \u escape stands for itself: half
-/// a surrogate pair is refused, so a pair written as two escapes is too.
+// Decodes the text between the quotes of a JSON string into UTF-8. Returns false, and leaves `decoded`
+// empty, when the text is not valid UTF-8 or an escape is not valid. Each \u escape stands for itself: half
+// a surrogate pair is refused, so a pair written as two escapes is too.
 bool decodeJsonString(std::string_view raw, std::string &decoded);
 
 } // namespace zq::elasticsearch

@@ -10,7 +10,7 @@ namespace
 {
 
 // No number of shards and no word is longer; a longer value is none of ours.
-constexpr std::size_t longestValue = 18;
+constexpr std::size_t LongestValue = 18;
 
 bool isBlank(char byte) { return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n'; }
 
@@ -20,17 +20,15 @@ void SearchStatusCapture::onString(std::string_view text, int objectDepth)
 {
     if (objectDepth == 1) {
         inShards = text == "_shards";
-        if (text == "timed_out") {
+        if (text == "timed_out")
             await(Member::TimedOut);
-        }
     } else if (inShards && objectDepth == 2) {
-        if (text == "total") {
+        if (text == "total")
             await(Member::Total);
-        } else if (text == "successful") {
+        else if (text == "successful")
             await(Member::Successful);
-        } else if (text == "failed") {
+        else if (text == "failed")
             await(Member::Failed);
-        }
     }
 }
 
@@ -43,18 +41,16 @@ void SearchStatusCapture::await(Member member)
 
 void SearchStatusCapture::takeByte(char byte)
 {
-    if (isBlank(byte)) {
+    if (isBlank(byte))
         return;
-    }
     if (!colonSeen) {
         colonSeen = byte == ':';
-        if (!colonSeen) {
+        if (!colonSeen)
             awaited = Member::None; // it was no member name
-        }
     } else if (byte == ',' || byte == '}') {
         store();
         awaited = Member::None;
-    } else if (byte == '"' || byte == '{' || byte == '[' || value.size() == longestValue) {
+    } else if (byte == '"' || byte == '{' || byte == '[' || value.size() == LongestValue) {
         awaited = Member::None;
     } else {
         value.push_back(byte);

@@ -14,19 +14,19 @@ namespace
 {
 
 // Object depths, counted from the outermost brace of the response.
-constexpr int responseDepth = 1;
-constexpr int hitsDepth = 2;
-constexpr int hitDepth = 3;
-constexpr int sourceDepth = 4;
+constexpr int ResponseDepth = 1;
+constexpr int HitsDepth = 2;
+constexpr int HitDepth = 3;
+constexpr int SourceDepth = 4;
 
 // Values of hitTag.
-constexpr int insideHits = 1;
-constexpr int insideHitArray = 2;
+constexpr int InsideHits = 1;
+constexpr int InsideHitArray = 2;
 
 // No member name that we know is longer, so of any other string that much tells it from all of them.
-constexpr std::size_t longestName = std::string_view("_scroll_id").size();
+constexpr std::size_t LongestName = std::string_view("_scroll_id").size();
 
-/// Compares with a name whose length the compiler knows.
+// Compares with a name whose length the compiler knows.
 template <std::size_t size>
 bool is(std::string_view text, const char (&name)[size])
 {
@@ -53,9 +53,8 @@ SearchResultParserInterface::~SearchResultParserInterface() = default;
 
 bool SearchResultParserInterface::addData(const char *data, std::size_t length)
 {
-    if (length == 0) {
+    if (length == 0)
         return !errorFlag;
-    }
     copyFrom = data;
     copyUpTo(jsonCtx->read(data, length, *this));
     return !errorFlag;
@@ -63,13 +62,13 @@ bool SearchResultParserInterface::addData(const char *data, std::size_t length)
 
 inline StringInterest SearchResultParserInterface::stringInterest(int depth) const
 {
-    return depth == sourceDepth && nextIs != NextString::DocType ? StringInterest::Short
-                                                                                  : StringInterest::All;
+    return depth == SourceDepth && nextIs != NextString::DocType ? StringInterest::Short
+                                                                 : StringInterest::All;
 }
 
 inline std::size_t SearchResultParserInterface::keptOfString() const
 {
-    return nextIs == NextString::Nothing ? longestName + 1 : std::string::npos;
+    return nextIs == NextString::Nothing ? LongestName + 1 : std::string::npos;
 }
 
 std::size_t SearchResultParserInterface::pendingBytes() const
@@ -80,9 +79,8 @@ std::size_t SearchResultParserInterface::pendingBytes() const
 bool SearchResultParserInterface::finish(std::string *message)
 {
     if (jsonCtx->objectDepth() == 0 && jsonCtx->arrayDepth() == 0 && hitTag == 0 &&
-        nextIs == NextString::Nothing && !errorFlag) {
+        nextIs == NextString::Nothing && !errorFlag)
         return true;
-    }
     if (message != nullptr) {
         *message = "Finish error : { => " + std::to_string(jsonCtx->objectDepth()) + ", [ => " +
                    std::to_string(jsonCtx->arrayDepth()) + ", hittag => " + std::to_string(hitTag) +
@@ -94,16 +92,14 @@ bool SearchResultParserInterface::finish(std::string *message)
 
 inline void SearchResultParserInterface::onByte(char byte)
 {
-    if (capturesScalar()) {
+    if (capturesScalar())
         takeScalarByte(byte);
-    }
-    if (statusCapture.isActive()) {
+    if (statusCapture.isActive())
         statusCapture.takeByte(byte);
-    }
 }
 
-/// A total and a score end at the next comma or brace, wherever it stands: a total that is an object yields
-/// what its first member holds.
+// A total and a score end at the next comma or brace, wherever it stands: a total that is an object yields
+// what its first member holds.
 inline void SearchResultParserInterface::takeScalarByte(char byte)
 {
     switch (byte) {
@@ -123,12 +119,12 @@ inline void SearchResultParserInterface::takeScalarByte(char byte)
 void SearchResultParserInterface::endScalar()
 {
     inScalar = false;
-    if (hitTag == insideHits) {
+    if (hitTag == InsideHits) {
         // Two totals that count something: we cannot tell which of them is the response's own.
         errorFlag = errorFlag || totalHitCount != 0;
         totalHits = std::strtol(scalarText.c_str(), nullptr, 10);
         totalHitCount = static_cast<int>(totalHits);
-    } else if (hitTag == insideHitArray) {
+    } else if (hitTag == InsideHitArray) {
         score = scalarText;
     } else {
         errorFlag = true;
@@ -137,17 +133,16 @@ void SearchResultParserInterface::endScalar()
 
 inline void SearchResultParserInterface::onArrayClosed()
 {
-    if (hitTag == insideHitArray) {
-        hitTag = insideHits;
+    if (hitTag == InsideHitArray) {
+        hitTag = InsideHits;
         hitsEnded = true;
     }
 }
 
 inline void SearchResultParserInterface::onObjectOpened(const char *brace, int depth)
 {
-    if (depth != sourceDepth) {
+    if (depth != SourceDepth)
         return;
-    }
     // The name that started the capture and its colon were copied too; the object itself starts here.
     if (std::string *const target = copyTarget()) {
         target->clear();
@@ -157,17 +152,16 @@ inline void SearchResultParserInterface::onObjectOpened(const char *brace, int d
 
 inline void SearchResultParserInterface::onObjectClosed(const char *brace, int depth)
 {
-    if (depth == responseDepth && hitTag == insideHits) {
+    if (depth == ResponseDepth && hitTag == InsideHits) {
         hitTag = 0;
-    } else if (depth == hitDepth && copyTarget() != nullptr) {
+    } else if (depth == HitDepth && copyTarget() != nullptr) {
         copyUpTo(brace + 1);
-        if (inSource) {
+        if (inSource)
             inSource = false;
-        } else {
+        else
             inHighlight = false;
-        }
         copyFrom = brace; // a highlight that waited for the source to end takes the brace as well
-    } else if (depth == hitsDepth && hitTag == insideHitArray && jsonCtx->arrayDepth() == 1) {
+    } else if (depth == HitsDepth && hitTag == InsideHitArray && jsonCtx->arrayDepth() == 1) {
         copyUpTo(brace);
         onNewDocument(docId, content, score, highlight, docType);
     }
@@ -175,15 +169,14 @@ inline void SearchResultParserInterface::onObjectClosed(const char *brace, int d
 
 inline void SearchResultParserInterface::onString(std::string_view text, const char *quote, int depth)
 {
-    if (depth == sourceDepth) {
+    if (depth == SourceDepth) {
         takeInnerString(text);
-    } else if (depth == hitDepth) {
-        if (jsonCtx->arrayDepth() == 1 && hitTag == insideHitArray) {
+    } else if (depth == HitDepth) {
+        if (jsonCtx->arrayDepth() == 1 && hitTag == InsideHitArray)
             takeHitString(text, quote);
-        } else if (jsonCtx->arrayDepth() == 0 && hitTag == insideHits && is(text, "gte")) {
+        else if (jsonCtx->arrayDepth() == 0 && hitTag == InsideHits && is(text, "gte"))
             totalIsLowerBound = true; // the "relation" of a total that is an object
-        }
-    } else if (depth < hitDepth) {
+    } else if (depth < HitDepth) {
         takeOuterString(text, quote, depth);
     }
 }
@@ -191,18 +184,16 @@ inline void SearchResultParserInterface::onString(std::string_view text, const c
 void SearchResultParserInterface::takeOuterString(std::string_view text, const char *quote, int depth)
 {
     const bool outsideArrays = jsonCtx->arrayDepth() == 0;
-    if (outsideArrays && hitTag == 0) {
+    if (outsideArrays && hitTag == 0)
         statusCapture.onString(text, depth);
-    }
     if (nextIs == NextString::ScrollId) {
         scrollId = text;
         nextIs = NextString::Nothing;
     } else if (is(text, "hits")) {
         ++hitTag;
-    } else if (depth == hitsDepth && outsideArrays && hitTag == insideHits &&
-               is(text, "total")) {
+    } else if (depth == HitsDepth && outsideArrays && hitTag == InsideHits && is(text, "total")) {
         inScalar = true;
-    } else if (depth == responseDepth && outsideArrays) {
+    } else if (depth == ResponseDepth && outsideArrays) {
         if (is(text, "_scroll_id")) {
             nextIs = NextString::ScrollId;
         } else if (is(text, "error")) {
@@ -251,18 +242,16 @@ void SearchResultParserInterface::decodeDocId(std::string_view text)
 
 inline std::string *SearchResultParserInterface::copyTarget()
 {
-    if (inSource) {
+    if (inSource)
         return &content;
-    }
     return inHighlight ? &highlight : nullptr;
 }
 
-/// Brings the bytes before `end` to where they are being copied, if anywhere.
+// Brings the bytes before `end` to where they are being copied, if anywhere.
 inline void SearchResultParserInterface::copyUpTo(const char *end)
 {
-    if (std::string *const target = copyTarget()) {
+    if (std::string *const target = copyTarget())
         target->append(copyFrom, static_cast<std::size_t>(end - copyFrom));
-    }
     copyFrom = end;
 }
 

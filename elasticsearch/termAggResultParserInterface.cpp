@@ -13,19 +13,19 @@ namespace
 {
 
 // Object depths, counted from the outermost brace of the response.
-constexpr int responseDepth = 1;
-constexpr int aggregationsDepth = 2;
-constexpr int rootAggDepth = 3;
-constexpr int subAggDepth = 4;
-constexpr int bucketDepth = 5;
+constexpr int ResponseDepth = 1;
+constexpr int AggregationsDepth = 2;
+constexpr int RootAggDepth = 3;
+constexpr int SubAggDepth = 4;
+constexpr int BucketDepth = 5;
 
 } // namespace
 
 // Every string, every bracket at its depth and every member value count.
 struct TermAggResultParserInterface::Grammar {
-    static constexpr bool wantsMemberValues = true;
-    static constexpr int deepestObject = INT_MAX;
-    static constexpr std::size_t shortString = 0;
+    static constexpr bool WantsMemberValues = true;
+    static constexpr int DeepestObject = INT_MAX;
+    static constexpr std::size_t ShortString = 0;
 
     TermAggResultParserInterface &reader;
 
@@ -80,22 +80,22 @@ bool TermAggResultParserInterface::finish()
 
 inline bool TermAggResultParserInterface::isInBucket() const
 {
-    return jsonCtx->objectDepth() == bucketDepth && jsonCtx->arrayDepth() == 1 && inBuckets;
+    return jsonCtx->objectDepth() == BucketDepth && jsonCtx->arrayDepth() == 1 && inBuckets;
 }
 
 void TermAggResultParserInterface::leaveObject(int depth)
 {
     switch (depth) {
-    case responseDepth:
+    case ResponseDepth:
         inAggregations = false;
         break;
-    case aggregationsDepth:
+    case AggregationsDepth:
         inRootAgg = false;
         break;
-    case rootAggDepth:
+    case RootAggDepth:
         emitAttributes();
         break;
-    case subAggDepth:
+    case SubAggDepth:
         if (expectKeyValue)
             fail("Parsing error, fail to retrieve field value");
         break;
@@ -108,25 +108,25 @@ void TermAggResultParserInterface::takeString(std::string_view text, int depth)
 {
     const bool outsideArrays = jsonCtx->arrayDepth() == 0;
     switch (depth) {
-    case responseDepth:
+    case ResponseDepth:
         inAggregations = false;
         if (outsideArrays)
             takeResponseString(text);
         break;
-    case aggregationsDepth:
+    case AggregationsDepth:
         inRootAgg = outsideArrays && inAggregations && text == "rootagg";
         break;
-    case rootAggDepth:
+    case RootAggDepth:
         emitAttributes();
         if (outsideArrays && inRootAgg && text != "doc_count")
             bucketOwner = text;
         break;
-    case subAggDepth:
+    case SubAggDepth:
         inBuckets = inBuckets || (outsideArrays && !bucketOwner.empty() && text == "buckets");
         if (expectKeyValue)
             fail("Parsing error, fail to retrieve field value");
         break;
-    case bucketDepth:
+    case BucketDepth:
         if (isInBucket() && !expectKeyValue)
             expectKeyValue = text == "key";
         break;

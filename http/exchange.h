@@ -23,9 +23,10 @@ struct Outcome {
     long status; // of HTTP; 0 without a response
 };
 
-// Sends the request once, on a connection of its own, and hands the body of the response to `write`, with `target`,
-// as it arrives. Follows no redirect and speaks http and https only. A cancel request, a time-out of the server's or
-// a shutdown ends it within a fraction of a second and is thrown as a ServerError. Throws std::bad_alloc.
+// Sends the request once, on a connection of its own, and hands the body of the response to `write`, with
+// `target`, as it arrives. Follows no redirect and speaks http and https only. A cancel request, a time-out
+// of the server's or a shutdown ends it within a fraction of a second and is thrown as a ServerError. Throws
+// std::bad_alloc.
 Outcome exchange(const Settings &settings, const Request &request, curl_write_callback write, void *target);
 
 // Sends a request whose response does not matter, in a second at the most: see runBriefTransfer. Throws

@@ -23,8 +23,8 @@ constexpr int LongestWaitMs = 200;
 constexpr int64 LongestBriefTransfer = USECS_PER_SEC;
 constexpr int64 RoomBeforeTimeout = 20000;
 
-// A cancelled query must not wait for a name that a thread of libcurl's is still being told. Newer versions of
-// libcurl ask the multi handle about this, older ones the easy handle.
+// A cancelled query must not wait for a name that a thread of libcurl's is still being told. Newer versions
+// of libcurl ask the multi handle about this, older ones the easy handle.
 void leaveResolverBehind(CURLM *multi, CURL *easy)
 {
 #if LIBCURL_VERSION_NUM >= 0x081600
@@ -92,10 +92,9 @@ public:
     CURLcode result()
     {
         int left = 0;
-        while (const CURLMsg *message = curl_multi_info_read(multi.get(), &left)) {
+        while (const CURLMsg *message = curl_multi_info_read(multi.get(), &left))
             if (message->msg == CURLMSG_DONE)
                 return message->data.result;
-        }
         return CURLE_FAILED_INIT;
     }
 
@@ -112,8 +111,8 @@ void serveInterrupts()
 
 bool mustEnd() { return QueryCancelPending || ProcDiePending; }
 
-// A brief transfer ends before statement_timeout strikes: the statement has done its work, and a time-out that
-// nobody raises as an error then would strike between this statement and the next.
+// A brief transfer ends before statement_timeout strikes: the statement has done its work, and a time-out
+// that nobody raises as an error then would strike between this statement and the next.
 TimestampTz endOfBriefTransfer()
 {
     const TimestampTz now = GetCurrentTimestamp();

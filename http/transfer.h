@@ -11,9 +11,9 @@ namespace qm::http
 // handle is free for clean-up afterwards in either case.
 CURLcode runTransfer(CURL *easy);
 
-// Runs a transfer whose outcome does not matter, for one second at the most and not beyond statement_timeout; gives
-// it up at once when the query is to be cancelled or the server to shut down, which it leaves to the server to act
-// on. Does not throw.
+// Runs a transfer whose outcome does not matter, for one second at the most and not beyond statement_timeout;
+// gives it up at once when the query is to be cancelled or the server to shut down, which it leaves to the
+// server to act on. Does not throw.
 void runBriefTransfer(CURL *easy);
 
 } // namespace qm::http

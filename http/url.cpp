@@ -14,7 +14,8 @@ UrlHandle parse(const std::string &url)
 {
     UrlHandle handle(curl_url());
     const bool hasScheme = url.find("://") != std::string::npos;
-    if (!handle || curl_url_set(handle.get(), CURLUPART_URL, (hasScheme ? url : "http://" + url).c_str(), 0) != CURLUE_OK)
+    if (!handle || curl_url_set(handle.get(), CURLUPART_URL, (hasScheme ? url : "http://" + url).c_str(),
+                                0) != CURLUE_OK)
         return nullptr;
     return handle;
 }
@@ -55,7 +56,8 @@ bool isSamePlace(const std::string &url, const std::string &other)
         return areEqual(partOf(one, part), partOf(two, part), compare);
     };
     return equal(CURLUPART_SCHEME, strcasecmp) && equal(CURLUPART_HOST, strcasecmp) &&
-           equal(CURLUPART_PORT, strcmp) && equal(CURLUPART_USER, strcmp) && equal(CURLUPART_PASSWORD, strcmp);
+           equal(CURLUPART_PORT, strcmp) && equal(CURLUPART_USER, strcmp) &&
+           equal(CURLUPART_PASSWORD, strcmp);
 }
 
 } // namespace qm::http

@@ -15,8 +15,8 @@ inline std::string clusterUrl(const char *address, const char *port)
 // Whether a segment of the path leads elsewhere: "." and "..", also percent-encoded.
 bool hasDotSegment(const std::string &path);
 
-// Whether requests to both go to the same scheme, host and port, as libcurl reads them, with the same credentials
-// in the URL. A URL without a scheme means http. False when one cannot be read.
+// Whether requests to both go to the same scheme, host and port, as libcurl reads them, with the same
+// credentials in the URL. A URL without a scheme means http. False when one cannot be read.
 bool isSamePlace(const std::string &url, const std::string &other);
 
 } // namespace qm::http

@@ -1,5 +1,5 @@
-// Whether a restriction clause pins a column to constant values, for other code in the server's process. Needs
-// postgres.h, access/tupdesc.h, nodes/execnodes.h and nodes/primnodes.h, as C, before it.
+// Whether a restriction clause pins a column to constant values, for other code in the server's process.
+// Needs postgres.h, access/tupdesc.h, nodes/execnodes.h and nodes/primnodes.h, as C, before it.
 #pragma once
 
 #include "elasticsearch/veltraneExport.h"
@@ -25,9 +25,9 @@ struct AnalyseCtx {
 };
 
 // [server side] Each returns whether the clause restricts the column to constant values (column op constant,
-// parameter, IN list or ANY array, or an OR of such clauses) and, where the context says so, extracts the value,
-// which is set to 0 or false first. Raise "inconsistant OR clause" (HV000) for an OR that mixes such clauses with
-// others, and "fail to extract clause of type %i for %s" for a value that is no constant.
+// parameter, IN list or ANY array, or an OR of such clauses) and, where the context says so, extracts the
+// value, which is set to 0 or false first. Raise "inconsistant OR clause" (HV000) for an OR that mixes such
+// clauses with others, and "fail to extract clause of type %i for %s" for a value that is no constant.
 VELTRANE_EXPORT bool analyseExprInt(Expr *clause, int &value, AnalyseCtx &ctx, const char *columnName);
 VELTRANE_EXPORT bool analyseExprBool(Expr *clause, bool &value, AnalyseCtx &ctx, const char *columnName);
 

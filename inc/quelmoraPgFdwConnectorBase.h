@@ -33,8 +33,8 @@ void parseVarName(Expr *expression, tupleDesc *descriptor, ColumnNameCallback ca
 void iterateOverRequestedColumns(unsigned int relationId, ForeignScanState *node, ColumnNameCallback callback,
                                  void *userData);
 
-// The analysis of quelmoraPgFdwClauseAnalysis.h for strings, of text and text[] values; the list is emptied first.
-// The errors are thrown, as FdwError.
+// The analysis of quelmoraPgFdwClauseAnalysis.h for strings, of text and text[] values; the list is emptied
+// first. The errors are thrown, as FdwError.
 bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, AnalyseCtx &ctx,
                             const char *columnName);
 

@@ -76,9 +76,9 @@ struct ElasticSearchConnector {
     server::DeflateStream deflateStream;
 };
 
-// Packs what the planner knows into the 16 bytes of `description`: the row limit, one flag for each column that the
-// target list references, two zero bytes. Moves the clauses that the connector carries out from `clauses` to
-// `fdwExprs`.
+// Packs what the planner knows into the 16 bytes of `description`: the row limit, one flag for each column
+// that the target list references, two zero bytes. Moves the clauses that the connector carries out from
+// `clauses` to `fdwExprs`.
 void CreateConnectorStep1(List **clauses, PathTarget *target, unsigned int foreignTableId,
                           std::vector<char> &description, List *&fdwExprs, PlannerInfo *root);
 

@@ -10,9 +10,10 @@
 namespace qm::pgFdw
 {
 
-// Collects the hits of one response into one list per wanted column; entry i of every filled list belongs to hit i.
-// Each value is copied once, to where the rows will take it from. The values are as the reader hands them over: the
-// id decoded, all else raw JSON, all in UTF-8. Reading throws std::bad_alloc, and raises nothing.
+// Collects the hits of one response into one list per wanted column; entry i of every filled list belongs to
+// hit i. Each value is copied once, to where the rows will take it from. The values are as the reader hands
+// them over: the id decoded, all else raw JSON, all in UTF-8. Reading throws std::bad_alloc, and raises
+// nothing.
 class SearchResultParser : public zq::elasticsearch::SearchResultParserInterface
 {
 public:
@@ -26,11 +27,11 @@ public:
     void onNewDocument(const std::string &docId, const std::string &content, const std::string &score,
                        const std::string &highlight, const std::string &docType) override;
 
-    const std::vector<Datum> &getDocIdList() const { return hits.listOf(search::DocId); }           // text
-    const std::vector<Datum> &getDocContentList() const { return hits.listOf(search::Content); }    // text
-    const std::vector<Datum> &getScoreList() const { return hits.listOf(search::HitScore); }        // C strings
-    const std::vector<Datum> &getDocTypeList() const { return hits.listOf(search::DocumentType); }  // text
-    const std::vector<Datum> &getHighlightList() const { return hits.listOf(search::Highlight); }   // text
+    const std::vector<Datum> &getDocIdList() const { return hits.listOf(search::DocId); }        // text
+    const std::vector<Datum> &getDocContentList() const { return hits.listOf(search::Content); } // text
+    const std::vector<Datum> &getScoreList() const { return hits.listOf(search::HitScore); }     // C strings
+    const std::vector<Datum> &getDocTypeList() const { return hits.listOf(search::DocumentType); } // text
+    const std::vector<Datum> &getHighlightList() const { return hits.listOf(search::Highlight); }  // text
 
     // The bytes that the hits so far and the one being read take, with what each costs beside its texts.
     size_t heldBytes() const { return hits.heldBytes() + pendingBytes(); }

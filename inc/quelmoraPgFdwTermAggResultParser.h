@@ -1,4 +1,5 @@
-// The collector of terms aggregations, for other code in the server's process. Needs postgres.h, as C, before it.
+// The collector of terms aggregations, for other code in the server's process. Needs postgres.h, as C, before
+// it.
 #pragma once
 
 #include "elasticsearch/termAggResultParserInterface.h"
@@ -6,13 +7,14 @@
 namespace qm::pgFdw
 {
 
-// Stores the terms aggregations of one response into two arrays of the caller's, which must live as long as the
-// collector. An aggregation goes to the slot that its name tells as a decimal number, counted from 1; a later
-// one of the same number replaces it.
+// Stores the terms aggregations of one response into two arrays of the caller's, which must live as long as
+// the collector. An aggregation goes to the slot that its name tells as a decimal number, counted from 1; a
+// later one of the same number replaces it.
 //
-// addData is [server side]: it raises the server's ERROR "Parsing error" (HV00B) for a name that tells no slot, and
-// whatever the server raises for want of memory. The jump runs no destructor: call it in a PG_TRY block whose
-// handler destroys the collector, with nothing else on the stack that has one. No C++ exception leaves it.
+// addData is [server side]: it raises the server's ERROR "Parsing error" (HV00B) for a name that tells no
+// slot, and whatever the server raises for want of memory. The jump runs no destructor: call it in a PG_TRY
+// block whose handler destroys the collector, with nothing else on the stack that has one. No C++ exception
+// leaves it.
 class VELTRANE_EXPORT TermAggResultParser : public zq::elasticsearch::TermAggResultParserInterface
 {
 public:

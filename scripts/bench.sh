@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures, on a bare Debian 12, how fast answers are read against well-known JSON parsers, and what whole queries
+# Measures, on a bare Debian 12, how fast responses are read against well-known JSON parsers, and what whole queries
 # take against the floor that their work must cost. Prints the ratios and their targets.
 #
 #   scripts/bench.sh               everything; writes docs/measurements.md and .svg

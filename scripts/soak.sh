@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Eight backends search, look up, scroll, rescan and fail on a private cluster, and the search server dies under
-# them twice. Checks every answer, and at the end memory, connections and scroll contexts; prints a summary.
+# them twice. Checks every result, and at the end memory, connections and scroll contexts; prints a summary.
 #
 #   scripts/soak.sh [MINUTES]     10 by default
 #

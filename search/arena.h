@@ -8,8 +8,9 @@
 namespace qm::search
 {
 
-// Hands out memory from large blocks and keeps the blocks for the next page: a page of the same size then touches
-// no memory that is new to the process. On the C++ heap, so that it may be filled inside a callback of libcurl.
+// Hands out memory from large blocks and keeps the blocks for the next page: a page of the same size then
+// touches no memory that is new to the process. On the C++ heap, so that it may be filled inside a callback
+// of libcurl.
 class Arena
 {
 public:

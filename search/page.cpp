@@ -71,9 +71,8 @@ void convertEach(std::vector<Datum> &list, Datum (*make)(Datum))
 } // namespace
 
 Page::Page(MemoryContext parent)
-    : converted(callServer([&] {
-          return AllocSetContextCreate(parent, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES);
-      }))
+    : converted(callServer(
+          [&] { return AllocSetContextCreate(parent, "Elasticsearch page", ALLOCSET_DEFAULT_SIZES); }))
 {
 }
 
@@ -92,8 +91,8 @@ void Page::accept(Hits &&read)
     count = hits.listOf(DocId).size();
 }
 
-// Ids and types become texts in the database's encoding, scores numbers; sources and highlights stay the bytes that
-// they are.
+// Ids and types become texts in the database's encoding, scores numbers; sources and highlights stay the
+// bytes that they are.
 void Page::convert()
 {
     refuseNulCharacters(hits.listOf(DocId), "document id");

@@ -14,8 +14,8 @@ namespace qm::search
 // What is kept of a hit.
 enum Field { DocId, Content, HitScore, DocumentType, Highlight, FieldCount };
 
-// The hits of one response: a list for each field that was asked for, of which entry i belongs to hit i. Filled on
-// the C++ side while the response arrives, without the server's help.
+// The hits of one response: a list for each field that was asked for, of which entry i belongs to hit i.
+// Filled on the C++ side while the response arrives, without the server's help.
 class Hits
 {
 public:

@@ -17,13 +17,13 @@ constexpr Value Null = {0, true};
 // What a column takes of a JSON text.
 enum class Container { Bytes, Text, Json };
 
-// [server side] A float4 made of the text of a score, a C string in UTF-8. Raises 22P02 for one that is no number,
-// and quotes it.
+// [server side] A float4 made of the text of a score, a C string in UTF-8. Raises 22P02 for one that is no
+// number, and quotes it.
 Datum scoreOf(Datum text);
 
-// [server side] The value of a JSON text (a text datum in UTF-8) at a compression level, in the current memory
-// context; as it is at RawLevel. NULL for an empty one, and when zlib fails. Raises the server's errors for what
-// the container cannot hold: a compressed value is no text, and only JSON is json.
+// [server side] The value of a JSON text (a text datum in UTF-8) at a compression level, in the current
+// memory context; as it is at RawLevel. NULL for an empty one, and when zlib fails. Raises the server's
+// errors for what the container cannot hold: a compressed value is no text, and only JSON is json.
 Value contentValue(Datum json, int level, Container container, server::DeflateStream &stream);
 
 } // namespace qm::search

@@ -39,8 +39,8 @@ struct DeflateStream {
 // and stores it in `destination`; the payload is not initialised. Raises 53200 when there is no memory.
 void allocateBytes(Size payloadSize, varlena *&destination);
 
-// [server side] Builds a bytea in the current memory context. Levels -1 to 9: a header and a zlib stream; any other
-// level: the bytes as they are; no bytes: an empty bytea. `out` is null when zlib fails.
+// [server side] Builds a bytea in the current memory context. Levels -1 to 9: a header and a zlib stream; any
+// other level: the bytes as they are; no bytes: an empty bytea. `out` is null when zlib fails.
 void compressBytes(const char *data, unsigned int length, varlena *&out, int level, DeflateStream &stream);
 
 // [server side] Frees what the stream holds; it is as new then.

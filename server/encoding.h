@@ -7,13 +7,13 @@ namespace qm::server
 {
 
 // [server side] The text in UTF-8: the same pointer where nothing needs conversion, else a copy in the
-// current memory context. Raises 22021 or 22P05 for text that is not valid or has no equivalent; a database in
-// SQL_ASCII or UTF8 hands over the bytes that it has.
+// current memory context. Raises 22021 or 22P05 for text that is not valid or has no equivalent; a database
+// in SQL_ASCII or UTF8 hands over the bytes that it has.
 const char *serverToUtf8(const char *string);
 
-// [server side] What comes from the search cluster as the text of a message: in the database's encoding, with "?"
-// for whatever is not valid or has no equivalent. The same pointer where it is plain ASCII, else a copy in the
-// current memory context.
+// [server side] What comes from the search cluster as the text of a message: in the database's encoding, with
+// "?" for whatever is not valid or has no equivalent. The same pointer where it is plain ASCII, else a copy
+// in the current memory context.
 const char *utf8ToMessage(const char *text);
 
 // [server side] A text datum of UTF-8 bytes in the database's encoding: the same datum where nothing needs

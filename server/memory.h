@@ -19,8 +19,8 @@ inline void *allocateOrThrow(MemoryContext context, Size size)
     return memory;
 }
 
-// Puts a copy of `text`, in the current memory context, in the place of `string` (may be null), which is freed.
-// Throws ServerError.
+// Puts a copy of `text`, in the current memory context, in the place of `string` (may be null), which is
+// freed. Throws ServerError.
 inline void replaceString(char *&string, const char *text)
 {
     callServer([&] {

@@ -251,13 +251,15 @@ bool analyseExprStringArray(Expr *clause, std::list<std::string> &values, Analys
 bool analyseExprInt(Expr *clause, int &value, AnalyseCtx &ctx, const char *columnName)
 {
     value = 0;
-    return server::guardEntry([&] { return analyseExprRecurse<analyseOpExprIntFunctor>(clause, value, ctx, columnName); });
+    return server::guardEntry(
+        [&] { return analyseExprRecurse<analyseOpExprIntFunctor>(clause, value, ctx, columnName); });
 }
 
 bool analyseExprBool(Expr *clause, bool &value, AnalyseCtx &ctx, const char *columnName)
 {
     value = false;
-    return server::guardEntry([&] { return analyseExprRecurse<analyseOpExprBoolFunctor>(clause, value, ctx, columnName); });
+    return server::guardEntry(
+        [&] { return analyseExprRecurse<analyseOpExprBoolFunctor>(clause, value, ctx, columnName); });
 }
 
 } // namespace qm::pgFdw

@@ -101,9 +101,9 @@ void readColumnShapes(tupleDesc *descriptor, const bool (&requested)[ColumnCount
         int32 modifier = attribute->atttypmod;
         const Oid type = callServer([&] { return getBaseTypeAndTypmod(attribute->atttypid, &modifier); });
         // Nothing makes the values as short as the type says, or checks what a domain demands.
-        const bool demandsMore =
-            modifier >= 0 || (type != attribute->atttypid &&
-                              callServer([&] { return DomainHasConstraints(attribute->atttypid); }));
+        const bool demandsMore = modifier >= 0 || (type != attribute->atttypid && callServer([&] {
+                                                       return DomainHasConstraints(attribute->atttypid);
+                                                   }));
         if (demandsMore || !fits(column, type))
             throw FdwError(ERRCODE_FDW_ERROR, std::string("column \"") + NameStr(attribute->attname) +
                                                   "\" at position " + std::to_string(column + 1) +

@@ -23,8 +23,8 @@ struct ColumnShape {
     search::Container container;
 };
 
-// The shapes of the first six columns, of those that are requested and of the first one. Throws FdwError for a column
-// that could not hold the value of its position as it is.
+// The shapes of the first six columns, of those that are requested and of the first one. Throws FdwError for
+// a column that could not hold the value of its position as it is.
 void readColumnShapes(tupleDesc *descriptor, const bool (&requested)[ColumnCount],
                       ColumnShape (&shapes)[ColumnCount]);
 

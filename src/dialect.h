@@ -11,7 +11,8 @@ struct Dialect {
     int32 since;
     const char *searchPath;  // of standard mode, behind the indices
     bool scrollIdInBody;     // of the requests of a scroll; else in their URL
-    bool countsOnDemandOnly; // a search counts no further than 10,000 hits unless it is asked to; a scroll counts all
+    bool countsOnDemandOnly; // a search counts no further than 10,000 hits unless it is asked to; a scroll
+                             // counts all
 };
 
 // The dialect of a major version; 0 where it is not told.

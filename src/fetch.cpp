@@ -26,7 +26,7 @@ std::string urlOf(const ElasticSearchConnector *connector)
 
 std::string describePartialResponse(const SearchResponseStatus &status)
 {
-    const long unanswered = status.totalShards - status.successfulShards - status.failedShards;
+    const long silent = status.totalShards - status.successfulShards - status.failedShards;
     const auto ofAll = [&](long shards) {
         return std::to_string(shards) + " of " + std::to_string(status.totalShards) + " shards ";
     };
@@ -35,8 +35,8 @@ std::string describePartialResponse(const SearchResponseStatus &status)
         text += "timed out, ";
     if (status.failedShards > 0)
         text += ofAll(status.failedShards) + "failed, ";
-    if (unanswered > 0)
-        text += ofAll(unanswered) + "without an answer, ";
+    if (silent > 0)
+        text += ofAll(silent) + "without an answer, ";
     text.resize(text.size() - std::strlen(", "));
     return text;
 }
@@ -60,7 +60,8 @@ std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, con
     const bool *fill = connector->fillColumns;
     auto parser = std::make_unique<SearchResultParser>(connector->batchSize, fill[DocContent], fill[Score],
                                                        fill[DocType], fill[Highlights]);
-    // No row is left in the page at this time. A look-up of many batches of which no id exists must not pile up.
+    // No row is left in the page at this time. A look-up of many batches of which no id exists must not pile
+    // up.
     parser->collectIn(connector->page->reset());
     DoCurlRequest(connector, url, body, parser.get(), false);
     if (parser->getStatus().isPartial())
@@ -68,7 +69,8 @@ std::unique_ptr<SearchResultParser> fetch(ElasticSearchConnector *connector, con
     return parser;
 }
 
-// The number of hits, more than any other where the response only tells that there may be more than it counted.
+// The number of hits, more than any other where the response only tells that there may be more than it
+// counted.
 int64 totalOf(const SearchResultParser &parser)
 {
     return parser.isTotalLowerBound() ? PG_INT64_MAX : parser.getTotalHits();

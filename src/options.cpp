@@ -228,8 +228,8 @@ constexpr struct {
      }},
     {"esversion", Catalog::Table, nullptr,
      [](Record &record, const Option &option) {
-         record.dialect = &dialectOf(
-             positiveNumber(option, "a whole number, the major version of the search servers"));
+         record.dialect =
+             &dialectOf(positiveNumber(option, "a whole number, the major version of the search servers"));
      }},
     {"partialresults", Catalog::Table, "warning",
      [](Record &record, const Option &option) { record.partialResults = partialResultsOf(option); }},
@@ -280,12 +280,12 @@ void settlePlace(ElasticSearchConnector *connector)
         throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
 
     const bool hasCredentials = connector->connection.userName || connector->connection.authorization;
-    if (hasCredentials &&
-        !(serverAddress && serverPort &&
-          http::isSamePlace(http::clusterUrl(connector->address, connector->port),
-                            http::clusterUrl(serverAddress, serverPort))))
-        throw FdwError(ERRCODE_FDW_ERROR, "the credentials of the user mapping are only sent where the options "
-                                          "'address' and 'port' of the foreign server say");
+    if (hasCredentials && !(serverAddress && serverPort &&
+                            http::isSamePlace(http::clusterUrl(connector->address, connector->port),
+                                              http::clusterUrl(serverAddress, serverPort))))
+        throw FdwError(ERRCODE_FDW_ERROR,
+                       "the credentials of the user mapping are only sent where the options "
+                       "'address' and 'port' of the foreign server say");
 }
 
 } // namespace

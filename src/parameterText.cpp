@@ -31,10 +31,9 @@ Param splitParam(const std::string &text)
     if (equals == std::string::npos)
         return {ParamName::Malformed, nullptr};
     const char *const value = text.c_str() + equals + 1;
-    for (const auto &known : paramNames) {
+    for (const auto &known : paramNames)
         if (text.compare(0, equals, known.text) == 0)
             return {known.name, value};
-    }
     return {ParamName::Unknown, value};
 }
 

@@ -66,10 +66,12 @@ void parseVarName(Expr *expression, tupleDesc *descriptor, ColumnNameCallback ca
 void iterateOverRequestedColumns(unsigned int relationId, ForeignScanState *node, ColumnNameCallback callback,
                                  void *userData)
 {
-    server::withTupleDesc(relationId, [&](tupleDesc *descriptor) {
-        iterateOverPlan(relationId, callback, userData, node->ss.ps.state->es_plannedstmt->planTree,
-                        descriptor);
-    });
+    server::withTupleDesc(
+        relationId,
+        [&](tupleDesc *descriptor) {
+            iterateOverPlan(relationId, callback, userData, node->ss.ps.state->es_plannedstmt->planTree,
+                            descriptor);
+        });
 }
 
 void CompressData(const char *data, unsigned int length, varlena *&out, int level)

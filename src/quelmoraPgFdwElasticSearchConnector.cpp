@@ -66,10 +66,9 @@ void appendDocNames(ElasticSearchConnector *connector, const std::list<std::stri
                             static_cast<int64>(docNames.size()) <= requestSize(connector);
     std::unordered_set<std::string_view> seen;
     std::vector<const char *> names;
-    for (const std::string &name : docNames) {
+    for (const std::string &name : docNames)
         if (oneRequest || seen.insert(name).second)
             names.push_back(name.c_str());
-    }
     connector->docNames.count = static_cast<int64>(names.size());
     callServer([&] {
         connector->docNames.ids = static_cast<text **>(

@@ -6,11 +6,11 @@
 #include <cstring>
 #include <curl/curl.h>
 
-using qm::server::callServer;
 using qm::pgFdw::ConnectorTypes;
+using qm::pgFdwElaticSearch::ElasticSearchConnector;
+using qm::server::callServer;
 using qm::server::FdwError;
 using qm::server::guardEntry;
-using qm::pgFdwElaticSearch::ElasticSearchConnector;
 
 namespace
 {
@@ -31,12 +31,13 @@ void quelmoraPgFdwGetForeignPaths(PlannerInfo *root, RelOptInfo *baserel, Oid)
 {
     // Nothing of C++ is alive here: the server's errors may pass.
     if (!bms_is_empty(baserel->lateral_relids))
-        ereport(ERROR, (errcode(ERRCODE_FEATURE_NOT_SUPPORTED),
-                        errmsg("a scan of this foreign table cannot compute values of another table's columns"),
-                        errhint("Move the LATERAL references out of the subquery, into the select list or a "
-                                "join condition.")));
-    add_path(baserel, reinterpret_cast<Path *>(qm::server::createForeignScanPath(
-                          root, baserel, baserel->rows, StartupCost, TotalCost)));
+        ereport(ERROR,
+                (errcode(ERRCODE_FEATURE_NOT_SUPPORTED),
+                 errmsg("a scan of this foreign table cannot compute values of another table's columns"),
+                 errhint("Move the LATERAL references out of the subquery, into the select list or a "
+                         "join condition.")));
+    add_path(baserel, reinterpret_cast<Path *>(qm::server::createForeignScanPath(root, baserel, baserel->rows,
+                                                                                 StartupCost, TotalCost)));
 }
 
 // [server side] The plan's private data: a bytea of the connector type and the description.
@@ -50,14 +51,14 @@ Const *packPrivateData(int32 connectorType, const char *description, Size length
                      false, false);
 }
 
-// [server side] A target of the plain columns in the relation's own. That is what version 10 has there; from 11
-// on the planner puts the query's finished expressions into it.
+// [server side] A target of the plain columns in the relation's own. That is what version 10 has there; from
+// 11 on the planner puts the query's finished expressions into it.
 PathTarget *columnsOf(const PathTarget *target)
 {
     PathTarget *columns = create_empty_pathtarget();
-    columns->exprs = pull_var_clause(reinterpret_cast<Node *>(target->exprs),
-                                     PVC_RECURSE_AGGREGATES | PVC_RECURSE_WINDOWFUNCS |
-                                         PVC_RECURSE_PLACEHOLDERS);
+    columns->exprs =
+        pull_var_clause(reinterpret_cast<Node *>(target->exprs),
+                        PVC_RECURSE_AGGREGATES | PVC_RECURSE_WINDOWFUNCS | PVC_RECURSE_PLACEHOLDERS);
     return columns;
 }
 

@@ -15,10 +15,7 @@ namespace
 {
 
 // Reads a text without asking the server: ours are never toasted.
-std::string_view viewOf(const text *value)
-{
-    return {VARDATA_ANY(value), VARSIZE_ANY_EXHDR(value)};
-}
+std::string_view viewOf(const text *value) { return {VARDATA_ANY(value), VARSIZE_ANY_EXHDR(value)}; }
 
 void appendSourceMember(const ElasticSearchConnector *connector, std::string &body)
 {

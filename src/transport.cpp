@@ -18,8 +18,8 @@ namespace
 // of compression. It also ends responses that never end.
 constexpr size_t MostBytesOfAResponse = size_t{1023} << 20;
 
-// What a message quotes of a response: after a broken transfer the text at hand is the document that was being
-// read, which may be as large as one can be.
+// What a message quotes of a response: after a broken transfer the text at hand is the document that was
+// being read, which may be as large as one can be.
 constexpr size_t MostBytesOfAnErrorText = size_t{64} << 10;
 
 // Requests and responses are in UTF-8, messages in the database's encoding.

@@ -8,8 +8,8 @@
 namespace veltrane::bench
 {
 
-/// After how many documents a result of that kind begins again with document 0: some 40 MB of contents, far
-/// more than the processor's nearer caches hold. Pages must divide it.
+// After how many documents a result of that kind begins again with document 0: some 40 MB of contents, far
+// more than the processor's nearer caches hold. Pages must divide it.
 constexpr std::uint64_t documentsInCycle(DocumentKind kind)
 {
     switch (kind) {

@@ -1,4 +1,4 @@
-// What fetching costs: sends the requests of a scroll, as the module does, and throws the answers away.
+// What fetching costs: sends the requests of a scroll, as the module does, and throws the responses away.
 //
 //   fetchFloor [--reuse] PORT INDEX TOTAL SIZE        a scroll over TOTAL documents, SIZE a page
 //   fetchFloor [--reuse] --single PORT INDEX BODY N   the same search N times
@@ -22,7 +22,7 @@ std::string scrollIdIn(const std::string &head)
     const std::string member = R"("_scroll_id":")";
     const std::size_t start = head.find(member);
     if (start == std::string::npos)
-        throw std::runtime_error("an answer without a scroll id: " + head);
+        throw std::runtime_error("a response without a scroll id: " + head);
     const std::size_t id = start + member.size();
     return head.substr(id, head.find('"', id) - id);
 }

@@ -1,6 +1,6 @@
 """Measures whole queries beside the floor that their work must cost; prints a JSON object a line.
 
-The floor of a query is what its parts take at the least: a plain client that fetches the same answers, one
+The floor of a query is what its parts take at the least: a plain client that fetches the same responses, one
 zlib stream that compresses the same contents, and the server that returns the same rows from its memory. All
 of them run in turn, so that a ratio is one of times side by side.
 """

@@ -1,7 +1,7 @@
-// A search server that is never the bottleneck: it answers searches and scrolls with bytes at hand.
+// A search server that is never the bottleneck: it responds to searches and scrolls with bytes at hand.
 //
 // It listens on a free port of 127.0.0.1, prints it, and ends when its standard input, a pipe, is closed.
-#include "answers.h"
+#include "responses.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -74,21 +74,21 @@ Response respond(const char *status, const std::string &start, std::string_view 
     return response;
 }
 
-Response scrollPage(Answers &answers, const ScrollPosition &position)
+Response scrollPage(Responses &responses, const ScrollPosition &position)
 {
-    const Page page = answers.page(position);
+    const Page page = responses.page(position);
     const ScrollPosition next{position.search, position.offset + position.search.size};
     return respond("200 OK", std::string(page.beforeId) + idOf(next), page.afterId);
 }
 
-Response answerTo(const Request &request, Answers &answers)
+Response respondTo(const Request &request, Responses &responses)
 {
     if (request.target.rfind("/_search/scroll", 0) == 0) {
         if (request.method == "DELETE")
             return respond("200 OK", R"({"succeeded":true,"num_freed":1})", {});
         const std::string_view inTarget = between(request.target, "scroll_id=", '&');
         return scrollPage(
-            answers,
+            responses,
             positionOf(inTarget.empty() ? between(request.body, R"("scroll_id":")", '"') : inTarget));
     }
     const std::string_view index = between(request.target, "/", '/');
@@ -96,10 +96,10 @@ Response answerTo(const Request &request, Answers &answers)
         throw std::invalid_argument("nothing but searches");
     Search search = searchOf(index, sizeIn(request.body));
     if (request.target.find("?scroll=") != std::string_view::npos)
-        return scrollPage(answers, {search, 0});
+        return scrollPage(responses, {search, 0});
     if (isLookUp(request.body))
         search.total = 1;
-    return respond("200 OK", "", answers.only(search));
+    return respond("200 OK", "", responses.only(search));
 }
 
 class Connection
@@ -117,23 +117,23 @@ public:
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
-    /// Reads or writes what can be now; returns whether the connection lives on.
-    bool serve(Answers &answers) { return pending() ? sendOn() : receive(answers); }
+    // Reads or writes what can be now; returns whether the connection lives on.
+    bool serve(Responses &responses) { return pending() ? sendOn() : receive(responses); }
     bool pending() const { return response.sent < response.head.size() + response.rest.size(); }
 
 private:
-    bool receive(Answers &answers)
+    bool receive(Responses &responses)
     {
         char buffer[16384];
         const ssize_t count = recv(socket, buffer, sizeof buffer, 0);
         if (count < 0)
             return errno == EAGAIN || errno == EINTR;
         input.append(buffer, static_cast<std::size_t>(count));
-        return count > 0 && answerWhole(answers);
+        return count > 0 && respondIfWhole(responses);
     }
 
-    // Answers the request if all of it has arrived.
-    bool answerWhole(Answers &answers)
+    // Responds to the request if all of it has arrived.
+    bool respondIfWhole(Responses &responses)
     {
         const std::string_view end = "\r\n\r\n";
         const std::size_t headSize = input.find(end);
@@ -148,7 +148,7 @@ private:
         const Request request{whole.substr(0, methodEnd), between(whole, " ", ' '),
                               whole.substr(headSize + end.size(), length)};
         try {
-            response = answerTo(request, answers);
+            response = respondTo(request, responses);
         } catch (const std::logic_error &error) {
             response = respond("400 Bad Request", std::string(R"({"error":")") + error.what() + "\"}", {});
         }
@@ -253,7 +253,7 @@ private:
     {
         const auto found = connections.find(socket);
         const bool waitedForRoom = found->second->pending();
-        if (!found->second->serve(answers)) {
+        if (!found->second->serve(responses)) {
             connections.erase(found);
             return;
         }
@@ -264,7 +264,7 @@ private:
 
     const int epoll;
     const int listener;
-    Answers answers;
+    Responses responses;
     std::unordered_map<int, std::unique_ptr<Connection>> connections;
 };
 

@@ -11,7 +11,7 @@ namespace veltrane::bench
 class Stopwatch
 {
 public:
-    /// Since it was made.
+    // Since it was made.
     double seconds() const { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 private:
@@ -19,7 +19,7 @@ private:
     const Clock::time_point start = Clock::now();
 };
 
-/// `values` must not be empty.
+// `values` must not be empty.
 inline double median(std::vector<double> values)
 {
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);

@@ -11,38 +11,38 @@
 namespace veltrane::bench
 {
 
-/// One complete answer.
+// One complete response.
 struct Page {
     DocumentKind kind;
-    std::string text;         ///< its capacity leaves `padding` bytes behind the text
-    std::size_t hits;         ///< how many the text holds
-    std::size_t contentBytes; ///< of all their `_source` objects together
+    std::string text;         // its capacity leaves `Padding` bytes behind the text
+    std::size_t hits;         // how many the text holds
+    std::size_t contentBytes; // of all their `_source` objects together
 
-    static constexpr std::size_t padding = 64; ///< that much simdjson may read behind the text
+    static constexpr std::size_t Padding = 64; // that much simdjson may read behind the text
 
     Page(DocumentKind kind, std::size_t hits);
-    /// Throws std::runtime_error unless that is what the page holds.
+    // Throws std::runtime_error unless that is what the page holds.
     void expect(const std::string &reader, std::size_t foundHits, std::size_t foundBytes) const;
 };
 
-/// One way of reading a page.
+// One way of reading a page.
 struct Contestant {
     std::string name;
-    std::size_t chunk; ///< the bytes given at a time; 0 where the page is given in one piece
-    /// Throws std::runtime_error when the page cannot be read, or when it is seen that hits were not found.
+    std::size_t chunk; // the bytes given at a time; 0 where the page is given in one piece
+    // Throws std::runtime_error when the page cannot be read, or when it is seen that hits were not found.
     std::function<void(const Page &)> read;
 };
 
-/// The module's reader, with each way of scanning that this processor can run, and the plain reader that
-/// judges it in the unit tests.
+// The module's reader, with each way of scanning that this processor can run, and the plain reader that
+// judges it in the unit tests.
 std::vector<Contestant> streamingReaders();
-/// RapidJSON's event parser as it comes. It reads from memory, and its handler does nothing.
+// RapidJSON's event parser as it comes. It reads from memory, and its handler does nothing.
 std::vector<Contestant> rapidJsonReaders();
-/// The same compiled for the SSE2 instructions, which RapidJSON leaves to its user; none without SSE2.
+// The same compiled for the SSE2 instructions, which RapidJSON leaves to its user; none without SSE2.
 std::vector<Contestant> rapidJsonSse2Readers();
-/// simdjson: the whole tree, and its On-Demand walk from hit to hit.
+// simdjson: the whole tree, and its On-Demand walk from hit to hit.
 std::vector<Contestant> simdjsonReaders();
-/// The version of simdjson and the instruction set that it has chosen on this processor.
+// The version of simdjson and the instruction set that it has chosen on this processor.
 std::string describeSimdjson();
 
 } // namespace veltrane::bench

@@ -22,9 +22,8 @@ Contestant rapidJsonSax(const std::string &name)
                 json::StringStream stream(page.text.c_str());
                 json::BaseReaderHandler<> handler;
                 const json::ParseResult result = reader.Parse(stream, handler);
-                if (result.IsError()) {
+                if (result.IsError())
                     throw std::runtime_error(name + ": " + json::GetParseError_En(result.Code()));
-                }
             }};
 }
 

@@ -1,5 +1,5 @@
-// Measures how fast search answers are read. Every contestant reads the same pages; prints one JSON object a
-// line, with the median speed in millions of bytes a second and the speed of each round.
+// Measures how fast search responses are read. Every contestant reads the same pages; prints one JSON object
+// a line, with the median speed in millions of bytes a second and the speed of each round.
 //
 //   readerBench [ROUNDS]     21 by default
 //
@@ -20,12 +20,11 @@ namespace veltrane::bench
 {
 
 Page::Page(DocumentKind pageKind, std::size_t count)
-    : kind(pageKind), text(makeAnswer(pageKind, 0, count, count, "c2Nyb2xs")), hits(count), contentBytes(0)
+    : kind(pageKind), text(makeResponse(pageKind, 0, count, count, "c2Nyb2xs")), hits(count), contentBytes(0)
 {
-    text.reserve(text.size() + padding);
-    for (std::size_t number = 0; number < hits; ++number) {
+    text.reserve(text.size() + Padding);
+    for (std::size_t number = 0; number < hits; ++number)
         contentBytes += makeSource(kind, number).size();
-    }
 }
 
 void Page::expect(const std::string &reader, std::size_t foundHits, std::size_t foundBytes) const
@@ -40,8 +39,8 @@ void Page::expect(const std::string &reader, std::size_t foundHits, std::size_t 
 namespace
 {
 
-/// The microseconds that this process has been computing. Waiting for a processor that others use is no part
-/// of it, and no contestant does anything but compute.
+// The microseconds that this process has been computing. Waiting for a processor that others use is no part
+// of it, and no contestant does anything but compute.
 double processorTime()
 {
     timespec time{};
@@ -49,17 +48,17 @@ double processorTime()
     return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
-/// Millions of bytes a second, measured over at least 30 ms.
+// Millions of bytes a second, measured over at least 30 ms.
 double measureSpeed(const Contestant &contestant, const Page &page)
 {
-    constexpr double atLeast = 30'000;
+    constexpr double AtLeast = 30'000;
     const double begin = processorTime();
     double elapsed = 0, bytes = 0;
     do {
         contestant.read(page);
         bytes += static_cast<double>(page.text.size());
         elapsed = processorTime() - begin;
-    } while (elapsed < atLeast);
+    } while (elapsed < AtLeast);
     return bytes / elapsed;
 }
 
@@ -69,17 +68,15 @@ void print(const Contestant &contestant, const Page &page, const std::vector<dou
     std::sort(sorted.begin(), sorted.end());
     std::printf(R"({"measure":"reader","kind":"%s","contestant":"%s","chunk":%zu,"MBps":%.1f,"rounds":[)",
                 nameOf(page.kind), contestant.name.c_str(), contestant.chunk, sorted[sorted.size() / 2]);
-    for (std::size_t round = 0; round < speeds.size(); ++round) {
+    for (std::size_t round = 0; round < speeds.size(); ++round)
         std::printf("%s%.1f", round == 0 ? "" : ",", speeds[round]);
-    }
     std::puts("]}");
 }
 
 void measure(const std::vector<Contestant> &contestants, const Page &page, std::size_t rounds)
 {
-    for (const Contestant &contestant : contestants) {
+    for (const Contestant &contestant : contestants)
         contestant.read(page); // checks it, and warms it up
-    }
     std::vector<std::vector<double>> speeds(contestants.size());
     for (std::size_t round = 0; round < rounds; ++round) {
         for (std::size_t turn = 0; turn < contestants.size(); ++turn) {
@@ -87,17 +84,15 @@ void measure(const std::vector<Contestant> &contestants, const Page &page, std::
             speeds[which].push_back(measureSpeed(contestants[which], page));
         }
     }
-    for (std::size_t which = 0; which < contestants.size(); ++which) {
+    for (std::size_t which = 0; which < contestants.size(); ++which)
         print(contestants[which], page, speeds[which]);
-    }
 }
 
 void measureAll(std::size_t rounds)
 {
     std::vector<Contestant> contestants = streamingReaders();
-    for (const auto &others : {simdjsonReaders(), rapidJsonReaders(), rapidJsonSse2Readers()}) {
+    for (const auto &others : {simdjsonReaders(), rapidJsonReaders(), rapidJsonSse2Readers()})
         contestants.insert(contestants.end(), others.begin(), others.end());
-    }
     std::printf(R"({"measure":"versions","compiler":"%s","simdjson":"%s","RapidJSON":"%s"})"
                 "\n",
                 __VERSION__, describeSimdjson().c_str(), RAPIDJSON_VERSION_STRING);
@@ -116,9 +111,8 @@ int main(int count, char **arguments)
 {
     try {
         const int rounds = count > 1 ? std::atoi(arguments[1]) : 21;
-        if (rounds < 1) {
+        if (rounds < 1)
             throw std::invalid_argument(std::string("not a number of rounds: ") + arguments[1]);
-        }
         veltrane::bench::measureAll(static_cast<std::size_t>(rounds));
         return 0;
     } catch (const std::exception &error) {

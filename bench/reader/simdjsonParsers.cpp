@@ -1,4 +1,4 @@
-// simdjson, which wants the whole answer in memory and a few bytes behind it that it may read. Its parsers
+// simdjson, which wants the whole response in memory and a few bytes behind it that it may read. Its parsers
 // are kept from page to page, as its documentation advises.
 #include "contestants.h"
 
@@ -14,29 +14,28 @@ namespace veltrane::bench
 namespace
 {
 
-static_assert(Page::padding >= simdjson::SIMDJSON_PADDING);
+static_assert(Page::Padding >= simdjson::SIMDJSON_PADDING);
 
 Contestant wholeTree()
 {
     const auto parser = std::make_shared<simdjson::dom::parser>();
     return {"simdjson DOM", 0, [parser](const Page &page) {
                 const auto tree = parser->parse(page.text.data(), page.text.size(), false);
-                if (tree.error() != simdjson::SUCCESS) {
+                if (tree.error() != simdjson::SUCCESS)
                     throw std::runtime_error(std::string("simdjson DOM: ") +
                                              simdjson::error_message(tree.error()));
-                }
             }};
 }
 
-/// Takes of each hit what the module's reader takes. Throws simdjson::simdjson_error.
+// Takes of each hit what the module's reader takes. Throws simdjson::simdjson_error.
 void walkHits(const std::string &name, simdjson::ondemand::parser &parser, const Page &page)
 {
     namespace ondemand = simdjson::ondemand;
-    ondemand::document answer =
-        parser.iterate(page.text.data(), page.text.size(), page.text.size() + Page::padding);
+    ondemand::document response =
+        parser.iterate(page.text.data(), page.text.size(), page.text.size() + Page::Padding);
     std::size_t hits = 0, contentBytes = 0, idBytes = 0;
     double scores = 0;
-    for (ondemand::object hit : answer["hits"]["hits"].get_array()) {
+    for (ondemand::object hit : response["hits"]["hits"].get_array()) {
         idBytes += std::string_view(hit["_id"]).size();
         scores += double(hit["_score"]);
         ondemand::object source = hit["_source"];
@@ -44,9 +43,8 @@ void walkHits(const std::string &name, simdjson::ondemand::parser &parser, const
         ++hits;
     }
     page.expect(name, hits, contentBytes);
-    if (idBytes == 0 || scores == 0) {
+    if (idBytes == 0 || scores == 0)
         throw std::runtime_error(name + " found no ids or no scores");
-    }
 }
 
 Contestant onDemand()

@@ -16,7 +16,7 @@ namespace
 
 using namespace zq::elasticsearch;
 
-/// Counts what `Reader` finds, so that the figure is the reader's own.
+// Counts what `Reader` finds, so that the figure is the reader's own.
 template <class Reader>
 class Counter : public Reader
 {
@@ -40,21 +40,20 @@ void readInChunks(Counter<Reader> &reader, const std::string &name, std::size_t 
     const char *const end = page.text.data() + page.text.size();
     for (const char *at = page.text.data(); at != end;) {
         const std::size_t length = std::min(chunk, static_cast<std::size_t>(end - at));
-        if (!reader.addData(at, length)) {
+        if (!reader.addData(at, length))
             throw std::runtime_error(name + ": " + reader.getErrorMessage());
-        }
         at += length;
     }
     std::string message;
-    if (!reader.finish(&message)) {
+    if (!reader.finish(&message))
         throw std::runtime_error(name + ": " + message);
-    }
     page.expect(name, reader.hits, reader.contentBytes);
 }
 
 Contestant ours(const std::string &name, std::size_t chunk, const BlockScanner &scanner)
 {
-    return {name, chunk, [=](const Page &page) {
+    return {name, chunk,
+            [=](const Page &page) {
                 Counter<SearchResultParserInterface> reader(scanner);
                 readInChunks(reader, name, chunk, page);
             }};
@@ -64,20 +63,18 @@ Contestant ours(const std::string &name, std::size_t chunk, const BlockScanner &
 
 std::vector<Contestant> streamingReaders()
 {
-    constexpr std::size_t usualChunk = 16384, smallChunk = 1024;
+    constexpr std::size_t UsualChunk = 16384, SmallChunk = 1024;
     const std::string reference = "byte by byte";
     const BlockScanner &fastest = blockScanners().front();
-    std::vector<Contestant> readers = {ours("ours", usualChunk, fastest),
-                                       ours("ours", smallChunk, fastest),
-                                       {reference, usualChunk, [=](const Page &page) {
+    std::vector<Contestant> readers = {ours("ours", UsualChunk, fastest),
+                                       ours("ours", SmallChunk, fastest),
+                                       {reference, UsualChunk, [=](const Page &page) {
                                             Counter<ReferenceSearchReader> reader;
-                                            readInChunks(reader, reference, usualChunk, page);
+                                            readInChunks(reader, reference, UsualChunk, page);
                                         }}};
-    for (const BlockScanner &scanner : blockScanners()) {
-        if (&scanner != &fastest) {
-            readers.push_back(ours(std::string("ours, ") + scanner.name, usualChunk, scanner));
-        }
-    }
+    for (const BlockScanner &scanner : blockScanners())
+        if (&scanner != &fastest)
+            readers.push_back(ours(std::string("ours, ") + scanner.name, UsualChunk, scanner));
     return readers;
 }
 

@@ -2,7 +2,7 @@
 
 from . import jsontext, names
 from .errors import illegal_argument, invalid
-from .exchange import INDEX_OPTIONS, answer, endpoint
+from .exchange import INDEX_OPTIONS, response, endpoint
 
 BY_NAME = names.Wishes(False, True, ("open",), True)
 ANY = names.Wishes(False, True, ("open", "closed"), True)
@@ -26,14 +26,14 @@ def create_index(exchange, name):
     index = exchange.cluster.create(name, bare_mapping(exchange, body.get("mappings", {})), body.get("settings"))
     for alias in body.get("aliases", {}):
         exchange.cluster.add_alias(alias, index)
-    return answer({**DONE, "shards_acknowledged": True, "index": name})
+    return response({**DONE, "shards_acknowledged": True, "index": name})
 
 
 @endpoint(*INDEX_OPTIONS)
 def delete_index(exchange, expression):
     for index in exchange.select(expression, ANY):
         exchange.cluster.drop(index)
-    return answer(DONE)
+    return response(DONE)
 
 
 @endpoint(*INDEX_OPTIONS)
@@ -47,14 +47,14 @@ def close_index(exchange, expression):
     found = exchange.select(expression, BY_NAME)
     for index in found:
         index.closed = True
-    return answer({**DONE, "shards_acknowledged": True, "indices": {index.name: {"closed": True} for index in found}})
+    return response({**DONE, "shards_acknowledged": True, "indices": {index.name: {"closed": True} for index in found}})
 
 
 @endpoint(*INDEX_OPTIONS)
 def open_index(exchange, expression):
     for index in exchange.select(expression, ANY):
         index.closed = False
-    return answer({**DONE, "shards_acknowledged": True})
+    return response({**DONE, "shards_acknowledged": True})
 
 
 @endpoint("include_type_name", *INDEX_OPTIONS)
@@ -62,7 +62,7 @@ def mappings(exchange, expression="_all"):
     typed = exchange.dialect.typed_mappings if "include_type_name" not in exchange.parameters else (
         exchange.flag("include_type_name"))
     found = {index.name: index.mapping.as_json() for index in exchange.select(expression, BY_NAME)}
-    return answer({name: {"mappings": {"_doc": mapping} if typed and mapping else mapping}
+    return response({name: {"mappings": {"_doc": mapping} if typed and mapping else mapping}
                    for name, mapping in found.items()})
 
 
@@ -71,7 +71,7 @@ def put_mapping(exchange, expression, kind=None):
     given = bare_mapping(exchange, exchange.json())
     for index in exchange.select(expression, BY_NAME):
         index.mapping.merge(given)
-    return answer(DONE)
+    return response(DONE)
 
 
 def told_settings(index):
@@ -88,13 +88,13 @@ def told_settings(index):
 
 @endpoint("flat_settings", *INDEX_OPTIONS)
 def settings(exchange, expression="_all"):
-    return answer({index.name: told_settings(index) for index in exchange.select(expression, BY_NAME)})
+    return response({index.name: told_settings(index) for index in exchange.select(expression, BY_NAME)})
 
 
 @endpoint(*INDEX_OPTIONS)
 def whole_index(exchange, expression):
     cluster = exchange.cluster
-    return answer({index.name: {
+    return response({index.name: {
         "aliases": {alias: {} for alias in cluster.aliases_of(index)}, "mappings": index.mapping.as_json(),
         **told_settings(index)} for index in exchange.select(expression, BY_NAME)})
 
@@ -113,7 +113,7 @@ def change_aliases(exchange):
                     cluster.add_alias(alias, index)
                 else:
                     remove_alias(cluster, alias, index)
-    return answer(DONE)
+    return response(DONE)
 
 
 def remove_alias(cluster, alias, index):
@@ -129,14 +129,14 @@ def remove_alias(cluster, alias, index):
 def put_alias(exchange, expression, alias):
     for index in exchange.select(expression, ANY):
         exchange.cluster.add_alias(alias, index)
-    return answer(DONE)
+    return response(DONE)
 
 
 @endpoint()
 def delete_alias(exchange, expression, alias):
     for index in exchange.select(expression, ANY):
         remove_alias(exchange.cluster, alias, index)
-    return answer(DONE)
+    return response(DONE)
 
 
 @endpoint(*INDEX_OPTIONS)
@@ -148,7 +148,7 @@ def aliases(exchange, expression="_all", pattern=None):
         found = {name: told for name, told in found.items() if told["aliases"]}
         if not found and "*" not in pattern:
             return 404, jsontext.write({"error": f"alias [{pattern}] missing", "status": 404})
-    return answer(found)
+    return response(found)
 
 
 @endpoint()
@@ -159,7 +159,7 @@ def all_aliases_named(exchange, pattern):
 @endpoint("expand_wildcards")
 def streams(exchange, expression="*"):
     test = names.matcher(expression)
-    return answer({"data_streams": [
+    return response({"data_streams": [
         {"name": name, "timestamp_field": {"name": "@timestamp"}, "generation": len(members), "status": "GREEN",
          "indices": [{"index_name": member, "index_uuid": exchange.cluster.indices[member].uuid}
                      for member in members]}

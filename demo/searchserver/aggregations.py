@@ -23,7 +23,7 @@ class Run:
         return self.found[wanted, level]
 
     def add_buckets(self, count):
-        """Counts buckets; SearchError when an answer has too many of them."""
+        """Counts buckets; SearchError when a response has too many of them."""
         self.buckets += count
         limit = self.dialect.max_buckets
         if limit and self.buckets > limit:

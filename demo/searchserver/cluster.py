@@ -14,7 +14,7 @@ FORBIDDEN = re.compile(r'[\\/*?"<>| ,#:A-Z]|^[-_+]|^\.{1,2}$')
 class Cluster:
     """All there is; whoever reads or changes it holds `lock`.
 
-    `partial` is the Partial that befalls its answers, or None.
+    `partial` is the Partial that befalls its responses, or None.
     """
 
     def __init__(self, dialect):

@@ -27,10 +27,10 @@ class Dialect(NamedTuple):
     doc_value_queries: bool  # fields that are not indexed are searched by their doc values
     tells_long_keywords: bool  # hits name the keywords that were too long to be indexed in "_ignored"
     date_intervals: tuple  # the options that give a date_histogram its interval
-    max_buckets: Optional[int]  # the most buckets of an answer
-    too_many_buckets: int  # the status of an answer that has more
+    max_buckets: Optional[int]  # the most buckets of a response
+    too_many_buckets: int  # the status of a response that has more
     dated_streams: bool  # the indices behind a data stream have a date in their names
-    content_type: str  # of all answers
+    content_type: str  # of all responses
     product: Optional[str]  # the name in the header x-elastic-product
 
 

@@ -10,7 +10,7 @@ def caused(error):
 
 
 class SearchError(Exception):
-    """An answer other than 200; `body` is the JSON object to send with `status`."""
+    """A response other than 200; `body` is the JSON object to send with `status`."""
 
     def __init__(self, status, body):
         super().__init__(str(body))

@@ -1,4 +1,4 @@
-"""One request being answered: what its URL, headers and body say, and how its answer is put together."""
+"""One request being handled: what its URL, headers and body say, and how its response is put together."""
 
 import gzip
 import zlib
@@ -11,7 +11,7 @@ CONTENT_TYPES = ("application/json", "application/x-ndjson")
 
 
 class Exchange:
-    """One request being answered; handlers may add `headers` to the answer."""
+    """One request being handled; handlers may add `headers` to the response."""
 
     def __init__(self, cluster, request):
         self.cluster = cluster
@@ -22,7 +22,7 @@ class Exchange:
         self.given = {name.lower(): value for name, value in request.headers}
         self.body = request.body
         self.headers = []
-        self.hits = 0  # documents that the answer shows
+        self.hits = 0  # documents that the response shows
 
     def flag(self, name):
         return self.parameters.get(name) in ("", "true")
@@ -65,6 +65,6 @@ def endpoint(*parameters):
     return marked
 
 
-def answer(value, status=200):
-    """What a handler gives back: the status and the text of its answer."""
+def response(value, status=200):
+    """What a handler gives back: the status and the text of its response."""
     return status, jsontext.write(value)

@@ -11,12 +11,12 @@ from .partial import FAILURE
 Hit = namedtuple("Hit", "score shard document sort")
 
 # What a search found: all hits in their order, how many documents matched, the highest score or None, the shards that
-# answered, the Account, the aggregations as JSON or None, whether it ran out of time, the most hits of one shard.
+# responded, the Account, the aggregations as JSON or None, whether it ran out of time, the most hits of one shard.
 Outcome = namedtuple("Outcome", "hits count highest shards account aggregations timed_out longest")
 
 
 class Account:
-    """How the shards fared, as answers tell it."""
+    """How the shards fared, as responses tell it."""
 
     def __init__(self, total, successful=0, failed=0):
         self.total, self.successful, self.failed = total, successful, failed
@@ -29,7 +29,7 @@ class Account:
         self.failures.setdefault((shard.index, failure.kind, failure.reason), failure.entry(shard))
 
     def without(self, count):
-        """The account of a page that lacks the answers of so many shards."""
+        """The account of a page that lacks the responses of so many shards."""
         return Account(self.total, self.successful - count)
 
     def as_json(self):
@@ -38,11 +38,11 @@ class Account:
 
 
 def run(request, shards, partial, room):
-    """The Outcome of a search on shards; SearchError when none of them answers.
+    """The Outcome of a search on shards; SearchError when none of them responds.
 
     `partial` is a Partial or None, `room` how many scroll contexts may be opened, None for a search without any.
     """
-    account, answered = Account(len(shards)), []
+    account, responded = Account(len(shards)), []
     failing = partial.failing(shards) if partial else ()
     silent = partial.silent(shards) if partial else ()
     for shard in shards:
@@ -50,19 +50,19 @@ def run(request, shards, partial, room):
             if shard in failing:
                 raise FAILURE
             if shard not in silent:
-                answered.append((shard, *ask(request, shard, room is None or room > len(answered))))
+                responded.append((shard, *ask(request, shard, room is None or room > len(responded))))
         except ShardFailure as failure:
             account.fail(shard, failure)
-    if shards and not answered:
+    if shards and not responded:
         raise all_shards_failed(list(account.failures.values()), account.status)
     if account.failed and not request.allows_partial:
         raise all_shards_failed(list(account.failures.values()), 503, said="Partial shards failure")
-    account.successful = len(answered)
-    aggregations = request.aggregate([(shard.level(""), places) for shard, places, _ in answered])
-    counts, hits = [len(places) for _, places, _ in answered], [hit for _, _, found in answered for hit in found]
+    account.successful = len(responded)
+    aggregations = request.aggregate([(shard.level(""), places) for shard, places, _ in responded])
+    counts, hits = [len(places) for _, places, _ in responded], [hit for _, _, found in responded for hit in found]
     sorting.order(hits, request.sort)
     highest = highest_score(request, shards, hits)
-    return Outcome(request.choose(hits), sum(counts), highest, [shard for shard, _, _ in answered], account,
+    return Outcome(request.choose(hits), sum(counts), highest, [shard for shard, _, _ in responded], account,
                    aggregations, bool(partial and partial.timed_out), max(counts, default=0))
 
 

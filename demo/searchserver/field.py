@@ -53,7 +53,7 @@ class Field:
         return stored
 
     def show(self, stored):
-        """A stored value as answers show it where they tell the values of fields."""
+        """A stored value as responses show it where they tell the values of fields."""
         return stored
 
     def show_key(self, key):

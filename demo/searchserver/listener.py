@@ -33,7 +33,7 @@ class Handler(BaseHTTPRequestHandler):
         super().setup()
         self.connection_number = next(self.server.numbers)
 
-    def answer(self):
+    def respond(self):
         owner = self.server.owner
         target = self.requestline.split(" ")[1]  # self.path has leading slashes merged
         body = self.rfile.read(int(self.headers.get("content-length") or 0))
@@ -54,7 +54,7 @@ class Handler(BaseHTTPRequestHandler):
             headers.append(("x-opaque-id", self.headers["x-opaque-id"]))
         self.send(status, headers, text)
 
-    do_GET = do_HEAD = do_POST = do_PUT = do_DELETE = answer
+    do_GET = do_HEAD = do_POST = do_PUT = do_DELETE = respond
 
     def send(self, status, headers, text):
         data, owner = text.encode("utf-8"), self.server.owner

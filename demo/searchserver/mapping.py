@@ -128,7 +128,7 @@ class Mapping:
                     pass
         return DYNAMIC_STRING
 
-    # What queries and answers ask
+    # What queries and responses ask
 
     def field(self, path):
         """The field that a query names, or None; aliases lead to another one."""

@@ -5,7 +5,7 @@ import time
 
 from . import names
 from .errors import NODE, illegal_argument
-from .exchange import INDEX_OPTIONS, answer, endpoint
+from .exchange import INDEX_OPTIONS, response, endpoint
 from .strings import Text
 
 ANY = names.Wishes(False, True, ("open", "closed"), True)
@@ -30,7 +30,7 @@ def table(exchange, rows, columns):
     wanted = exchange.parameters.get("h", columns).split(",")
     shown = [{name: row[name] for name in wanted if name in row} for row in rows]
     if exchange.parameters.get("format") == "json":
-        return answer(shown)
+        return response(shown)
     lines = ([list(shown[0])] if shown and exchange.flag("v") else []) + [list(row.values()) for row in shown]
     return 200, "".join(" ".join("" if value is None else value for value in line) + "\n" for line in lines)
 
@@ -60,7 +60,7 @@ def cat_aliases(exchange, pattern="*"):
 @endpoint("timeout", "wait_for_status", "level", *INDEX_OPTIONS)
 def health(exchange, expression="_all"):
     shards = sum(len(index.shards) for index in exchange.select(expression, ANY))
-    return answer({
+    return response({
         "cluster_name": CLUSTER, "status": "green", "timed_out": False, "number_of_nodes": 1,
         "number_of_data_nodes": 1, "active_primary_shards": shards, "active_shards": shards, "relocating_shards": 0,
         "initializing_shards": 0, "unassigned_shards": 0, "delayed_unassigned_shards": 0,
@@ -80,7 +80,7 @@ def node_stats(exchange, metric="indices", part=None):
     node = {"timestamp": int(time.time() * 1000), "name": "bundled", "transport_address": "127.0.0.1:9300",
             "host": "127.0.0.1", "ip": "127.0.0.1:9300", "roles": ["data", "ingest", "master"],
             "indices": {"search": counts}}
-    return answer({"_nodes": {"total": 1, "successful": 1, "failed": 0}, "cluster_name": CLUSTER,
+    return response({"_nodes": {"total": 1, "successful": 1, "failed": 0}, "cluster_name": CLUSTER,
                    "nodes": {NODE: node}})
 
 
@@ -102,7 +102,7 @@ def resolve(exchange, expression):
         indices.append({"name": name, **({"aliases": known} if known else {}),
                         "attributes": (["hidden"] if index.hidden else []) + state,
                         **({"data_stream": streams[name]} if name in streams else {})})
-    return answer({"indices": indices,
+    return response({"indices": indices,
                    "aliases": [{"name": name, "indices": sorted(members)}
                                for name, members in sorted(cluster.aliases.items()) if wanted(name)],
                    "data_streams": [{"name": name, "backing_indices": members, "timestamp_field": "@timestamp"}
@@ -124,5 +124,5 @@ def analyze(exchange, name):
     if texts is None:
         raise illegal_argument("Validation Failed: 1: text is missing;")
     found = [token for text in ([texts] if isinstance(texts, str) else texts) for token in analyzer.tokens(text)]
-    return answer({"tokens": [{"token": token.text, "start_offset": token.start, "end_offset": token.end,
+    return response({"tokens": [{"token": token.text, "start_offset": token.start, "end_offset": token.end,
                                "type": token.kind, "position": token.position} for token in found]})

@@ -1,4 +1,4 @@
-"""Answers that lack a part: shards that fail, shards that nobody holds, a search that ran out of time."""
+"""Responses that lack a part: shards that fail, shards that nobody holds, a search that ran out of time."""
 
 from .errors import ShardFailure
 
@@ -7,7 +7,7 @@ FAILURE = ShardFailure("query_shard_exception", "failed to create query: told to
 
 
 class Partial:
-    """Makes the answers that are the given `page` of their search (1: its first or only one) partial.
+    """Makes the responses that are the given `page` of their search (1: its first or only one) partial.
 
     They have no hits of the first `failed` shards, which they tell as failed, nor of the next `unassigned` ones,
     which they do not tell. With `timed_out` they say that they took too long.

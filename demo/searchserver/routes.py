@@ -1,4 +1,4 @@
-"""Which function answers a method and a path."""
+"""Which function responds to a method and a path."""
 
 from urllib.parse import unquote
 
@@ -11,7 +11,7 @@ from .exchange import Exchange
 
 
 def respond(cluster, request):
-    """(status, headers, text, documents shown) of the answer to a request."""
+    """(status, headers, text, documents shown) of the response to a request."""
     exchange = Exchange(cluster, request)
     try:
         handler, parts = find(exchange)
@@ -23,7 +23,7 @@ def respond(cluster, request):
     except RecursionError:
         failure = typed(400, "illegal_argument_exception", "The query is nested too deeply")
         status, text = failure.status, jsontext.write(failure.body)
-    except Exception as error:  # whatever goes wrong here, the client is owed an answer
+    except Exception as error:  # whatever goes wrong here, the client is owed a response
         failure = typed(500, "exception", f"{type(error).__name__}: {error}")
         status, text = failure.status, jsontext.write(failure.body)
     return status, exchange.headers, text, exchange.hits

@@ -44,7 +44,7 @@ def string(data):
 
 
 def write_id(numbers, dialect, shards):
-    """The scroll id of a result whose contexts, one a shard that answered, have these numbers."""
+    """The scroll id of a result whose contexts, one a shard that responded, have these numbers."""
     count, left = b"", len(numbers)
     while left > 127:
         count, left = count + bytes([left & 127 | 128]), left >> 7

@@ -67,7 +67,7 @@ class SearchRequest:
         self.check()
 
     def read_presentation(self, body):
-        """What the hits of the answer are to show."""
+        """What the hits of the response are to show."""
         self.source = source.parse(body.get("_source"), ("_source",))
         self.highlight = highlight.parse(body["highlight"], ("highlight",)) if "highlight" in body else []
         self.explain = body.get("explain") is True

@@ -3,8 +3,8 @@
 import time
 
 from . import scroll
-from .answer import Answer
-from .exchange import INDEX_OPTIONS, answer, endpoint
+from .response import Response
+from .exchange import INDEX_OPTIONS, response, endpoint
 from .execution import run
 from .search import SearchRequest, read_body
 
@@ -32,7 +32,7 @@ def search(exchange, names="_all"):
         scroll_id, hits = cluster.scrolls.open(request, outcome, keep_alive)
     cluster.searches += len(outcome.shards)
     exchange.hits = len(hits)
-    return 200, Answer(request, outcome, started).write(hits, scroll_id)
+    return 200, Response(request, outcome, started).write(hits, scroll_id)
 
 
 def scroll_members(exchange):
@@ -50,20 +50,20 @@ def next_page(exchange):
         outcome, hits = partial.cut(outcome), partial.cut(outcome._replace(hits=hits)).hits
     exchange.hits = len(hits)
     request.plain_total = exchange.dialect.plain_total or exchange.flag("rest_total_hits_as_int")
-    return 200, Answer(request, outcome, started).write(hits, None if keep_alive is None else scroll_id,
+    return 200, Response(request, outcome, started).write(hits, None if keep_alive is None else scroll_id,
                                                         request.ends_early(outcome))
 
 
 @endpoint("scroll_id")
 def delete_scroll(exchange):
     freed = exchange.cluster.scrolls.delete(scroll_members(exchange)[0])
-    return answer({"succeeded": True, "num_freed": freed}, 200 if freed else 404)
+    return response({"succeeded": True, "num_freed": freed}, 200 if freed else 404)
 
 
 @endpoint()
 def delete_all_scrolls(exchange):
     freed = exchange.cluster.scrolls.delete(list(exchange.cluster.scrolls.contexts))
-    return answer({"succeeded": True, "num_freed": freed})
+    return response({"succeeded": True, "num_freed": freed})
 
 
 @endpoint("preference", *INDEX_OPTIONS)
@@ -72,4 +72,4 @@ def count(exchange, names="_all"):
     request = SearchRequest(exchange.body, exchange.dialect)
     shards = [shard for index in exchange.select(names) for shard in index.shards]
     outcome = run(request, shards, None, None)
-    return answer({"count": outcome.count, "_shards": outcome.account.as_json()})
+    return response({"count": outcome.count, "_shards": outcome.account.as_json()})

@@ -16,8 +16,8 @@ class SearchServer:
 
     `version` is the major version whose dialect it speaks, one of DIALECTS.
     Port 0 takes a free one; `port` holds the one in use from the start of `with`.
-    `seconds_per_document` is how long every document that an answer shows keeps it waiting; with `compresses`,
-    answers are compressed for clients that take it. Both may be set at any time.
+    `seconds_per_document` is how long every document that a response shows keeps it waiting; with `compresses`,
+    responses are compressed for clients that take it. Both may be set at any time.
     """
 
     def __init__(self, version=7, port=0):
@@ -120,8 +120,8 @@ class SearchServer:
     # Faults and the journal
 
     @contextmanager
-    def partial_answers(self, page=1, failed=0, unassigned=0, timed_out=False):
-        """While in `with`, the answers of a search's `page` are partial as Partial tells; some shard must be left."""
+    def partial_responses(self, page=1, failed=0, unassigned=0, timed_out=False):
+        """While in `with`, the responses of a search's `page` are partial as Partial tells; some shard must be left."""
         self.cluster.partial = Partial(page, failed, unassigned, timed_out)
         try:
             yield

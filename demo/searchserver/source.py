@@ -1,4 +1,4 @@
-"""Source filtering: which members of a document an answer shows."""
+"""Source filtering: which members of a document a response shows."""
 
 import fnmatch
 

@@ -5,7 +5,7 @@ import uuid
 
 from . import jsontext
 from .errors import SearchError, illegal_argument, invalid
-from .exchange import INDEX_OPTIONS, answer, endpoint
+from .exchange import INDEX_OPTIONS, response, endpoint
 
 SHARDS = {"total": 1, "successful": 1, "failed": 0}
 
@@ -28,7 +28,7 @@ def stored(exchange, document):
 def put_document(exchange, name, doc_id=None):
     _, text = jsontext.read(exchange.body)
     document = exchange.cluster.for_writing(name).put(doc_id or new_id(), text)
-    return answer(*stored(exchange, document))
+    return response(*stored(exchange, document))
 
 
 @endpoint("refresh")
@@ -36,10 +36,10 @@ def delete_document(exchange, name, doc_id):
     index, = exchange.select(name)
     document = index.delete(doc_id)
     if document is None:
-        return answer({"_index": index.name, "_id": doc_id, "result": "not_found", "_shards": SHARDS}, 404)
+        return response({"_index": index.name, "_id": doc_id, "result": "not_found", "_shards": SHARDS}, 404)
     index.writes += 1
     document.version += 1
-    return answer(written(exchange, document, "deleted"))
+    return response(written(exchange, document, "deleted"))
 
 
 @endpoint("refresh")
@@ -53,7 +53,7 @@ def bulk(exchange, name=None):
             told, status = {"_index": target, "_id": doc_id, "error": cause}, error.status
         items.append({action: {**told, "status": status}})
     failed = any("error" in told for item in items for told in item.values())
-    return answer({"took": int((time.monotonic() - started) * 1000), "errors": failed, "items": items})
+    return response({"took": int((time.monotonic() - started) * 1000), "errors": failed, "items": items})
 
 
 def new_id():
@@ -80,4 +80,4 @@ def bulk_actions(text, name=None):
 @endpoint(*INDEX_OPTIONS)
 def refresh(exchange, names="_all"):
     exchange.select(names)  # nothing to do: what is written is found at once
-    return answer({"_shards": SHARDS})
+    return response({"_shards": SHARDS})

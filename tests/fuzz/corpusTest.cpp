@@ -1,5 +1,5 @@
 // Every fuzz target over every file of its corpus: what fuzzing once reached stays tested.
-#include "answers.h"
+#include "responses.h"
 #include "targets.h"
 
 #include <gtest/gtest.h>

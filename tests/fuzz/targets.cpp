@@ -17,14 +17,12 @@ namespace
 template <class Kind>
 std::string differenceFor(std::string_view input)
 {
-    if (input.empty()) {
+    if (input.empty())
         return "";
-    }
     const std::string_view sizeBytes = input.substr(1, static_cast<unsigned char>(input[0]) % 16);
     std::vector<std::size_t> sizes;
-    for (const unsigned char size : sizeBytes) {
+    for (const unsigned char size : sizeBytes)
         sizes.push_back(size);
-    }
     const std::string_view text = input.substr(1 + sizes.size());
     return differenceIn<Kind>(cut(text, sizes.empty() ? std::vector<std::size_t>{text.size()} : sizes));
 }
@@ -34,22 +32,21 @@ std::string differ(const std::string &seen, const std::string &expected)
     return seen == expected ? "" : "saw <" + seen + ">, expected <" + expected + ">";
 }
 
-/// Escapes a valid text by its bytes. The control characters 128 to 159 are the bytes C2 80 to C2 9F.
+// Escapes a valid text by its bytes. The control characters 128 to 159 are the bytes C2 80 to C2 9F.
 std::string escapeSimply(const std::string &text)
 {
-    const std::string withLetter = "\b\t\n\f\r\"\\", letters = "btnfr\"\\", hexDigits = "0123456789ABCDEF";
+    const std::string withLetter = "\b\t\n\f\r\"\\", letters = "btnfr\"\\", HexDigits = "0123456789ABCDEF";
     std::string escaped;
     for (std::size_t at = 0; at < text.size(); ++at) {
         const std::size_t index = withLetter.find(text[at]);
         const bool isHigh = text[at] == '\xC2' && static_cast<unsigned char>(text[at + 1]) < 0xA0;
         const unsigned char byte = text[isHigh ? ++at : at];
-        if (index != std::string::npos) {
+        if (index != std::string::npos)
             escaped += {'\\', letters[index]};
-        } else if (byte < 32 || byte == 127 || isHigh) {
-            escaped += {'\\', 'u', '0', '0', hexDigits[byte / 16], hexDigits[byte % 16]};
-        } else {
+        else if (byte < 32 || byte == 127 || isHigh)
+            escaped += {'\\', 'u', '0', '0', HexDigits[byte / 16], HexDigits[byte % 16]};
+        else
             escaped += text[at];
-        }
     }
     return escaped;
 }
@@ -78,9 +75,8 @@ std::string jsonEscaper(std::string_view input)
     const std::string text(input), before = "{\"";
     std::string out = before;
     const bool accepted = zq::elasticsearch::Utf8ToJson(bytes.data(), bytes.data() + bytes.size(), out);
-    if (!utf8::is_valid(text.begin(), text.end())) {
+    if (!utf8::is_valid(text.begin(), text.end()))
         return accepted ? "accepted, but should be refused" : differ(out.substr(0, 2), before);
-    }
     const auto decoded = decodeSimply(out.substr(before.size()));
     return differ((accepted ? "" : "refused ") + out, before + escapeSimply(text)) +
            differ(decoded.value_or("nothing"), text);

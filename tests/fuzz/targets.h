@@ -1,18 +1,18 @@
 // What is fuzzed. Each target takes one input and tells what is wrong with what the code under test made of
-// it; the answer is empty when nothing is.
+// it; what is returned is empty when nothing is.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-/// The streaming readers against the reference readers. The first byte of the input says how many of the next
-/// bytes are sizes of chunks (0 to 15), which are used in turn; without sizes the text behind them stays
-/// whole.
+// The streaming readers against the reference readers. The first byte of the input says how many of the next
+// bytes are sizes of chunks (0 to 15), which are used in turn; without sizes the text behind them stays
+// whole.
 std::string searchReader(std::string_view input);
 std::string termAggReader(std::string_view input);
-/// The decoder of document ids; the input is what stands between the quotes.
+// The decoder of document ids; the input is what stands between the quotes.
 std::string idDecoder(std::string_view input);
-/// The encoder of JSON strings; the input is the text.
+// The encoder of JSON strings; the input is the text.
 std::string jsonEscaper(std::string_view input);
-/// The parser of one param value; the input is the value.
+// The parser of one param value; the input is the value.
 std::string params(std::string_view input);

@@ -1,6 +1,6 @@
-// probe_term_agg(answer text, chunk integer, slots integer, level integer, collect boolean) returns text:
-// what a TermAggResultParser says of the answer, fed in chunks, on one line, and each slot's count and value
-// on another. The last line is of one slot too many, which nobody may touch.
+// probe_term_agg(response text, chunk integer, slots integer, level integer, collect boolean) returns text:
+// what a TermAggResultParser says of the response, fed in chunks, on one line, and each slot's count and
+// value on another. The last line is of one slot too many, which nobody may touch.
 #include "probe.h"
 
 #include "quelmoraPgFdwTermAggResultParser.h"
@@ -11,7 +11,7 @@
 // behind.
 PROBE(probe_term_agg)
 {
-    const char *answer = text_to_cstring(PG_GETARG_TEXT_PP(0));
+    const char *response = text_to_cstring(PG_GETARG_TEXT_PP(0));
     const auto chunk = static_cast<size_t>(PG_GETARG_INT32(1));
     const int slots = PG_GETARG_INT32(2);
     bytea *stale = cstring_to_text("stale");
@@ -23,8 +23,8 @@ PROBE(probe_term_agg)
     auto *parser =
         new qm::pgFdw::TermAggResultParser(slots, PG_GETARG_INT32(3), values, counts, PG_GETARG_BOOL(4));
     bool goesOn = true;
-    for (size_t left = std::strlen(answer); goesOn && left > 0; left -= Min(chunk, left))
-        goesOn = parser->addData(answer + std::strlen(answer) - left, Min(chunk, left));
+    for (size_t left = std::strlen(response); goesOn && left > 0; left -= Min(chunk, left))
+        goesOn = parser->addData(response + std::strlen(response) - left, Min(chunk, left));
     StringInfoData result;
     initStringInfo(&result);
     appendStringInfo(&result, "%s %s %s", goesOn ? "on" : "stop", parser->finish() ? "good" : "bad",

@@ -15,8 +15,8 @@ GROWTH = 2048  # KiB
 DOWN_SECONDS = 0.7
 PATIENCE = 30  # seconds that the last query of a backend may take
 
-# What a query may say when the search server was away while it ran: the connection is refused, broken or without an
-# answer, the answer is cut off, also after contents, which are quoted then, or the scroll is gone. Nothing else.
+# What a query may say when the search server was away while it ran: the connection is refused, broken or without a
+# response, the response is cut off, also after contents, which are quoted then, or the scroll is gone. Nothing else.
 OUTAGE = "HV000", rf"Curl error \((7|18|52|55|56)\)|ElasticSearch error, query was '.*', error was '\{{|{EXPIRED}"
 
 

@@ -1,4 +1,4 @@
-"""What the backends of an endurance run ask: queries with their right answers, and queries that must fail."""
+"""What the backends of an endurance run ask: queries with their right results, and queries that must fail."""
 # A query is a function of (db, rng) that yields pairs of what came of a statement and what is right: rows, worked out
 # from the documents themselves, or an error, as (SQLSTATE, pattern of the message).
 import hashlib

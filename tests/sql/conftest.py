@@ -14,7 +14,7 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "demo"), str(ROOT / "tests/soak")]
 
 from privatecluster import PrivateCluster  # noqa: E402
-from scriptedserver import ScriptedServer, answer, hits  # noqa: E402
+from scriptedserver import ScriptedServer, response, hits  # noqa: E402
 from searchserver import SearchServer  # noqa: E402
 
 COLUMNS = "docname text, doccontent bytea, score real, doctype text, highlights bytea, param text"
@@ -199,8 +199,8 @@ def search(library, versions):
 
 @pytest.fixture
 def scripted():
-    """A scripted server that answers with no hits until the test gives it another script."""
-    with ScriptedServer(answer(hits())) as server:
+    """A scripted server that responds with no hits until the test gives it another script."""
+    with ScriptedServer(response(hits())) as server:
         yield server
 
 
@@ -228,7 +228,7 @@ def sent(db, scripted):
 
 @pytest.fixture(autouse=True)
 def no_crash(request):
-    """A crash in one session is one in all of them: each test answers for the server log of its own time."""
+    """A crash in one session is one in all of them: each test stands for the server log of its own time."""
     log_path = "cluster" in request.fixturenames and request.getfixturevalue("cluster").log_path
     start = log_path and os.path.getsize(log_path)
     yield

@@ -1,4 +1,4 @@
-"""An HTTP peer that plays a script on each connection: for the answers that no search server would give."""
+"""An HTTP peer that plays a script on each connection: for the responses that no search server would give."""
 import contextlib
 import http.client
 import json
@@ -10,8 +10,8 @@ import time
 NEVER = 10  # seconds: a query that nothing interrupts is to fail its test, not to hang it
 
 
-def answer(body="", status="200 OK", headers=(), length=None):
-    """A script that sends one answer; `length` overrides the Content-Length that belongs to the body."""
+def response(body="", status="200 OK", headers=(), length=None):
+    """A script that sends one response; `length` overrides the Content-Length that belongs to the body."""
     data = body if isinstance(body, bytes) else body.encode()
     lines = [f"HTTP/1.1 {status}", f"Content-Length: {len(data) if length is None else length}", *headers]
     payload = "\r\n".join(lines).encode() + b"\r\n\r\n" + data
@@ -19,7 +19,7 @@ def answer(body="", status="200 OK", headers=(), length=None):
 
 
 def hits(*documents, total=None, scroll_id=None):
-    """The text of a search answer; a document is the text of its members, a total that is a text stands as it is."""
+    """The text of a search response; a document is the text of its members, a total that is a text stands as it is."""
     if not isinstance(total, str):
         total = json.dumps({"value": len(documents) if total is None else total, "relation": "eq"})
     start = "" if scroll_id is None else f'"_scroll_id":"{scroll_id}",'
@@ -33,8 +33,8 @@ def named(*names):
 
 
 def raw(text, value):
-    """A script that answers with these bytes in the place of every @ of a text."""
-    return answer(text.encode().replace(b"@", value))
+    """A script that responds with these bytes in the place of every @ of a text."""
+    return response(text.encode().replace(b"@", value))
 
 
 def purpose(method, path):
@@ -49,7 +49,7 @@ def scroll_id_in(path, body):
 
 
 def silence(peer):
-    """Accepts the request and does not answer."""
+    """Accepts the request and does not respond."""
     peer.wait_for_close(NEVER)
 
 
@@ -63,7 +63,7 @@ def endless(piece, start=b"HTTP/1.1 200 OK\r\n\r\n"):
 
 
 class Peer:
-    """One connection, as a script sees it: the request that came, `verb` empty where none did, and how to answer."""
+    """One connection, as a script sees it: the request that came, `verb` empty where none did, and how to respond."""
 
     def __init__(self, connection):
         self._connection = connection

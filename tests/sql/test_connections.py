@@ -9,10 +9,10 @@ import pytest
 
 import test_failures
 from conftest import Database
-from scriptedserver import ScriptedServer, answer, hits, named, silence
+from scriptedserver import ScriptedServer, response, hits, named, silence
 
 QUERY = "SELECT docname FROM {} WHERE param = 'query=q'"
-HIT = answer(hits(*named("a")))
+HIT = response(hits(*named("a")))
 SECRET = "s3cr3t-v4lu3"
 
 
@@ -57,7 +57,7 @@ def basic(user, password):
     (f"apikey '{SECRET}'", "CURRENT_USER", f"ApiKey {SECRET}"), (f"apikey '{SECRET}'", "PUBLIC", f"ApiKey {SECRET}")])
 def test_credentials(db, remote, scripted, mapping, user, sent):
     """They go out in a header of each request, and nowhere else."""
-    scripted.script = answer(hits(*named("a"), total=2, scroll_id="x"))
+    scripted.script = response(hits(*named("a"), total=2, scroll_id="x"))
     for esversion in (None, 7):
         remote("", mapping, user, port=scripted.port, connectortype="elasticsearchscroll", esversion=esversion)
         assert db.run(QUERY.format("far") + " LIMIT 1") == [("a",)]
@@ -69,7 +69,7 @@ def test_credentials(db, remote, scripted, mapping, user, sent):
 
 def test_secrets_stay_secret(db, remote, scripted, guest):
     """Neither errors nor the log nor EXPLAIN show them, and other users cannot read them."""
-    scripted.script = answer('{"error":"no"}', "401 Unauthorized")
+    scripted.script = response('{"error":"no"}', "401 Unauthorized")
     remote("", f"username 'me', password '{SECRET}'", port=scripted.port, fullerrormsg="true")
     start, query = len(db.log()), QUERY.format("far")
     seen = [db.failure(query), db.run("EXPLAIN (VERBOSE) " + query)]

@@ -2,7 +2,7 @@
 import pytest
 
 from conftest import COLUMNS, Database, new_database
-from scriptedserver import answer, hits, raw
+from scriptedserver import response, hits, raw
 
 CODECS = {"UTF8": "utf-8", "LATIN1": "latin-1", "EUC_JP": "euc_jp", "SQL_ASCII": "utf-8"}
 TEXTS = {"ascii": "plain", "latin": "na\u00efve \u00a7", "japanese": "\u65e5\u672c\u8a9e", "euro": "\u20ac"}
@@ -50,7 +50,7 @@ def test_texts_inward(session, scripted, text):
             ("docname", "books", hit(text), text), ("doctype", "books", hit("a", text), text),
             *[(column, "texts", hit(text=text), wanted) for column, wanted in contents],
             *[(READ.format(column), "books", hit(text=text), wanted) for column, wanted in contents]):
-        scripted.script = answer(hits(document))
+        scripted.script = response(hits(document))
         for level in (-2,) if table == "texts" else (-2, 5):
             outcome = session.outcome(QUERY.format(column, table, level))
             assert outcome == [(wanted,)] if holds(session, text) else outcome[0] == NO_EQUIVALENT, (column, level)
@@ -70,7 +70,7 @@ def test_invalid_bytes_inward(session, scripted, invalid):
 
 def test_compressed_values_are_no_text(session, scripted):
     """A compressed value in a text column is refused, not handed on as broken text."""
-    scripted.script = answer(hits(hit(text="x" * 300)))
+    scripted.script = response(hits(hit(text="x" * 300)))
     assert session.failure(QUERY.format("doccontent", "texts", 5))[0] == INVALID
 
 
@@ -100,7 +100,7 @@ def test_messages(session, scripted):
     """What a message quotes of the search cluster is text of the database, with ? for what cannot be."""
     text, bad = "na\u00efve \u65e5\u672c", b"\xc3( \xe6\x97"
     known = "na\u00efve ??" if session.encoding == "LATIN1" else text
-    scripted.script = answer(b'{"error":"' + text.encode() + b" " + bad + b'"}', "400 Bad Request")
+    scripted.script = response(b'{"error":"' + text.encode() + b" " + bad + b'"}', "400 Bad Request")
     message = session.failure(QUERY.format("docname", "books", 5))[1]
     assert message.endswith(f"error was '\":\"{known} ?( ??\"}}'"), message
     scripted.script = raw(hits('"_id":"a","_score":"@"'), text.encode() + bad)

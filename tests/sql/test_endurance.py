@@ -11,7 +11,7 @@ import time
 import pytest
 
 from conftest import Database, memory, running_cluster, sockets, wait_until
-from scriptedserver import answer, endless, hits, silence
+from scriptedserver import response, endless, hits, silence
 
 QUERY = "SELECT docname, doccontent FROM {} WHERE param = 'query=q'"
 SCROLL = {"connectortype": "elasticsearchscroll"}
@@ -24,7 +24,7 @@ LONG = '{"text":"' + "lorem ipsum " * 200 + '"}'
     ("param", ["query=q"], 100), ("docname", ["x", "y"], 100), ("docname", [f"x{n}" for n in range(10000)], 1)],
     ids=["searches", "look-ups", "one look-up of many batches"])
 def test_rows_leave_no_memory_behind(db, scripted, column, values, rescans):
-    scripted.script = answer(hits(*[f'"_id":"a{n}","_score":1,"_source":{LONG}' for n in range(100)]))
+    scripted.script = response(hits(*[f'"_id":"a{n}","_score":1,"_source":{LONG}' for n in range(100)]))
     db.make_table(port=scripted.port, compressionlevel=-2)
     db.run("SET enable_material = off; BEGIN")
     db.run(f"DECLARE c CURSOR FOR SELECT length(doccontent), docname FROM generate_series(1, {rescans}) "
@@ -40,7 +40,7 @@ def read_pages(db, scripted, size, total, level):
     """Reads a scroll of so many documents, in pages of a size that are all the same; returns the seconds it took."""
     documents = [f'"_id":"d{n}","_score":1,"_source":{{"text":"{f"lorem {n} ipsum {n * n} dolor " * 4}"}}'
                  for n in range(size)]
-    scripted.script = answer(hits(*documents, total=total, scroll_id="s"))
+    scripted.script = response(hits(*documents, total=total, scroll_id="s"))
     db.make_table(port=scripted.port, batchsize=size, compressionlevel=level, **SCROLL)
     start = time.monotonic()
     assert db.value("SELECT count(doccontent) FROM books WHERE param = 'query=q'") == total
@@ -94,7 +94,7 @@ def full_port():
         yield listener.getsockname()[1]
 
 
-PAGE = answer(hits('"_id":"a","_score":1,"_source":{}', total=2, scroll_id="s"))
+PAGE = response(hits('"_id":"a","_score":1,"_source":{}', total=2, scroll_id="s"))
 
 
 @pytest.mark.parametrize("end", ENDS)

@@ -1,14 +1,14 @@
 """Every error text, and one backend after very many failing queries of each kind: its memory stays where it was."""
 # The queries that stand for their path through the module are repeated VELTRANE_FAILURES times: 1000 by default,
 # 10000 for a run at full length; below 200 only the texts count. All others share such a path and are asked a few
-# times. Texts that a query cannot have within milliseconds are left out, such as that of an answer above 1023 MiB.
+# times. Texts that a query cannot have within milliseconds are left out, such as that of a response above 1023 MiB.
 import json
 import os
 
 import pytest
 
 from conftest import COLUMNS, Database, memory
-from scriptedserver import answer, hits, raw, silence
+from scriptedserver import response, hits, raw, silence
 
 REPEATS = int(os.environ.get("VELTRANE_FAILURES", "1000"))
 FIRST = 100  # after so many, all that is made once and kept is there
@@ -39,7 +39,7 @@ def wrong(name, takes, *values, of=None):
 
 
 def failing_search(script, text, body=BODY, **settings):
-    """An answer that is taken for an error of the search, which the full message quotes with the request."""
+    """A response that is taken for an error of the search, which the full message quotes with the request."""
     return fails("ElasticSearch error", full=f"ElasticSearch error, query was '{body}', error was '{text}'",
                  script=script, **settings)
 
@@ -55,7 +55,7 @@ def unreadable(script, body=BODY, **settings):
 
 def second(failing):
     """A script with a first page that is good."""
-    first = answer(hits(HIT, total=2, scroll_id="s"))
+    first = response(hits(HIT, total=2, scroll_id="s"))
     return lambda peer: (first if peer.purpose == "first" else failing)(peer)
 
 
@@ -87,7 +87,7 @@ NUMBER = "a whole number of milliseconds from 1 to 2147483647"
 NO_NUMBERS = "", "0", "-1", "1s", "2147483648", "99999999999999999999", "1.5"
 BROKEN = r"'\xc328'::bytea::text"
 NO_PLACE = {"address": None}
-PARTIAL = answer('{"timed_out":true,' + hits(HIT, scroll_id="s")[1:])
+PARTIAL = response('{"timed_out":true,' + hits(HIT, scroll_id="s")[1:])
 
 FAILURES = [
     # the query
@@ -147,47 +147,47 @@ FAILURES = [
         (2, "doccontent", "bytea", ["bigint"]), (3, "score", "real", ["int", "double precision", "text"]),
         (4, "doctype", "text", ["date", "json"]), (5, "highlights", "bytea", ["text[]"])) for other in others],
     fails('invalid input syntax for type json', state="22P02", select="doccontent", compressionlevel=-2, **OFTEN,
-          columns=COLUMNS.replace("content bytea", "content json"), script=answer(hits('"_id":"a","_source":{x}'))),
+          columns=COLUMNS.replace("content bytea", "content json"), script=response(hits('"_id":"a","_source":{x}'))),
     # the connection
     fails("Curl error (3)", address="[x", **OFTEN), failing_transfer(7, port=1, **OFTEN),
     *[fails("Curl error (7)", port=1, fullerrormsg=value) for value in ("TRUE", "yes", "1", "true ")],
     failing_transfer(1, lambda peer: peer.send(b"\0\1\2\3" * 10 + b"\r\n\r\n")),
-    failing_transfer(18, answer(hits(f'"_id":"{LONG}"'), length=99999), **OFTEN),
-    *[failing_transfer(23, answer('{"hits":{"total":%d,"total":2,"hits":[]}}' % total)) for total in (1, -1)],
+    failing_transfer(18, response(hits(f'"_id":"{LONG}"'), length=99999), **OFTEN),
+    *[failing_transfer(23, response('{"hits":{"total":%d,"total":2,"hits":[]}}' % total)) for total in (1, -1)],
     failing_transfer(28, silence, server="timeout '1'"),
     failing_transfer(52, lambda peer: None),
     fails("Curl error (77)", script=silence, address="https://127.0.0.1", server="cafile '/etc/passwd'"),
-    # the answer
-    failing_search(answer('{"error' + REFUSED, "400 Bad Request"), REFUSED, **OFTEN),
-    failing_search(answer('{"error' + REFUSED), REFUSED, **SCROLL),
-    failing_search(answer('{"error":"%s%n","status":400}'), '":"%s%n","status":400}'),
+    # the response
+    failing_search(response('{"error' + REFUSED, "400 Bad Request"), REFUSED, **OFTEN),
+    failing_search(response('{"error' + REFUSED), REFUSED, **SCROLL),
+    failing_search(response('{"error":"%s%n","status":400}'), '":"%s%n","status":400}'),
     # The innermost object that is four levels deep is the reason.
-    failing_search(answer(json.dumps({"error": {"failed_shards": [SHARDS]}, "status": 400})),
+    failing_search(response(json.dumps({"error": {"failed_shards": [SHARDS]}, "status": 400})),
                    json.dumps(SHARDS["reason"])),
-    failing_search(answer(hits('"_id":"a"')[:-1] + ',"error":"late"}'), '":"late"}'),
+    failing_search(response(hits('"_id":"a"')[:-1] + ',"error":"late"}'), '":"late"}'),
     # What was read of a document when the connection broke: its first 64 KiB.
-    failing_search(answer(hits(f'"_id":"a","_source":{LARGE}')[:-4], length=999_999), LARGE[:65536],
+    failing_search(response(hits(f'"_id":"a","_source":{LARGE}')[:-4], length=999_999), LARGE[:65536],
                    BODY.replace(',"_source":false', ""), select="doccontent", **OFTEN),
-    failing_search(answer(LONG, "503 Unavailable"), "HTTP status 503", **OFTEN),
-    failing_search(answer(hits('"_id":"a"', '"_id":"\\ud83d\\ude00"')), BAD_ID),
-    failing_search(answer(hits('"_id":"\\x"')), BAD_ID), failing_search(raw(hits('"_id":"@"'), b"\xc3("), BAD_ID),
-    unreadable(answer(CUT), **OFTEN), unreadable(answer(hits(HIT)[:10])), unreadable(answer("{}")),
+    failing_search(response(LONG, "503 Unavailable"), "HTTP status 503", **OFTEN),
+    failing_search(response(hits('"_id":"a"', '"_id":"\\ud83d\\ude00"')), BAD_ID),
+    failing_search(response(hits('"_id":"\\x"')), BAD_ID), failing_search(raw(hits('"_id":"@"'), b"\xc3("), BAD_ID),
+    unreadable(response(CUT), **OFTEN), unreadable(response(hits(HIT)[:10])), unreadable(response("{}")),
     fails("ElasticSearch answer is partial: timed out", partialresults="error", script=PARTIAL, **OFTEN),
     fails("ElasticSearch answer is partial: timed out", partialresults="error", script=second(PARTIAL), **SCROLL),
-    fails(TOO_MANY, script=answer(hits(HIT, total=2)), batchsize=1, **OFTEN),
-    fails(TOO_MANY, script=answer(hits(HIT, total='{"value":1,"relation":"gte"}')), batchsize=1),
+    fails(TOO_MANY, script=response(hits(HIT, total=2)), batchsize=1, **OFTEN),
+    fails(TOO_MANY, script=response(hits(HIT, total='{"value":1,"relation":"gte"}')), batchsize=1),
     *[fails(NUL.format("id"), script=raw(hits(HIT, f'"_id":"a{nul}b"'), b"\0")) for nul in ("\\u0000", "@")],
     fails(NUL.format("type"), select="doctype", script=raw(hits('"_id":"a","_source":{"type":"@"}'), b"\0"), **OFTEN),
     fails('invalid input syntax for type real: "null"', state="22P02", select="score",
-          script=answer(hits(HIT, '"_id":"a","_score":null')), **OFTEN),
+          script=response(hits(HIT, '"_id":"a","_score":null')), **OFTEN),
     fails('invalid byte sequence for encoding "UTF8": 0xc3 0x28', state="22021", select="doctype",
           script=raw(hits('"_id":"a","_source":{"type":"@"}'), b"\xc3("), **OFTEN),
     # the second page, whose request has no body but from version 7 on
-    failing_search(second(answer('{"error' + GONE, "404 Not Found")), GONE, "", **SCROLL, **OFTEN),
-    failing_search(second(answer('{"error' + GONE, "404 Not Found")), GONE, '{"scroll":"5m","scroll_id":"s"}',
+    failing_search(second(response('{"error' + GONE, "404 Not Found")), GONE, "", **SCROLL, **OFTEN),
+    failing_search(second(response('{"error' + GONE, "404 Not Found")), GONE, '{"scroll":"5m","scroll_id":"s"}',
                    **SCROLL, esversion="7"),
-    unreadable(second(answer(CUT)), "", **SCROLL),
-    failing_transfer(18, second(answer("{", length=9)), "", **SCROLL, **OFTEN),
+    unreadable(second(response(CUT)), "", **SCROLL),
+    failing_transfer(18, second(response("{", length=9)), "", **SCROLL, **OFTEN),
 ]
 
 

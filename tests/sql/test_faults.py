@@ -7,7 +7,7 @@ import time
 import pytest
 
 from conftest import memory
-from scriptedserver import Peer, answer, endless, hits, named, scroll_id_in
+from scriptedserver import Peer, response, endless, hits, named, scroll_id_in
 
 STANDARD, SCROLL = "elasticsearch", "elasticsearchscroll"
 # What meets the fault: the search of either mode, the second page, the deletion of what a LIMIT left unread; the last
@@ -21,7 +21,7 @@ PARSER = "HV000", "Elasticsearhc result parser error"
 TOO_LARGE = "HV000", "ElasticSearch answer larger than 1023 MiB, ask for less at once"
 CANCELLED = "57014", "canceling statement due to statement timeout"
 ROWS = None  # the fault is none: all rows arrive
-NEXT = answer(hits(*named("z")))  # for the query after a fault
+NEXT = response(hits(*named("z")))  # for the query after a fault
 
 
 def curl(code):
@@ -35,7 +35,7 @@ def page(of, scroll_id="s", members=""):
 
 
 def play(peer, members=""):
-    answer(page(peer.purpose, members=members))(peer)
+    response(page(peer.purpose, members=members))(peer)
 
 
 @pytest.fixture
@@ -64,7 +64,7 @@ def strike(db, scripted):
     return run
 
 
-# ---- Connections that fail in the midst of an answer -----------------------------------------------------
+# ---- Connections that fail in the midst of a response -----------------------------------------------------
 
 HEAD = b"HTTP/1.1 200 OK\r\nServer: s\r\n"
 STAGES = {"before the headers": None, "in the headers": b"Serv", "before the body": b"\r\n\r\n",
@@ -72,7 +72,7 @@ STAGES = {"before the headers": None, "in the headers": b"Serv", "before the bod
 
 
 def broken(action, stage, told, members=""):
-    """A script that answers up to the stage, the length `told` or not, and then does action(peer, the rest)."""
+    """A script that responds up to the stage, the length `told` or not, and then does action(peer, the rest)."""
     def script(peer):
         body = page(peer.purpose, members=members)
         whole = HEAD + b"Content-Length: %d\r\n" % len(body) * told + b"\r\n" + body
@@ -96,31 +96,31 @@ def test_broken_connections(strike, stage, told):
     strike(broken(lambda peer, rest: peer.reset(), stage, told, contents), curl(56), REFUSED, members=contents)
 
 
-# ---- Answers that are none -------------------------------------------------------------------------------
+# ---- Responses that are none -------------------------------------------------------------------------------
 
 HTML = "<html><body>{Bad} [gateway</body></html>"
 DEEP = 1_000_000
 
 
 def wrong_length(by):
-    return lambda peer: answer(page(peer.purpose), length=len(page(peer.purpose)) + by)(peer)
+    return lambda peer: response(page(peer.purpose), length=len(page(peer.purpose)) + by)(peer)
 
 
-ANSWERS = {
+RESPONSES = {
     "a length too long": (wrong_length(+1), curl(18)),
     "a length too short": (wrong_length(-1), PARSER), "a length too short by hits": (wrong_length(-30), PARSER),
     "a chunk of no length": (lambda peer: peer.send(
         HEAD + b"Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\nxyz\r\n"), curl(56)),
-    "noise": (answer(bytes(range(256)) * 100), PARSER),
-    "compressed": (lambda peer: answer(gzip.compress(page(peer.purpose)))(peer), PARSER),
-    **{f"200 with {text!r}": (answer(text), PARSER) for text in
+    "noise": (response(bytes(range(256)) * 100), PARSER),
+    "compressed": (lambda peer: response(gzip.compress(page(peer.purpose)))(peer), PARSER),
+    **{f"200 with {text!r}": (response(text), PARSER) for text in
        ("", " ", "[]", "null", "{}", '{"ok":true}', '{"hits":{}}', HTML)},
     "204": (lambda peer: peer.send(b"HTTP/1.1 204 No Content\r\n\r\n"), PARSER),
-    **{f"{status} with {text!r}": (answer(text, f"{status} Reason", ["Location: http://127.0.0.1:1/"]), REFUSED)
+    **{f"{status} with {text!r}": (response(text, f"{status} Reason", ["Location: http://127.0.0.1:1/"]), REFUSED)
        for status in (301, 404, 503) for text in (HTML, "", '{"status":1}', page("first"))},
-    "brackets without end": (answer("[" * DEEP), PARSER), "braces without end": (answer('{"a":' * DEEP), PARSER),
-    "brackets only": (answer("[" * DEEP + "]" * DEEP), PARSER),
-    "brackets before the hits": (lambda peer: answer(
+    "brackets without end": (response("[" * DEEP), PARSER), "braces without end": (response('{"a":' * DEEP), PARSER),
+    "brackets only": (response("[" * DEEP + "]" * DEEP), PARSER),
+    "brackets before the hits": (lambda peer: response(
         b'{"x":' + b"[" * DEEP + b"]" * DEEP + b"," + page(peer.purpose)[1:])(peer), ROWS),
     "braces in documents": (lambda peer: play(
         peer, ',"_source":{"a":' + '{"a":' * DEEP + "[]" + "}" * DEEP + "}"), ROWS),
@@ -128,8 +128,8 @@ ANSWERS = {
 }
 
 
-@pytest.mark.parametrize("script, expected", ANSWERS.values(), ids=ANSWERS)
-def test_odd_answers(strike, script, expected):
+@pytest.mark.parametrize("script, expected", RESPONSES.values(), ids=RESPONSES)
+def test_odd_responses(strike, script, expected):
     strike(script, expected)
 
 
@@ -141,24 +141,24 @@ ALL = [("a",), ("b",), ("c",), ("d",)]
     (7, "x" * 900_000, ALL, 1), (7, '\\" \\\\\\r\\u00e9', ALL, 1)],
     ids=["long", "far too long", "with a line break", "long in a body", "with escapes in a body"])
 def test_scroll_ids(db, scripted, esversion, scroll_id, expected, step):
-    scripted.script = lambda peer: answer(page(peer.purpose, scroll_id))(peer)
+    scripted.script = lambda peer: response(page(peer.purpose, scroll_id))(peer)
     db.make_table(port=scripted.port, connectortype=SCROLL, esversion=esversion)
     assert db.outcome(QUERY.format("docname", "books")) == expected
     assert db.run(QUERY.format("docname", "books") + " LIMIT 1") == [("a",)]
-    # In a body it is a JSON string again, so what the answer's string stood for must come back.
+    # In a body it is a JSON string again, so what the response's string stood for must come back.
     wanted = json.loads(f'"{scroll_id}"') if esversion else scroll_id
     assert [peer.purpose for peer in scripted.requests] == ["first", "next", "first", "delete"][::step]
     assert {scroll_id_in(peer.path, peer.body) for peer in scripted.requests if peer.purpose != "first"} <= {wanted}
 
 
-# ---- Large and endless answers ---------------------------------------------------------------------------
+# ---- Large and endless responses ---------------------------------------------------------------------------
 
 START = b'{"_scroll_id":"s","hits":{"total":1,"hits":['
 
 
 
 @pytest.mark.unsanitized
-def test_large_answers(db, scripted):
+def test_large_responses(db, scripted):
     db.make_table(port=scripted.port, batchsize=1_000_000)
     tiny = b",".join(b'{"_id":"%d"}' % number for number in range(1_000_000))
     document = b'{"a":"' + b"x" * (100 << 20) + b'"}'
@@ -167,7 +167,7 @@ def test_large_answers(db, scripted):
              (1_000_000, 499_999_500_000), 150),
             (START + b'{"_id":"a","_source":' + document + b"}", "docname, md5(doccontent)",
              ("a", hashlib.md5(document).hexdigest()), 300)):
-        scripted.script = answer(text + b"]}}")
+        scripted.script = response(text + b"]}}")
         assert db.run(QUERY.format(columns, "books")) == [expected]
         assert memory(db.pid, "VmHWM") // 1024 < most
 
@@ -193,7 +193,7 @@ ENDLESS = {  # script, outcome, most MiB
 
 @pytest.mark.unsanitized
 @pytest.mark.parametrize("script, expected, most", ENDLESS.values(), ids=ENDLESS)
-def test_endless_answers(db, scripted, script, expected, most):
+def test_endless_responses(db, scripted, script, expected, most):
     db.make_table(port=scripted.port)
     db.run(f"SET statement_timeout = {60_000 if TOO_LARGE in expected else 500}")
     scripted.script, start = script, time.monotonic()

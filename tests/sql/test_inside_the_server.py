@@ -63,9 +63,9 @@ def test_integer_and_boolean_clauses(probes):
                 assert outcome in ([(expected,)], ("HV000", expected)), (clause, integers, with_values)
 
 
-def read_aggregations(probes, answer, level=-2, collect=True, chunk=1):
-    """Reads an answer into three slots: the verdict, and the count and the value of each slot."""
-    told = probes.value("SELECT probe_term_agg(%s, %s, 3, %s, %s)", (answer, chunk, level, collect))
+def read_aggregations(probes, response, level=-2, collect=True, chunk=1):
+    """Reads a response into three slots: the verdict, and the count and the value of each slot."""
+    told = probes.value("SELECT probe_term_agg(%s, %s, 3, %s, %s)", (response, chunk, level, collect))
     verdict, *lines = told.split("\n")
     slots = [line.split(" ") for line in lines]
     assert slots.pop() == ["-1", "\\x7374616c65"]  # nobody's slot
@@ -73,7 +73,7 @@ def read_aggregations(probes, answer, level=-2, collect=True, chunk=1):
 
 
 def aggregations(*named_keys):
-    """The answer that holds these lists of raw keys."""
+    """The response that holds these lists of raw keys."""
     lists = (f'"{name}":{{"buckets":[{",".join(f"""{{"key":{key},"doc_count":1}}""" for key in keys)}]}}'
              for name, *keys in named_keys)
     return f'{{"aggregations":{{"rootagg":{{"doc_count":9,{",".join(lists)}}}}}}}'
@@ -83,28 +83,28 @@ TWO = aggregations(("3", '"red"', '"bl\\u00fce"'), ("1",))
 RED, EMPTY = b'["red","bl\\u00fce"]', b"[]"
 
 
-@pytest.mark.parametrize("answer, slots", [
+@pytest.mark.parametrize("response, slots", [
     (TWO, [(0, EMPTY), (0, None), (2, RED)]),
     (aggregations((" 2x", 1, 2), ("2", 3)), [(0, None), (1, b"[3]"), (0, None)]),
     (aggregations(("4294967297", "null")), [(1, b"[null]"), (0, None), (0, None)]),
     ("{}", [(0, None)] * 3)])
-def test_slots_of_aggregations(probes, answer, slots):
+def test_slots_of_aggregations(probes, response, slots):
     for chunk in (1, 10, 1000):
-        assert read_aggregations(probes, answer, chunk=chunk) == ("on good ", slots)
-    assert read_aggregations(probes, answer, collect=False) == ("on good ", [(count, None) for count, _ in slots])
+        assert read_aggregations(probes, response, chunk=chunk) == ("on good ", slots)
+    assert read_aggregations(probes, response, collect=False) == ("on good ", [(count, None) for count, _ in slots])
     for level in (-2**31, -3, *range(-1, 10), 10, 2**31 - 1):
         packed = [(count, value and len(value).to_bytes(4, "little") + zlib.compress(value, level)
                    if -1 <= level <= 9 else value) for count, value in slots]
-        assert read_aggregations(probes, answer, level=level) == ("on good ", packed), level
+        assert read_aggregations(probes, response, level=level) == ("on good ", packed), level
 
 
 def test_aggregations_without_a_slot(probes):
     for name in ("0", "4", "-1", "abc", "2147483648", "-2147483648", "99999999999999999999999"):
-        answer = aggregations(("1", 5), (name, 6), ("2", 7))
+        response = aggregations(("1", 5), (name, 6), ("2", 7))
         for collect in ("true", "false"):
             for chunk in (1, 1000):
                 statement = f"SELECT probe_term_agg(%s, {chunk}, 3, 5, {collect})"
-                assert probes.failure(statement, (answer,)) == ("HV00B", "Parsing error")
+                assert probes.failure(statement, (response,)) == ("HV00B", "Parsing error")
 
 
 @pytest.mark.parametrize("kind, state, message", [

@@ -9,7 +9,7 @@ import subprocess
 import pytest
 
 from conftest import ROOT, Database, module_path, running_cluster
-from scriptedserver import ScriptedServer, answer, hits
+from scriptedserver import ScriptedServer, response, hits
 
 KEPT = json.loads((ROOT / "tests/data/instructions.json").read_text("utf-8"))
 MOST_GROWTH = 1.15
@@ -34,7 +34,7 @@ def dense_source(i):
 
 
 def page(source):
-    """A page of answers; `source` makes the source of a number."""
+    """A page of responses; `source` makes the source of a number."""
     return hits(*(f'"_index":"books","_id":"book-{i:05}","_score":1.0,"_source":{json.dumps(source(i))}'
                   for i in range(DOCUMENTS)))
 
@@ -57,18 +57,18 @@ def check(name, directory):
 @pytest.mark.parametrize("kind, source", [("text", text_source), ("dense", dense_source)])
 def test_the_reader(tmp_path, kind, source):
     work = module_path().parent / "tests/unit/readerWork"
-    (tmp_path / "answer.json").write_text(page(source), "utf-8")
+    (tmp_path / "response.json").write_text(page(source), "utf-8")
     scanners = subprocess.check_output([work], text=True).split()
     assert "portable" in scanners
     for scanner in scanners:
-        command = [*callgrind("addData", tmp_path), work, scanner, tmp_path / "answer.json"]
+        command = [*callgrind("addData", tmp_path), work, scanner, tmp_path / "response.json"]
         assert int(subprocess.check_output(command)) == DOCUMENTS
         check(f"{kind} {scanner}", tmp_path)
 
 
 def test_rows():
-    """A thousand rows, from the answer to the slot, in a backend that runs alone."""
-    with running_cluster() as cluster, ScriptedServer(answer(page(text_source))) as server:
+    """A thousand rows, from the response to the slot, in a backend that runs alone."""
+    with running_cluster() as cluster, ScriptedServer(response(page(text_source))) as server:
         owner = Database(cluster, server.port)
         owner.install()
         owner.make_table(batchsize=DOCUMENTS, compressionlevel=-2)

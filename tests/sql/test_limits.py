@@ -5,7 +5,7 @@ import pytest
 
 import test_failures
 from conftest import COLUMNS, bodies
-from scriptedserver import answer, hits, named
+from scriptedserver import response, hits, named
 
 ALL = "FROM books WHERE param = 'query={\"match\":{\"title\":\"whales\"}}'"  # 125 of the 250 documents
 REFUSED = "HV000", test_failures.TOO_MANY
@@ -71,6 +71,6 @@ def test_more_hits_than_a_batch(db, scripted, total):
             ("param = 'query=q' LIMIT 60 OFFSET 40", [], [250]), ("docname = 'a'", [2], [1]),
             ("docname IN ('a', 'b')", [3], [2]), ("docname = 'a' LIMIT 1", [], [2])):
         for count in (*refusing, *others):
-            scripted.script = answer(hits(*named("a"), total=total.format(count)))
+            scripted.script = response(hits(*named("a"), total=total.format(count)))
             expected = REFUSED if count in refusing else [] if "OFFSET" in condition else [("a",)]
             assert db.outcome(f"SELECT docname FROM books WHERE {condition}") == expected, (condition, count)

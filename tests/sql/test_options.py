@@ -3,7 +3,7 @@ import json
 
 import test_failures
 from conftest import ROOT
-from scriptedserver import answer, hits, named
+from scriptedserver import response, hits, named
 
 SEARCH = "SELECT docname FROM books WHERE param = 'query=q'"
 LOOK_UP = "SELECT docname FROM books WHERE docname IN ('a', 'c')"
@@ -36,7 +36,7 @@ def test_options_count_where_they_belong(db, scripted):
     db.run("DROP SERVER optioned CASCADE")
 
 
-# Answers that lack hits because shards failed, did not answer, or time ran out; and such as lack nothing. In each way
+# Responses that lack hits because shards failed, did not respond, or time ran out; and such as lack nothing. In each way
 # and on each page: test_versions.
 STATUSES = [
     ('"timed_out":true', "timed out"),
@@ -48,11 +48,11 @@ STATUSES = [
 RECORDING = json.loads((ROOT / "tests/data/recordings/partial-shard-failure.json").read_text("utf-8"))["response"]
 
 
-def test_partial_answers(db, scripted):
+def test_partial_responses(db, scripted):
     """Passed over, warned of, refused."""
     for text, count, what in [(hits(*named("a")).replace("{", "{" + status + ",", 1), 1, what)
                               for status, what in STATUSES] + [(RECORDING, 10, "2 of 4 shards failed")]:
-        scripted.script = answer(text)
+        scripted.script = response(text)
         message = f"ElasticSearch answer is partial: {what}"
         warnings = [f"HV000 WARNING:  {message}"] if what else []
         for query in (SEARCH, LOOK_UP):

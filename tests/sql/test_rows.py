@@ -5,7 +5,7 @@ from random import Random
 import pytest
 
 from conftest import COLUMNS, unpacked
-from scriptedserver import answer, hits, raw
+from scriptedserver import response, hits, raw
 
 SOURCES = ['{"title": "Ein Wal", "in": {"type": "no", "list": [1, {"a": "}"}]}, "type":"book"}',
            '{ "n" : "\\u20ac €" }', "{}"]
@@ -20,7 +20,7 @@ def readable(rows):
     return [tuple(unpacked(each) if isinstance(each, memoryview) else each for each in row) for row in rows]
 
 
-# What an answer leaves out is carried over from the hit before it: type and highlight of the second document.
+# What a response leaves out is carried over from the hit before it: type and highlight of the second document.
 BY_QUERY = " FROM books WHERE param = 'query=q'"
 CANNED = [
     ("* FROM books WHERE param = ANY('{query=q,highlight=h}')",
@@ -42,7 +42,7 @@ CANNED = [
 @pytest.mark.parametrize("jit", ["off", "on"])
 def test_values(db, scripted, jit):
     """As the executor computes them, and as the expression compiler does."""
-    scripted.script = answer(hits(*DOCUMENTS))
+    scripted.script = response(hits(*DOCUMENTS))
     db.make_table(port=scripted.port)
     db.set("jit", jit)
     rows = [(select, expected, readable(db.run("SELECT " + select))) for select, expected in CANNED]
@@ -50,11 +50,11 @@ def test_values(db, scripted, jit):
 
 
 def test_a_document_without_a_type_or_source(db, scripted):
-    scripted.script = answer(hits('"_id":"a","_score":1.5,"_source":{}', '"_id":"b","_score":1'))
+    scripted.script = response(hits('"_id":"a","_score":1.5,"_source":{}', '"_id":"b","_score":1'))
     db.make_table(port=scripted.port)
     assert readable(db.run("SELECT docname, doctype, doccontent, highlights FROM books WHERE param = "
                            "ANY('{query=q,highlight=h}')")) == [("a", "", "{}", None), ("b", "", "{}", None)]
-    scripted.script = answer(hits('"_id":"a","_score":1.5'))
+    scripted.script = response(hits('"_id":"a","_score":1.5'))
     assert db.run("SELECT docname, doccontent" + BY_QUERY) == [("a", None)]
 
 
@@ -103,7 +103,7 @@ SHAPES = [
 
 
 def test_tables_of_other_shapes(db, scripted):
-    scripted.script = answer(hits(DOCUMENTS[0]))
+    scripted.script = response(hits(DOCUMENTS[0]))
     for columns, select, row, asked, unknown in SHAPES:
         db.make_table(columns=columns, port=scripted.port)
         clause = "param = 'query=q'" if "param" in columns else "docname = '{a1}'"
@@ -117,7 +117,7 @@ def test_tables_of_other_shapes(db, scripted):
 
 
 def test_dropped_columns_keep_their_place(db, scripted):
-    scripted.script = answer(hits(DOCUMENTS[0]))
+    scripted.script = response(hits(DOCUMENTS[0]))
     db.make_table(port=scripted.port)
     db.run("ALTER FOREIGN TABLE books DROP COLUMN doccontent, ADD COLUMN body text")
     assert db.run("SELECT *" + BY_QUERY) == [("a1", 2.5, "book", None, None, None)]

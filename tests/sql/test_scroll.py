@@ -2,7 +2,7 @@
 import pytest
 
 from conftest import every_version
-from scriptedserver import answer, hits, named, purpose, scroll_id_in
+from scriptedserver import response, hits, named, purpose, scroll_id_in
 
 ALL = "FROM books WHERE param = 'query={\"match_all\":{}}'"
 NAMES = [f"b{number:03}" for number in range(250)]
@@ -27,7 +27,7 @@ def scroll(db, search):
 @pytest.mark.parametrize("esversion", [None, 6, 7])
 def test_requests(db, scripted, esversion):
     for timeout, options in (("5m", {}), ("90s", {"scrolltimeout": "90s", "indexlist": "books,empty"})):
-        scripted.script = answer(hits(*named("a", "b"), total=4, scroll_id="s"))
+        scripted.script = response(hits(*named("a", "b"), total=4, scroll_id="s"))
         del scripted.requests[:]
         db.make_table(port=scripted.port, batchsize=2, esversion=esversion, **SCROLL, **options)
         assert len(db.run("SELECT docname FROM books WHERE docname = ANY('{a,b,c}')")) == 4
@@ -116,12 +116,12 @@ def test_ends(scroll, search, statements, trace):
 
 
 def page(names="", scroll_id="s", total=5):
-    """A script that answers with a page of documents of these names."""
-    return answer(hits(*named(*names), total=total, scroll_id=scroll_id))
+    """A script that responds with a page of documents of these names."""
+    return response(hits(*named(*names), total=total, scroll_id=scroll_id))
 
 
 # pages, number of rows to read, rows, requests after the first: the ids of next pages, or of deletions with a minus
-ANSWERS = {
+RESPONSES = {
     "a page without hits before the total": ([page("ab"), page()], 9, "ab", ["s"]),
     "pages of all sizes": ([page("ab"), page("c"), page("de")], 9, "abcde", ["s", "s"]),
     # The total is that of the first page.
@@ -138,11 +138,11 @@ ANSWERS = {
 }
 
 
-@pytest.mark.parametrize("pages, read, rows, requests", ANSWERS.values(), ids=ANSWERS)
-def test_answers(db, scripted, pages, read, rows, requests):
+@pytest.mark.parametrize("pages, read, rows, requests", RESPONSES.values(), ids=RESPONSES)
+def test_responses(db, scripted, pages, read, rows, requests):
     for esversion in (None, 7):
         left, scripted.requests[:] = list(pages), []
-        scripted.script = lambda peer: (answer("{}") if peer.purpose == "delete" else left.pop(0))(peer)
+        scripted.script = lambda peer: (response("{}") if peer.purpose == "delete" else left.pop(0))(peer)
         db.make_table(port=scripted.port, esversion=esversion, **SCROLL)
         db.run("BEGIN; DECLARE c CURSOR FOR SELECT docname FROM books WHERE param = 'query=q'")
         assert "".join(name for (name,) in db.run(f"FETCH {read} FROM c")) == rows

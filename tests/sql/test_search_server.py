@@ -1,4 +1,4 @@
-"""The bundled search server: its answers against recorded exchanges, and what no recording tells."""
+"""The bundled search server: its responses against recorded exchanges, and what no recording tells."""
 
 import contextlib
 import gzip
@@ -31,12 +31,12 @@ def send(server, path, body=None, method="POST", headers=JSON):
 
 
 def ask(server, path, body=None):
-    """The answer to a request as JSON."""
+    """The response to a request as JSON."""
     return json.loads(send(server, path, body, *(("GET", {}) if body is None else ("POST", JSON)))[2])
 
 
 def look(value, path):
-    """What is at a path such as "hits.hits.*._id" in an answer; None for what is not there."""
+    """What is at a path such as "hits.hits.*._id" in a response; None for what is not there."""
     step, _, rest = path.partition(".")
     if step == "*":
         return value and [look(inner, rest) for inner in value]
@@ -51,7 +51,7 @@ def recording(name):
 
 
 def recorded_sources(name):
-    """{id: raw source} of a recorded answer."""
+    """{id: raw source} of a recorded response."""
     text, found = recording(name)["response"], {}
     for place in re.finditer(r'"_id":("(?:[^"\\]|\\.)*"),"_score":[^,]*,"_source":', text):
         end = json.JSONDecoder().raw_decode(text, place.end())[1]
@@ -96,7 +96,7 @@ MADE_UP = [(r'"(took|_?node|index_uuid|uuid|creation_date|_scroll_id)":("[^"]*"|
 
 
 def comparable(path, text):
-    """An answer without what a server makes up; members in order where that is no more than a hash table's."""
+    """A response without what a server makes up; members in order where that is no more than a hash table's."""
     for pattern, replacement in MADE_UP:
         text = re.sub(pattern, replacement, text)
     if not re.search("_mapping|_settings|_cat/", path):
@@ -105,7 +105,7 @@ def comparable(path, text):
 
 
 @pytest.mark.parametrize("version", [7, 8])
-def test_answers_like_the_recordings(version):
+def test_responses_like_the_recordings(version):
     names = {path.stem for path in RECORDINGS.glob("*.json")} - NOT_REPLAYED
     differences, scroll_ids = [], {}
     with SearchServer(version) as server:
@@ -166,7 +166,7 @@ QUERIES = [
     ({"range": {"when": {"gte": "2024-01-31T11", "lt": "2024-01-31T12", "time_zone": "+01:00"}}}, "a"),
     ({"nested": {"path": "deep", "query": {"nested": {"path": "deep.i", "query": {"term": {"deep.i.x": 1}}}}}}, "b"),
     ({"bool": {"filter": WHALE, "should": {"term": {"u": 1}}}}, "ba"), ({"range": {"when": {"lt": "now"}}}, "ac")]
-# A path, a body, where to look in the answer, and what is there; a tuple has it for the versions 6, 7, 8 and 9.
+# A path, a body, where to look in the response, and what is there; a tuple has it for the versions 6, 7, 8 and 9.
 EXCHANGES = [
     ("books", {"_source": {"includes": ["f*"], "excludes": ["flat.m"]}}, "hits.hits.0._source", {"flat": {"k": "v"}}),
     ("books", {"sort": {"part": "desc"}}, "hits.hits.*.sort", [[1.3], [1.2], ["-Infinity"]]),

@@ -54,8 +54,8 @@ def test_scroll_ids(db, library, index, version, esversion, refusal):
 
 
 @every_version
-def test_partial_answers(db, search):
-    """The hits of shards that fail or do not answer are missing from a search, and from one page of a scroll."""
+def test_partial_responses(db, search):
+    """The hits of shards that fail or do not respond are missing from a search, and from one page of a scroll."""
     if "four" not in search.cluster.indices:
         search.create_index("four", 4)
         search.put_many("four", [(name, {}) for (name,) in NAMES[:40]])
@@ -68,7 +68,7 @@ def test_partial_answers(db, search):
             ({"page": 2, "failed": 2}, SCROLL, left, "2 of 4 shards failed"),
             ({"page": 3, "timed_out": True}, SCROLL, names, "timed out")):
         db.make_table(indexlist="four", batchsize=15 if options else 100, **options)
-        with search.partial_answers(**partial):
+        with search.partial_responses(**partial):
             assert db.run(SEARCH) == rows
         assert db.connection.notices.pop() == f"WARNING:  ElasticSearch answer is partial: {what}\n"
         assert db.run(SEARCH) == names and not db.connection.notices

@@ -20,8 +20,8 @@ struct SearchRecord : Reader {
     using Reader::Reader;
 
     static constexpr const char *handMade = "search.txt";
-    std::string events; ///< the hits
-    bool goesOn = true; ///< the last verdict
+    std::string events; // the hits
+    bool goesOn = true; // the last verdict
 
     void onNewDocument(const std::string &id, const std::string &source, const std::string &score,
                        const std::string &highlight, const std::string &type) override
@@ -29,7 +29,7 @@ struct SearchRecord : Reader {
         events += "[" + id + "][" + source + "][" + score + "][" + highlight + "][" + type + "] ";
     }
 
-    /// All else that can be asked at this moment; numbers that are 0 are left out.
+    // All else that can be asked at this moment; numbers that are 0 are left out.
     std::string state()
     {
         const auto &status = this->getStatus();
@@ -40,11 +40,9 @@ struct SearchRecord : Reader {
             {"late ", status.timedOut},           {"partial ", status.isPartial()},
             {"ended ", this->hasHits()},          {"stopped ", !goesOn}};
         std::string text, end = "good";
-        for (const auto &[name, number] : numbers) {
-            if (number != 0) {
+        for (const auto &[name, number] : numbers)
+            if (number != 0)
                 text.append(name).append(std::to_string(number)).append(" ");
-            }
-        }
         this->finish(&end);
         text.append(end).append(" <").append(this->getErrorMessage()).append("> <");
         return text.append(this->getScrollId()).append(">");
@@ -54,7 +52,7 @@ struct SearchRecord : Reader {
 template <class Reader, bool collectValues>
 struct TermAggRecord : Reader {
     static constexpr const char *handMade = "termAgg.txt";
-    std::string events; ///< the aggregations
+    std::string events; // the aggregations
     bool goesOn = true;
 
     TermAggRecord() : Reader(collectValues) {}
@@ -72,12 +70,12 @@ struct TermAggRecord : Reader {
     }
 };
 
-/// A kind of answers: the reader under test, and the one that judges it.
+// A kind of responses: the reader under test, and the one that judges it.
 struct Search {
     using Fast = SearchRecord<zq::elasticsearch::SearchResultParserInterface>;
     using Reference = SearchRecord<ReferenceSearchReader>;
 
-    /// Whether the reader owns up to all that it must hold.
+    // Whether the reader owns up to all that it must hold.
     static bool ownsUp(const Fast &fast, const Reference &reference)
     {
         return fast.pendingBytes() >= reference.heldBytes();
@@ -98,29 +96,27 @@ void feed(Reader &reader, std::string_view chunk)
     reader.goesOn = reader.addData(chunk.data(), chunk.size());
 }
 
-/// Readers of one kind, one for each scanner, that are fed the same.
+// Readers of one kind, one for each scanner, that are fed the same.
 template <class Kind>
 class Readers
 {
 public:
     Readers()
     {
-        for (const zq::elasticsearch::BlockScanner &scanner : zq::elasticsearch::blockScanners()) {
+        for (const zq::elasticsearch::BlockScanner &scanner : zq::elasticsearch::blockScanners())
             readers.emplace_back(scanner);
-        }
     }
 
-    /// Takes a copy of the chunk that dies at once: a look beyond it, or back into it later, is a memory
-    /// error.
+    // Takes a copy of the chunk that dies at once: a look beyond it, or back into it later, is a memory
+    // error.
     void take(std::string_view chunk)
     {
         const std::vector<char> bytes(chunk.begin(), chunk.end());
-        for (auto &reader : readers) {
+        for (auto &reader : readers)
             feed(reader, {bytes.data(), bytes.size()});
-        }
     }
 
-    /// Where they differ from the reference reader, or nothing.
+    // Where they differ from the reference reader, or nothing.
     std::string differenceFrom(typename Kind::Reference &reference)
     {
         const std::string expected = reference.state();
@@ -138,27 +134,26 @@ public:
     }
 
 private:
-    std::size_t compared = 0; ///< how much of the events was the same before
+    std::size_t compared = 0; // how much of the events was the same before
     std::deque<typename Kind::Fast> readers;
 };
 
-/// Cuts a text into chunks of these sizes, used in turn. A size of 0 stands for an empty chunk, with one byte
-/// behind it so that there is an end.
+// Cuts a text into chunks of these sizes, used in turn. A size of 0 stands for an empty chunk, with one byte
+// behind it so that there is an end.
 inline std::vector<std::string_view> cut(std::string_view text, const std::vector<std::size_t> &sizes)
 {
     std::vector<std::string_view> chunks;
     for (std::size_t turn = 0; !text.empty(); ++turn) {
         const std::size_t size = sizes[turn % sizes.size()];
-        if (size == 0) {
+        if (size == 0)
             chunks.emplace_back();
-        }
         chunks.push_back(text.substr(0, std::max<std::size_t>(size, 1)));
         text.remove_prefix(chunks.back().size());
     }
     return chunks;
 }
 
-/// Where the readers differ after any of the chunks, or nothing.
+// Where the readers differ after any of the chunks, or nothing.
 template <class Kind>
 std::string differenceIn(const std::vector<std::string_view> &chunks)
 {
@@ -173,7 +168,7 @@ std::string differenceIn(const std::vector<std::string_view> &chunks)
     return difference;
 }
 
-/// Where the readers differ when the text is cut in two at every `stride`-th byte, or nothing.
+// Where the readers differ when the text is cut in two at every `stride`-th byte, or nothing.
 template <class Kind>
 std::string differenceWhenCut(std::string_view text, std::size_t stride)
 {

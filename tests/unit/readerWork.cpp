@@ -1,4 +1,4 @@
-// Reads one answer with a scanner of a given name, in chunks of 16 KiB: the work of which instructions are
+// Reads one response with a scanner of a given name, in chunks of 16 KiB: the work of which instructions are
 // counted. Prints the number of documents; without arguments, the names of the scanners.
 #include "elasticsearch/jsonBlockScan.h"
 #include "elasticsearch/searchResultParserInterface.h"
@@ -32,23 +32,19 @@ struct CountingReader : SearchResultParserInterface {
 int main(int argc, char **argv)
 {
     const BlockScanner *wanted = nullptr;
-    for (const BlockScanner &scanner : blockScanners()) {
-        if (argc != 3) {
+    for (const BlockScanner &scanner : blockScanners())
+        if (argc != 3)
             std::cout << scanner.name << '\n';
-        } else if (scanner.name == std::string_view(argv[1])) {
+        else if (scanner.name == std::string_view(argv[1]))
             wanted = &scanner;
-        }
-    }
-    if (!wanted) {
+    if (!wanted)
         return argc == 3 ? 1 : 0;
-    }
     std::ifstream file(argv[2], std::ios::binary);
-    const std::string answer{std::istreambuf_iterator<char>(file), {}};
-    constexpr std::size_t chunkBytes = 16384;
+    const std::string response{std::istreambuf_iterator<char>(file), {}};
+    constexpr std::size_t ChunkBytes = 16384;
     CountingReader reader(*wanted);
-    for (std::size_t at = 0; at < answer.size(); at += chunkBytes) {
-        reader.addData(answer.data() + at, std::min(chunkBytes, answer.size() - at));
-    }
+    for (std::size_t at = 0; at < response.size(); at += ChunkBytes)
+        reader.addData(response.data() + at, std::min(ChunkBytes, response.size() - at));
     std::cout << reader.documents << '\n';
     return reader.finish(nullptr) ? 0 : 1;
 }

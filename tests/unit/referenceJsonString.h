@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-/// Decodes what stands between the quotes; nothing when that is not valid or names a surrogate. The validity
-/// as a whole is settled first, so that the escapes can be replaced byte by byte.
+// Decodes what stands between the quotes; nothing when that is not valid or names a surrogate. The validity
+// as a whole is settled first, so that the escapes can be replaced byte by byte.
 inline std::optional<std::string> decodeSimply(const std::string &raw)
 {
     const std::string letters = "\"/\\bfnrt", meanings = "\"/\\\b\f\n\r\t", hex = "0123456789abcdefABCDEF";

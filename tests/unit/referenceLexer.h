@@ -5,7 +5,7 @@
 
 struct ReferenceLexer {
     int arrayDepth = 0, objectDepth = 0;
-    int prevArrayDepth = 0, prevObjectDepth = 0; ///< before the last byte
+    int prevArrayDepth = 0, prevObjectDepth = 0; // before the last byte
     bool stringClosed = false, valueClosed = false;
     bool inString = false, inValue = false, escapePending = false;
     std::string stringText, valueText;

@@ -20,9 +20,8 @@ public:
 
     bool addData(const char *data, std::size_t length)
     {
-        for (std::size_t i = 0; i < length && (!errorFlag || inSource); ++i) {
+        for (std::size_t i = 0; i < length && (!errorFlag || inSource); ++i)
             takeByte(data[i]);
-        }
         return !errorFlag;
     }
 
@@ -32,9 +31,8 @@ public:
                                   std::to_string(lexer.arrayDepth) + ", hittag => " + std::to_string(hitTag) +
                                   ", nextis => " + std::to_string(nextIs) + ", error => " +
                                   std::to_string(errorFlag);
-        if (state == "Finish error : { => 0, [ => 0, hittag => 0, nextis => 0, error => 0") {
+        if (state == "Finish error : { => 0, [ => 0, hittag => 0, nextis => 0, error => 0")
             return true;
-        }
         *message = state;
         return false;
     }
@@ -46,7 +44,7 @@ public:
     const std::string &getErrorMessage() const { return content; }
     const zq::elasticsearch::SearchResponseStatus &getStatus() const { return status; }
     bool hasHits() const { return hitsEnded; }
-    /// What has to be held however the chunks are cut.
+    // What has to be held however the chunks are cut.
     std::size_t heldBytes() const { return content.size() + highlight.size() + scalarText.size(); }
 
 private:
@@ -56,25 +54,21 @@ private:
     void takeByte(char c)
     {
         lexer.step(c);
-        if (inScalar && !copies()) {
+        if (inScalar && !copies())
             captureScalar(c);
-        }
         captureStatus(c);
-        if (lexer.objectDepth < lexer.prevObjectDepth) {
+        if (lexer.objectDepth < lexer.prevObjectDepth)
             objectClosed();
-        } else if (lexer.objectDepth > lexer.prevObjectDepth && lexer.objectDepth == 4 && copies()) {
+        else if (lexer.objectDepth > lexer.prevObjectDepth && lexer.objectDepth == 4 && copies())
             copy().clear();
-        }
         if (lexer.arrayDepth < lexer.prevArrayDepth && lexer.arrayDepth == 0 && hitTag == 2) {
             hitTag = 1;
             hitsEnded = true;
         }
-        if (lexer.stringClosed) {
+        if (lexer.stringClosed)
             takeString(lexer.stringText);
-        }
-        if (copies()) {
+        if (copies())
             copy() += c;
-        }
     }
 
     void captureScalar(char c)
@@ -86,19 +80,17 @@ private:
         } else {
             inScalar = false;
             errorFlag = errorFlag || hitTag < 1 || hitTag > 2 || (hitTag == 1 && getTotalHitCount() != 0);
-            if (hitTag == 1) {
+            if (hitTag == 1)
                 totalHits = std::strtol(scalarText.c_str(), nullptr, 10);
-            } else if (hitTag == 2) {
+            else if (hitTag == 2)
                 score = scalarText;
-            }
         }
     }
 
     void captureStatus(char c)
     {
-        if (statusName.empty() || c == ' ' || c == '\t' || c == '\r' || c == '\n') {
+        if (statusName.empty() || c == ' ' || c == '\t' || c == '\r' || c == '\n')
             return;
-        }
         statusText += c;
         const bool ends = c == ',' || c == '}', isMember = statusText.front() == ':';
         if (ends && isMember) {
@@ -112,9 +104,8 @@ private:
                                               : status.failedShards) = number;
             }
         }
-        if (ends || !isMember || c == '"' || c == '{' || c == '[' || statusText.size() > 19) {
+        if (ends || !isMember || c == '"' || c == '{' || c == '[' || statusText.size() > 19)
             statusName.clear();
-        }
     }
 
     void nameStatus(const std::string &text)
@@ -130,24 +121,21 @@ private:
 
     void objectClosed()
     {
-        if (hitTag == 1 && lexer.objectDepth == 1) {
+        if (hitTag == 1 && lexer.objectDepth == 1)
             hitTag = 0;
-        }
         if (lexer.objectDepth == 3 && copies()) {
             copy() += '}';
             inHighlight = inSource && inHighlight;
             inSource = false;
         }
-        if (lexer.objectDepth == 2 && hitTag == 2 && lexer.arrayDepth == 1) {
+        if (lexer.objectDepth == 2 && hitTag == 2 && lexer.arrayDepth == 1)
             onNewDocument(docId, content, score, highlight, docType);
-        }
     }
 
     void takeString(const std::string &text)
     {
-        if (lexer.arrayDepth == 0 && hitTag == 0) {
+        if (lexer.arrayDepth == 0 && hitTag == 0)
             nameStatus(text);
-        }
         if (lexer.objectDepth <= 2) {
             takeOuterString(text, lexer.arrayDepth == 0 ? lexer.objectDepth : 0);
         } else if (lexer.objectDepth == 3 && lexer.arrayDepth == 0 && hitTag == 1 && text == "gte") {
@@ -201,8 +189,8 @@ private:
     std::string statusName, statusText, outerName;
     std::string scalarText, content, highlight, docId, docType, score, scrollId;
     std::int64_t totalHits = 0;
-    int hitTag = 0; ///< how many "hits" we are inside of
-    int nextIs = 0; ///< what the next string is: 1 an id, 2 the scroll id, 3 a type
+    int hitTag = 0; // how many "hits" we are inside of
+    int nextIs = 0; // what the next string is: 1 an id, 2 the scroll id, 3 a type
     bool errorFlag = false, inSource = false, inHighlight = false, inScalar = false;
     bool totalIsLowerBound = false, hitsEnded = false;
 };

@@ -34,16 +34,14 @@ private:
         const std::string &text = lexer.stringText;
         if (depth == 1 && ended) {
             inAggregations = isName && text == "aggregations";
-            if (isName && errorKeySeen && !inAggregations && text != "error") {
+            if (isName && errorKeySeen && !inAggregations && text != "error")
                 fail(text);
-            }
             errorKeySeen = errorKeySeen || (isName && text == "error");
         } else if (depth == 2 && ended) {
             inRootAgg = isName && inAggregations && text == "rootagg";
         } else if (depth == 3 && ended) {
-            if (owner != "") {
+            if (owner != "")
                 onAttributes(owner, count, (values == "" ? "[" : values) + "]");
-            }
             values = "";
             count = 0;
             owner = isName && inRootAgg && text != "doc_count" ? text : "";
@@ -55,9 +53,8 @@ private:
         if (depth == 4) {
             const bool isName = lexer.stringClosed && lexer.arrayDepth == 0;
             inBuckets = inBuckets || (isName && owner != "" && lexer.stringText == "buckets");
-            if (keyIsNext) {
+            if (keyIsNext)
                 fail("Parsing error, fail to retrieve field value");
-            }
         } else if (depth == 5 && lexer.arrayDepth == 1 && inBuckets) {
             if (keyIsNext && lexer.valueClosed) {
                 keyIsNext = false;

@@ -1,4 +1,4 @@
-"""The text of a search's answer."""
+"""The text of a search's response."""
 
 import fnmatch
 import functools
@@ -12,7 +12,7 @@ from .jsontext import Score, write, write_score, write_string
 from .numeric import Floating
 
 
-class Answer:
+class Response:
     """Writes what a search found, in the dialect and with the parts that the request wants."""
 
     def __init__(self, request, outcome, started):
@@ -23,7 +23,7 @@ class Answer:
         self.score_text = functools.lru_cache(None)(write_score)
 
     def write(self, hits, scroll_id=None, ends_early=None):
-        """The answer with these of the hits; `ends_early` is what it says of "terminated_early", None for nothing."""
+        """The response with these of the hits; `ends_early` is what it says of "terminated_early", None for nothing."""
         outcome = self.outcome
         head = f'"_scroll_id":"{scroll_id}",' if scroll_id else ""
         took = int((time.monotonic() - self.started) * 1000)

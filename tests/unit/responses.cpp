@@ -1,5 +1,5 @@
-// The answers that the readers are tried with: recorded, made by hand, and random.
-#include "answers.h"
+// The responses that the readers are tried with: recorded, made by hand, and random.
+#include "responses.h"
 
 #include "referenceJsonString.h"
 
@@ -12,7 +12,7 @@ namespace
 
 const std::string data = TEST_DATA_DIR;
 
-/// The entries of the fuzzers' dictionary.
+// The entries of the fuzzers' dictionary.
 std::vector<std::string> readTokens()
 {
     std::vector<std::string> tokens;
@@ -25,9 +25,8 @@ std::vector<std::string> readTokens()
                             : line[at + isEscape];
             at += isByte ? 3 : isEscape;
         }
-        if (line[0] == '"') {
+        if (line[0] == '"')
             tokens.push_back(token);
-        }
     }
     return tokens;
 }
@@ -43,42 +42,40 @@ std::string contentOf(const std::string &path)
     return text.str();
 }
 
-std::vector<Answer> handMade(const std::string &file)
+std::vector<Response> handMade(const std::string &file)
 {
-    std::vector<Answer> answers;
-    std::istringstream lines(contentOf(data + "/answers/" + file));
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("# ", 0) == 0) {
-            answers.push_back({line.substr(2), "", ""});
-        } else if (line.rfind("=> ", 0) == 0) {
-            answers.back().expected = line.substr(3);
-        } else {
-            answers.back().text += (answers.back().text.empty() ? "" : "\n") + line;
-        }
-    }
-    return answers;
+    std::vector<Response> responses;
+    std::istringstream lines(contentOf(data + "/responses/" + file));
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind("# ", 0) == 0)
+            responses.push_back({line.substr(2), "", ""});
+        else if (line.rfind("=> ", 0) == 0)
+            responses.back().expected = line.substr(3);
+        else
+            responses.back().text += (responses.back().text.empty() ? "" : "\n") + line;
+    return responses;
 }
 
-std::vector<Answer> recordings()
+std::vector<Response> recordings()
 {
     const std::string member = "\n \"response\": \"";
-    std::vector<Answer> answers;
+    std::vector<Response> responses;
     for (const auto &file : std::filesystem::directory_iterator(data + "/recordings")) {
         const std::string text = contentOf(file.path());
         if (const std::size_t found = text.find(member); found != std::string::npos) {
             const std::size_t begin = found + member.size();
             const std::string raw = text.substr(begin, text.rfind('"') - begin);
-            answers.push_back({file.path().stem(), decodeSimply(raw).value(), ""});
+            responses.push_back({file.path().stem(), decodeSimply(raw).value(), ""});
         }
     }
-    return answers;
+    return responses;
 }
 
-std::string randomAnswer(const std::vector<Answer> &answers, std::mt19937 &random)
+std::string randomResponse(const std::vector<Response> &responses, std::mt19937 &random)
 {
     static const std::vector<std::string> tokens = readTokens();
     const auto below = [&](std::size_t limit) { return random() % limit; };
-    std::string text = answers[below(answers.size())].text;
+    std::string text = responses[below(responses.size())].text;
     const bool isWhole = below(3) == 0;
     text.resize(isWhole ? text.size() : below(text.size() + 1));
     for (std::size_t count = below(isWhole ? 5 : 40); count > 0; --count) {

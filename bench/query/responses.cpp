@@ -1,4 +1,4 @@
-#include "answers.h"
+#include "responses.h"
 
 #include <algorithm>
 #include <charconv>
@@ -38,7 +38,7 @@ std::vector<std::string> render(const Search &search)
         throw std::invalid_argument("pages that do not come out even");
     std::vector<std::string> pages;
     for (std::uint64_t first = 0; first < std::min(cycle, search.total); first += hits)
-        pages.push_back(makeAnswer(search.kind, first, hits, search.total, Placeholder));
+        pages.push_back(makeResponse(search.kind, first, hits, search.total, Placeholder));
     return pages;
 }
 
@@ -65,7 +65,7 @@ ScrollPosition positionOf(std::string_view scrollId)
     return {{kindNamed(kind), total, size}, numberIn(scrollId)};
 }
 
-Page Answers::page(const ScrollPosition &position)
+Page Responses::page(const ScrollPosition &position)
 {
     const Search &search = position.search;
     if (position.offset >= search.total)
@@ -78,11 +78,11 @@ Page Answers::page(const ScrollPosition &position)
     return {whole.substr(0, id), whole.substr(id + std::string_view(Placeholder).size())};
 }
 
-std::string_view Answers::only(const Search &search)
+std::string_view Responses::only(const Search &search)
 {
     std::string &whole = single[{search.kind, search.total, search.size}];
     if (whole.empty())
-        whole = makeAnswer(search.kind, 0, std::min(search.size, search.total), search.total, "");
+        whole = makeResponse(search.kind, 0, std::min(search.size, search.total), search.total, "");
     return whole;
 }
 
