@@ -12,4 +12,10 @@ namespace zq::elasticsearch
 // a surrogate pair is refused, so a pair written as two escapes is too.
 bool decodeJsonString(std::string_view raw, std::string &decoded);
 
+// The same, but two \u escapes that are a surrogate pair are one character.
+bool decodeJsonText(std::string_view raw, std::string &decoded);
+
+// Whether the text is valid UTF-8.
+bool isValidUtf8(std::string_view text);
+
 } // namespace zq::elasticsearch

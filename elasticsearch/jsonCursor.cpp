@@ -1,0 +1,188 @@
+// Reading a JSON text that lies in one piece, token by token.
+#include "elasticsearch/jsonCursor.h"
+
+#include <cstring>
+
+namespace zq::elasticsearch
+{
+namespace
+{
+
+bool isDigit(char byte) { return byte >= '0' && byte <= '9'; }
+
+bool isHexDigit(char byte)
+{
+    return isDigit(byte) || (byte >= 'a' && byte <= 'f') || (byte >= 'A' && byte <= 'F');
+}
+
+// Whether one of eight bytes is a backslash or a control character.
+bool isSpecial(std::uint64_t bytes)
+{
+    constexpr std::uint64_t Ones = 0x0101010101010101;
+    constexpr std::uint64_t HighBits = Ones << 7;
+    const std::uint64_t backslashes = bytes ^ Ones * '\\';
+    const std::uint64_t isBackslash = (backslashes - Ones) & ~backslashes;
+    const std::uint64_t isControl = (bytes - Ones * ' ') & ~bytes;
+    return ((isBackslash | isControl) & HighBits) != 0;
+}
+
+} // namespace
+
+bool JsonCursor::isAtEnd()
+{
+    skipBlanks();
+    return at == text.size();
+}
+
+// Escapes are the known ones, and control characters stand as escapes only.
+void JsonCursor::checkString(std::size_t begin, std::size_t end) const
+{
+    std::size_t i = begin;
+    while (i < end) {
+        std::uint64_t bytes = 0;
+        if (end - i >= sizeof bytes) {
+            std::memcpy(&bytes, text.data() + i, sizeof bytes);
+            if (!isSpecial(bytes)) {
+                i += sizeof bytes;
+                continue;
+            }
+        }
+        const char byte = text[i++];
+        if (static_cast<unsigned char>(byte) < ' ')
+            throw JsonError("control character in a string", i - 1);
+        if (byte != '\\')
+            continue;
+        const char escaped = text[i++]; // the closing quote is no escaped one, so this is before it
+        if (escaped == 'u') {
+            for (int digit = 0; digit < 4; ++digit)
+                if (!isHexDigit(text[i++])) // the closing quote is none either
+                    throw JsonError("escape without four hexadecimal digits", i - 1);
+        } else if (std::strchr("\"\\/bfnrt", escaped) == nullptr) {
+            throw JsonError("unknown escape", i - 1);
+        }
+    }
+}
+
+void JsonCursor::skipDigits()
+{
+    if (at < text.size() && !isDigit(text[at]))
+        throw JsonError("digit expected", at);
+    while (at < text.size() && isDigit(text[at]))
+        ++at;
+    if (at == text.size())
+        throw JsonNeedsMore(); // nothing says that the number ends here
+}
+
+void JsonCursor::skipNumber()
+{
+    if (text[at] == '-')
+        ++at;
+    const bool isZero = at < text.size() && text[at] == '0';
+    const std::size_t begin = at;
+    skipDigits();
+    if (isZero && at > begin + 1)
+        throw JsonError("number with a leading zero", begin);
+    if (text[at] == '.') {
+        ++at;
+        skipDigits();
+    }
+    if (text[at] == 'e' || text[at] == 'E') {
+        ++at;
+        if (at < text.size() && (text[at] == '+' || text[at] == '-'))
+            ++at;
+        skipDigits();
+    }
+}
+
+void JsonCursor::skipWord(std::string_view word)
+{
+    const std::string_view found = text.substr(at, word.size());
+    if (found != word.substr(0, found.size()))
+        throw JsonError("unknown word", at);
+    if (found.size() < word.size())
+        throw JsonNeedsMore();
+    at += word.size();
+}
+
+std::string_view JsonCursor::scalar()
+{
+    const char first = peek();
+    const std::size_t begin = at;
+    if (first == 't')
+        skipWord("true");
+    else if (first == 'f')
+        skipWord("false");
+    else if (first == 'n')
+        skipWord("null");
+    else if (first == '-' || isDigit(first))
+        skipNumber();
+    else
+        throw JsonError("value expected", at);
+    return from(begin);
+}
+
+std::string_view JsonCursor::value()
+{
+    peek();
+    const std::size_t begin = at;
+    // The brackets that are open: no depth of the text is one of the stack's.
+    std::string open;
+    do {
+        switch (const char first = peek()) {
+        case '{':
+        case '[':
+            ++at;
+            open += first;
+            break;
+        case '"':
+            string();
+            break;
+        default:
+            scalar();
+            break;
+        }
+        // What was opened just now may be empty; else its first value is next.
+        while (!open.empty() && closesValue(open)) {
+        }
+    } while (!open.empty());
+    return from(begin);
+}
+
+// Goes on to the next value of the innermost open container and returns false, or takes its end and returns
+// true.
+bool JsonCursor::closesValue(std::string &open)
+{
+    const char before = text[at - 1];
+    const bool isFirst = before == open.back();
+    std::string_view name;
+    const bool goesOn = open.back() == '{' ? nextMember(isFirst, name) : nextElement(isFirst);
+    if (!goesOn)
+        open.pop_back();
+    return !goesOn;
+}
+
+std::string_view JsonCursor::container()
+{
+    const char first = peek();
+    if (first != '{' && first != '[')
+        throw JsonError("object or array expected", at);
+    const std::size_t begin = at;
+    std::ptrdiff_t objects = 0;
+    std::ptrdiff_t arrays = 0;
+    const bool isClosed = structure->findBracket(begin, [&](std::size_t position) {
+        const char bracket = text[position];
+        // Sums instead of branches: which bracket comes next is nothing a processor could foresee.
+        objects += (bracket == '{') - (bracket == '}');
+        arrays += (bracket == '[') - (bracket == ']');
+        at = position;
+        return objects + arrays == 0;
+    });
+    if (!isClosed)
+        throw JsonNeedsMore();
+    if (objects != 0)
+        throw JsonError("brackets that do not match", at);
+    ++at;
+    return from(begin);
+}
+
+} // namespace zq::elasticsearch

@@ -1,0 +1,136 @@
+// Reading a JSON text that lies in one piece, token by token, by the grammar of RFC 8259. What a caller is
+// not interested in can be passed over at the speed of the scan.
+#pragma once
+
+#include "elasticsearch/jsonStructure.h"
+
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace zq::elasticsearch
+{
+
+// The text breaks the grammar. `position` counts bytes from the beginning of the text.
+class JsonError : public std::runtime_error
+{
+public:
+    JsonError(const char *what, std::size_t position) : std::runtime_error(what), position(position) {}
+    const std::size_t position;
+};
+
+// The text ends where it could go on: with more of it, reading may start again at the last position that was
+// good.
+struct JsonNeedsMore {
+};
+
+// A place in a text. Copies are cheap: whoever must not lose his place reads with a copy. All functions that
+// read skip blanks first, and throw JsonError or JsonNeedsMore.
+class JsonCursor
+{
+public:
+    // `text` must be what `structure` knows; both must outlive the cursor.
+    JsonCursor(std::string_view text, const JsonStructure &structure, std::size_t position)
+        : text(text), structure(&structure), at(position)
+    {
+    }
+
+    std::size_t position() const { return at; }
+
+    // The first byte of the next token.
+    char peek();
+    // Whether nothing but blanks is left.
+    bool isAtEnd();
+    // Takes the byte, which must come next.
+    void take(char byte);
+
+    // Takes what leads to the next member of an object whose brace was taken: a comma, unless it is the
+    // first, the name and the colon. Takes the closing brace and returns false when there is none. The name
+    // is as it stands.
+    bool nextMember(bool isFirst, std::string_view &name);
+    // The same for the elements of an array.
+    bool nextElement(bool isFirst);
+
+    // A string; returns what stands between the quotes, whose escapes are valid but not decoded.
+    std::string_view string();
+    // A number, true, false or null, as it stands.
+    std::string_view scalar();
+    // Any value, as it stands. Containers must be well formed all through.
+    std::string_view value();
+    // An object or array, as it stands. Of what is inside only strings and the balance of the brackets are
+    // looked at.
+    std::string_view container();
+
+private:
+    std::string_view from(std::size_t begin) const { return {text.data() + begin, at - begin}; }
+    void skipBlanks();
+    void skipDigits();
+    void checkString(std::size_t begin, std::size_t end) const;
+    void skipNumber();
+    void skipWord(std::string_view word);
+    bool closesValue(std::string &open);
+
+    std::string_view text;
+    const JsonStructure *structure;
+    std::size_t at;
+};
+
+inline void JsonCursor::skipBlanks()
+{
+    while (at < text.size() && (text[at] == ' ' || text[at] == '\n' || text[at] == '\r' || text[at] == '\t'))
+        ++at;
+}
+
+inline char JsonCursor::peek()
+{
+    skipBlanks();
+    if (at == text.size())
+        throw JsonNeedsMore();
+    return text[at];
+}
+
+inline void JsonCursor::take(char byte)
+{
+    if (peek() != byte)
+        throw JsonError("unexpected character", at);
+    ++at;
+}
+
+inline bool JsonCursor::nextMember(bool isFirst, std::string_view &name)
+{
+    if (peek() == '}') {
+        ++at;
+        return false;
+    }
+    if (!isFirst)
+        take(',');
+    name = string();
+    take(':');
+    return true;
+}
+
+inline bool JsonCursor::nextElement(bool isFirst)
+{
+    if (peek() == ']') {
+        ++at;
+        return false;
+    }
+    if (!isFirst)
+        take(',');
+    return true;
+}
+
+inline std::string_view JsonCursor::string()
+{
+    take('"');
+    const std::size_t begin = at;
+    const std::size_t end = structure->nextClosingQuote(begin);
+    if (end == JsonStructure::NoPosition)
+        throw JsonNeedsMore();
+    checkString(begin, end);
+    at = end + 1;
+    return {text.data() + begin, end - begin};
+}
+
+} // namespace zq::elasticsearch

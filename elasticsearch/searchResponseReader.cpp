@@ -1,0 +1,318 @@
+// The exact reader of Elasticsearch search and scroll responses.
+#include "elasticsearch/searchResponseReader.h"
+
+#include "elasticsearch/jsonString.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace zq::elasticsearch
+{
+namespace
+{
+
+// Calls take(name) for each member of the object that comes next; it must read the value.
+template <typename Take>
+void forEachMember(JsonCursor &cursor, Take &&take)
+{
+    cursor.take('{');
+    std::string_view name;
+    for (bool isFirst = true; cursor.nextMember(isFirst, name); isFirst = false)
+        take(name);
+}
+
+std::int64_t count(JsonCursor &cursor)
+{
+    const std::size_t begin = cursor.position();
+    const std::string_view digits = cursor.scalar();
+    std::int64_t number = 0;
+    const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (problem != std::errc() || end != digits.data() + digits.size() || number < 0)
+        throw JsonError("count expected", begin);
+    return number;
+}
+
+// A string, decoded.
+std::string decoded(JsonCursor &cursor)
+{
+    const std::size_t begin = cursor.position();
+    std::string text;
+    if (!decodeJsonText(cursor.string(), text))
+        throw JsonError("string that is not valid Unicode", begin);
+    return text;
+}
+
+// A value that is passed over. Containers are looked at as closely as what they are.
+std::string_view skipped(JsonCursor &cursor) { return cursor.value(); }
+
+// A hit that is cut is read anew when more has arrived: that is tried when there is this much, and as much
+// again as there is of the hit.
+constexpr std::size_t StrideBytes = std::size_t{64} << 10;
+
+struct KnownMember {
+    std::string_view name;
+    HitMember member;
+};
+
+constexpr KnownMember HitStrings[] = {{"_index", HitMember::Index}, {"_id", HitMember::Id}};
+constexpr KnownMember HitContainers[] = {
+    {"_source", HitMember::Source},
+    {"highlight", HitMember::Highlight},
+    {"sort", HitMember::Sort},
+    {"fields", HitMember::Fields},
+    {"inner_hits", HitMember::InnerHits},
+    {"_explanation", HitMember::Explanation},
+};
+
+template <std::size_t size>
+const KnownMember *find(const KnownMember (&known)[size], std::string_view name)
+{
+    const auto *found =
+        std::find_if(known, known + size, [&](const KnownMember &each) { return each.name == name; });
+    return found == known + size ? nullptr : found;
+}
+
+} // namespace
+
+SearchResponseReader::SearchResponseReader(const BlockScanner &scanner) : structure(scanner) {}
+
+void SearchResponseReader::clear()
+{
+    buffer.clear();
+    structure.clear();
+    seen = parsed = 0;
+    place = Place::Start;
+    isFirst = true;
+    hasHits = false;
+    hits.clear();
+    found = {};
+    errorSpan = shardsSpan = aggregationsSpan = {};
+    problemText.clear();
+}
+
+bool SearchResponseReader::read(const char *data, std::size_t length)
+{
+    if (!problemText.empty())
+        return false;
+    buffer.append(data, length);
+    if (buffer.size() - seen >= std::max(StrideBytes, seen - parsed))
+        advance();
+    return problemText.empty();
+}
+
+// Understands as much of the text as there is to understand.
+void SearchResponseReader::advance()
+{
+    seen = buffer.size();
+    structure.extend(buffer.data(), seen);
+    try {
+        for (;;) {
+            JsonCursor cursor(text(), structure, parsed);
+            if (place == Place::End) {
+                if (!cursor.isAtEnd())
+                    throw JsonError("text behind the response", cursor.position());
+                return;
+            }
+            readStep(cursor);
+            parsed = cursor.position();
+        }
+    } catch (const JsonNeedsMore &) {
+        // It goes on at `parsed`.
+    } catch (const JsonError &error) {
+        problemText = std::string(error.what()) + " at byte " + std::to_string(error.position + 1);
+    }
+    structure.forgetBefore(parsed);
+}
+
+bool SearchResponseReader::finish()
+{
+    if (problemText.empty())
+        advance();
+    if (!problemText.empty())
+        return false;
+    if (place != Place::End)
+        problemText =
+            text().empty() ? "empty response" : "response cut off at byte " + std::to_string(text().size());
+    else if (errorSpan.length > 0)
+        problemText = "error in place of hits";
+    else if (!hasHits)
+        problemText = "no hits";
+    return problemText.empty();
+}
+
+SearchResponseReader::Span SearchResponseReader::spanOf(std::string_view view) const
+{
+    return {static_cast<std::uint32_t>(view.data() - text().data()), static_cast<std::uint32_t>(view.size())};
+}
+
+void SearchResponseReader::enter(Place inner)
+{
+    place = inner;
+    isFirst = true;
+}
+
+// Reads what comes next as a whole, or throws and has changed nothing.
+void SearchResponseReader::readStep(JsonCursor &cursor)
+{
+    switch (place) {
+    case Place::Start:
+        cursor.take('{');
+        enter(Place::Response);
+        break;
+    case Place::Response:
+        readResponseMember(cursor);
+        break;
+    case Place::Hits:
+        readHitsMember(cursor);
+        break;
+    case Place::HitArray:
+        readHit(cursor);
+        break;
+    case Place::End:
+        break;
+    }
+}
+
+void SearchResponseReader::readResponseMember(JsonCursor &cursor)
+{
+    std::string_view name;
+    if (!cursor.nextMember(isFirst, name)) {
+        place = Place::End;
+        return;
+    }
+    if (name == "hits") {
+        cursor.take('{');
+        hits.clear();
+        hasHits = found.hasTotal = false;
+        enter(Place::Hits);
+        return;
+    }
+    if (name == "_scroll_id") {
+        found.scrollId = decoded(cursor);
+    } else if (name == "timed_out") {
+        found.timedOut = skipped(cursor) == "true";
+    } else if (name == "_shards") {
+        readShards(cursor);
+    } else if (name == "_clusters") {
+        readClusters(cursor);
+    } else {
+        const std::string_view value = skipped(cursor);
+        if (name == "error")
+            errorSpan = spanOf(value);
+        else if (name == "aggregations")
+            aggregationsSpan = spanOf(value);
+    }
+    isFirst = false;
+}
+
+void SearchResponseReader::readHitsMember(JsonCursor &cursor)
+{
+    std::string_view name;
+    if (!cursor.nextMember(isFirst, name)) {
+        enter(Place::Response);
+        isFirst = false;
+        return;
+    }
+    if (name == "hits") {
+        cursor.take('[');
+        hits.clear();
+        enter(Place::HitArray);
+        return;
+    }
+    if (name == "total")
+        readTotal(cursor);
+    else
+        skipped(cursor);
+    isFirst = false;
+}
+
+// A number, or from version 7 on an object that tells how far was counted.
+void SearchResponseReader::readTotal(JsonCursor &cursor)
+{
+    std::int64_t total = 0;
+    bool isLowerBound = false;
+    if (cursor.peek() != '{') {
+        total = count(cursor);
+    } else {
+        forEachMember(
+            cursor,
+            [&](std::string_view name) {
+                if (name == "value")
+                    total = count(cursor);
+                else if (name == "relation")
+                    isLowerBound = cursor.string() != "eq";
+                else
+                    skipped(cursor);
+            });
+    }
+    found.hasTotal = true;
+    found.total = total;
+    found.totalIsLowerBound = isLowerBound;
+}
+
+void SearchResponseReader::readShards(JsonCursor &cursor)
+{
+    cursor.peek();
+    const std::size_t begin = cursor.position();
+    std::int64_t total = 0;
+    std::int64_t successful = 0;
+    std::int64_t failed = 0;
+    forEachMember(cursor, [&](std::string_view name) {
+        if (name == "total")
+            total = count(cursor);
+        else if (name == "successful")
+            successful = count(cursor);
+        else if (name == "failed")
+            failed = count(cursor);
+        else
+            skipped(cursor);
+    });
+    found.totalShards = total;
+    found.successfulShards = successful;
+    found.failedShards = failed;
+    shardsSpan = spanOf(text().substr(begin, cursor.position() - begin));
+}
+
+// All counts but those of the clusters there are and of those that responded in full tell of lacking ones.
+void SearchResponseReader::readClusters(JsonCursor &cursor)
+{
+    std::int64_t lacking = 0;
+    forEachMember(cursor, [&](std::string_view name) {
+        if (name == "skipped" || name == "partial" || name == "failed" || name == "running")
+            lacking += count(cursor);
+        else
+            skipped(cursor);
+    });
+    found.lackingClusters = lacking;
+}
+
+void SearchResponseReader::readHit(JsonCursor &cursor)
+{
+    if (!cursor.nextElement(isFirst)) {
+        hasHits = true;
+        enter(Place::Hits);
+        isFirst = false;
+        return;
+    }
+    const std::size_t begin = cursor.position();
+    Hit hit{};
+    forEachMember(cursor, [&](std::string_view name) {
+        const auto keep = [&](HitMember member, std::string_view value) {
+            hit[static_cast<std::size_t>(member)] = value == "null" ? Span{} : spanOf(value);
+        };
+        if (const KnownMember *known = find(HitStrings, name))
+            hit[static_cast<std::size_t>(known->member)] = spanOf(cursor.string());
+        else if (name == "_score")
+            keep(HitMember::Score, cursor.scalar());
+        else if (const KnownMember *container = find(HitContainers, name))
+            keep(container->member, cursor.peek() == 'n' ? cursor.scalar() : cursor.container());
+        else
+            skipped(cursor);
+    });
+    if (hit[static_cast<std::size_t>(HitMember::Id)].length == 0)
+        throw JsonError("hit without an _id", begin);
+    hits.push_back(hit);
+    isFirst = false;
+}
+
+} // namespace zq::elasticsearch
