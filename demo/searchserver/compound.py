@@ -1,5 +1,7 @@
 """Queries made of queries."""
 
+import random
+
 from .errors import ParseError, Refusal
 from .querybase import Constant, Everything, Query, boost_of, only_keys, parse, parser
 from .scoring import part, single
@@ -163,3 +165,26 @@ def parse_nested(body, path, dialect):
             key: int(body["inner_hits"][key]) for key in ("size", "from") if key in body["inner_hits"]}}
         found.nested = [found]
     return found
+
+
+class RandomScore(Query):
+    """Documents of another query, each with a score by chance."""
+
+    def __init__(self, query, boost):
+        super().__init__(query.marks, query.nested)
+        self.query, self.boost = query, boost
+
+    def evaluate(self, level):
+        return {place: single(random.random() * self.boost) for place in self.query.evaluate(level)}
+
+    def describe(self):
+        return f"function score ({self.query.describe()})"
+
+
+@parser("function_score")
+def parse_function_score(body, path, dialect):
+    """Of all functions only a random score in place of the query's own."""
+    only_keys("function_score", body, path, ("query", "random_score", "boost_mode", "boost"))
+    if body.get("random_score") != {} or body.get("boost_mode") != "replace":
+        raise ParseError(path, "[function_score] only an unseeded random_score that replaces the score is known here")
+    return RandomScore(parse(body.get("query", {"match_all": {}}), (*path, "query"), dialect), boost_of(body))
