@@ -30,7 +30,7 @@ void allocateBytes(Size payloadSize, varlena *&destination)
     const Size total = payloadSize + VARHDRSZ;
     destination = static_cast<varlena *>(palloc(total));
     if (!destination)
-        raiseError(ERRCODE_OUT_OF_MEMORY, nullptr, __FILE__, __LINE__, __func__);
+        raiseError(ERRCODE_OUT_OF_MEMORY, {}, __FILE__, __LINE__, __func__);
     SET_VARSIZE(destination, total);
 }
 

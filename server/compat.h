@@ -13,7 +13,11 @@ extern "C" {
 #include "optimizer/clauses.h"
 #include "optimizer/var.h"
 #endif
+#if PG_VERSION_NUM >= 140000
+#include "utils/wait_event.h"
+#endif
 #if PG_VERSION_NUM >= 180000
+#include "commands/explain_format.h"
 #include "commands/explain_state.h"
 #endif
 }
@@ -37,9 +41,16 @@ inline Relation heap_open(Oid relationId, LOCKMODE lockMode) { return table_open
 namespace qm::server
 {
 
-// Reports `text` as an ERROR at the given place; [server side], does not return. From version 13 on the
-// place is handed over when the report is finished, before that when it starts.
-[[noreturn]] inline void raiseError(int sqlState, const char *text, const char *file, int line,
+// The texts of an error; null for one that it does not have.
+struct ErrorTexts {
+    const char *message;
+    const char *detail;
+    const char *hint;
+};
+
+// Reports an ERROR at the given place; [server side], does not return. From version 13 on the place is handed
+// over when the report is finished, before that when it starts.
+[[noreturn]] inline void raiseError(int sqlState, const ErrorTexts &texts, const char *file, int line,
                                     const char *function)
 {
 #if PG_VERSION_NUM >= 130000
@@ -48,8 +59,12 @@ namespace qm::server
     if (errstart(ERROR, file, line, function, TEXTDOMAIN)) {
 #endif
         errcode(sqlState);
-        if (text)
-            errmsg_internal("%s", text);
+        if (texts.message)
+            errmsg_internal("%s", texts.message);
+        if (texts.detail)
+            errdetail_internal("%s", texts.detail);
+        if (texts.hint)
+            errhint("%s", texts.hint);
 #if PG_VERSION_NUM >= 130000
         errfinish(file, line, function);
 #else
@@ -59,20 +74,78 @@ namespace qm::server
     pg_unreachable();
 }
 
-// A path over a whole foreign table: no sort order, no parameters. Version 17 added a list of clauses,
-// version 18 a count of disabled nodes.
+// A path over a whole foreign table, without a sort order, for rows of the `outer` relations (null: of none).
+// Version 17 added a list of clauses, version 18 a count of disabled nodes.
 inline ForeignPath *createForeignScanPath(PlannerInfo *root, RelOptInfo *relation, double rows,
-                                          Cost startupCost, Cost totalCost)
+                                          Cost startupCost, Cost totalCost, Relids outer)
 {
 #if PG_VERSION_NUM >= 180000
-    return create_foreignscan_path(root, relation, nullptr, rows, 0, startupCost, totalCost, NIL, nullptr,
+    return create_foreignscan_path(root, relation, nullptr, rows, 0, startupCost, totalCost, NIL, outer,
                                    nullptr, NIL, NIL);
 #elif PG_VERSION_NUM >= 170000
-    return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, nullptr,
-                                   nullptr, NIL, NIL);
+    return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, outer, nullptr,
+                                   NIL, NIL);
 #else
-    return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, nullptr,
-                                   nullptr, NIL);
+    return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, outer, nullptr,
+                                   NIL);
+#endif
+}
+
+// The relations whose columns the expression uses.
+inline Relids pullVarnos([[maybe_unused]] PlannerInfo *root, Node *expression)
+{
+#if PG_VERSION_NUM >= 140000
+    return pull_varnos(root, expression);
+#else
+    return pull_varnos(expression);
+#endif
+}
+
+// Whether equal strings of the collation are the same bytes. Before version 12 they always were.
+inline bool isDeterministic([[maybe_unused]] Oid collation)
+{
+#if PG_VERSION_NUM >= 120000
+    return !OidIsValid(collation) || get_collation_isdeterministic(collation);
+#else
+    return true;
+#endif
+}
+
+#if PG_VERSION_NUM < 130000
+inline bool is_orclause(const Node *clause) { return or_clause(const_cast<Node *>(clause)); }
+inline bool is_andclause(const Node *clause) { return and_clause(const_cast<Node *>(clause)); }
+#endif
+
+// What the server needs to write down expressions of a plan node.
+inline List *deparseContextOf(ExplainState *state, PlanState *node)
+{
+#if PG_VERSION_NUM >= 130000
+    return set_deparse_context_plan(state->deparse_cxt, node->plan, NIL);
+#else
+    return set_deparse_context_planstate(state->deparse_cxt, reinterpret_cast<Node *>(node), NIL);
+#endif
+}
+
+#if PG_VERSION_NUM < 110000
+inline void ExplainPropertyInteger(const char *label, const char *, int64 value, ExplainState *state)
+{
+    ExplainPropertyLong(label, static_cast<long>(value), state);
+}
+
+inline void ExplainPropertyFloat(const char *label, const char *, double value, int digits,
+                                 ExplainState *state)
+{
+    ExplainPropertyFloat(label, value, digits, state);
+}
+#endif
+
+// How many elements an expression that is an array is likely to have.
+inline double estimateArrayLength([[maybe_unused]] PlannerInfo *root, Node *array)
+{
+#if PG_VERSION_NUM >= 170000
+    return estimate_array_length(root, array);
+#else
+    return estimate_array_length(array);
 #endif
 }
 

@@ -98,6 +98,8 @@ void PendingError::capture() noexcept
     } catch (const FdwError &error) {
         sqlState = error.sqlState;
         message = copyWithoutRaising(error.what());
+        detail = error.detail.empty() ? nullptr : copyWithoutRaising(error.detail.c_str());
+        hint = error.hint.empty() ? nullptr : copyWithoutRaising(error.hint.c_str());
         file = error.file;
         function = error.function;
         line = error.line;
@@ -116,10 +118,11 @@ void PendingError::raise()
     if (isServerError && serverError)
         ReThrowError(serverError);
     if (isServerError)
-        raiseError(ERRCODE_OUT_OF_MEMORY, "out of memory", file, line, function);
-    if (message)
-        replaceInvalidBytes(message);
-    raiseError(sqlState, message, file, line, function);
+        raiseError(ERRCODE_OUT_OF_MEMORY, {"out of memory", nullptr, nullptr}, file, line, function);
+    for (char *text : {message, detail, hint})
+        if (text)
+            replaceInvalidBytes(text);
+    raiseError(sqlState, {message, detail, hint}, file, line, function);
 }
 
 } // namespace boundary

@@ -28,13 +28,27 @@ public:
     {
     }
 
+    // The same error with a detail or a hint, for `throw FdwError(...).detailed(...).hinted(...)`.
+    FdwError &&detailed(std::string text) &&
+    {
+        detail = std::move(text);
+        return std::move(*this);
+    }
+    FdwError &&hinted(std::string text) &&
+    {
+        hint = std::move(text);
+        return std::move(*this);
+    }
+
     const char *what() const noexcept override { return message.c_str(); }
 
-    const int sqlState;
-    const std::string message;
-    const char *const function;
-    const char *const file;
-    const int line;
+    int sqlState;
+    std::string message;
+    std::string detail;
+    std::string hint;
+    const char *function;
+    const char *file;
+    int line;
 };
 
 // An error that the server raised inside callServer, on its way back to the server. The ErrorData lives in
@@ -64,6 +78,8 @@ struct PendingError {
     ErrorData *serverError;
     int sqlState;
     char *message;
+    char *detail;
+    char *hint;
     const char *file;
     const char *function;
     int line;
