@@ -31,15 +31,21 @@ void apply(const Settings &settings, CURL *easy)
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeoutMs));
     if (settings.timeoutMs > 0)
         curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.timeoutMs));
-    if (settings.caFile)
-        curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile);
-    if (settings.skipTlsVerification) {
+    if (!settings.caFile.empty())
+        curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.c_str());
+    if (!settings.verifiesTls) {
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
     }
-    if (settings.userName) {
-        curl_easy_setopt(easy, CURLOPT_USERNAME, settings.userName);
-        curl_easy_setopt(easy, CURLOPT_PASSWORD, settings.password ? settings.password : "");
+    if (!settings.clientCertificate.empty())
+        curl_easy_setopt(easy, CURLOPT_SSLCERT, settings.clientCertificate.c_str());
+    if (!settings.clientKey.empty())
+        curl_easy_setopt(easy, CURLOPT_SSLKEY, settings.clientKey.c_str());
+    if (settings.proxy)
+        curl_easy_setopt(easy, CURLOPT_PROXY, settings.proxy->c_str());
+    if (!settings.userName.empty()) {
+        curl_easy_setopt(easy, CURLOPT_USERNAME, settings.userName.c_str());
+        curl_easy_setopt(easy, CURLOPT_PASSWORD, settings.password.c_str());
     }
 }
 
@@ -59,8 +65,8 @@ HeaderList headersOf(const Settings &settings, const Request &request)
         append(headers, "Content-Type:application/json");
         append(headers, "Expect:"); // a large body is not to wait for the word to go on
     }
-    if (settings.authorization)
-        append(headers, settings.authorization);
+    if (!settings.authorization.empty())
+        append(headers, settings.authorization.c_str());
     return headers;
 }
 
@@ -104,12 +110,12 @@ Outcome exchange(const Settings &settings, const Request &request, curl_write_ca
     return outcome;
 }
 
-void exchangeBriefly(const Settings &settings, const Request &request)
+void exchangeBriefly(const Settings &settings, const Request &request, std::int64_t end)
 {
     const Prepared prepared = prepare(settings, request);
     const curl_write_callback drop = [](char *, size_t size, size_t count, void *) { return size * count; };
     curl_easy_setopt(prepared.easy.get(), CURLOPT_WRITEFUNCTION, drop);
-    runBriefTransfer(prepared.easy.get());
+    runBriefTransfer(prepared.easy.get(), end);
 }
 
 } // namespace qm::http

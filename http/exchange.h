@@ -29,8 +29,8 @@ struct Outcome {
 // std::bad_alloc.
 Outcome exchange(const Settings &settings, const Request &request, curl_write_callback write, void *target);
 
-// Sends a request whose response does not matter, in a second at the most: see runBriefTransfer. Throws
-// std::bad_alloc.
-void exchangeBriefly(const Settings &settings, const Request &request);
+// Sends a request whose response does not matter, and gives it up at the moment `end`: see runBriefTransfer.
+// Throws std::bad_alloc, and raises nothing.
+void exchangeBriefly(const Settings &settings, const Request &request, std::int64_t end);
 
 } // namespace qm::http

@@ -2,20 +2,26 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 namespace qm::http
 {
 
-// Plain data; all zero is the default: nothing is set and nothing is sent. The strings are the maker's, who
-// keeps them as long as this is used. The secrets must never reach an error text, a log or a URL.
+// A string that is empty sets and sends nothing. The secrets must never reach an error text, a log or a URL.
 struct Settings {
-    std::int32_t connectTimeoutMs; // 0: libcurl's default
-    std::int32_t timeoutMs;        // of a whole request; 0: none
-    char *caFile; // certificate authorities to trust instead of the system's; null: the system's
-    bool skipTlsVerification;
-    char *userName;      // for basic authentication; null: none
-    char *password;      // null: empty
-    char *authorization; // a whole header line; null: none
+    std::int32_t connectTimeoutMs = 0; // 0: libcurl's default
+    std::int32_t timeoutMs = 0;        // of a whole request; 0: none
+    std::string caFile;                // certificate authorities to trust instead of the system's
+    bool verifiesTls = true;
+    std::string clientCertificate; // files in PEM
+    std::string clientKey;
+    std::optional<std::string> proxy; // empty: none; absent: what the environment says
+    std::string userName;             // for basic authentication
+    std::string password;
+    std::string authorization; // a whole header line
+
+    bool hasCredentials() const { return !userName.empty() || !authorization.empty(); }
 };
 
 } // namespace qm::http

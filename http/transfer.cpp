@@ -20,7 +20,7 @@ namespace
 constexpr int LongestWaitMs = 200;
 
 // In microseconds.
-constexpr int64 LongestBriefTransfer = USECS_PER_SEC;
+constexpr int64 LongestBriefWork = USECS_PER_SEC;
 constexpr int64 RoomBeforeTimeout = 20000;
 
 // A cancelled query must not wait for a name that a thread of libcurl's is still being told. Newer versions
@@ -87,7 +87,12 @@ public:
         return running > 0;
     }
 
-    void wait(int milliseconds) { curl_multi_poll(multi.get(), nullptr, 0, milliseconds, nullptr); }
+    void wait(int milliseconds)
+    {
+        pgstat_report_wait_start(PG_WAIT_EXTENSION);
+        curl_multi_poll(multi.get(), nullptr, 0, milliseconds, nullptr);
+        pgstat_report_wait_end();
+    }
 
     CURLcode result()
     {
@@ -106,20 +111,15 @@ private:
 void serveInterrupts()
 {
     if (InterruptPending)
-        qm::server::callServer([] { CHECK_FOR_INTERRUPTS(); });
+        server::callServer([] { CHECK_FOR_INTERRUPTS(); });
+    if (!PostmasterIsAlive())
+        server::callServer([] {
+            ereport(FATAL, (errcode(ERRCODE_ADMIN_SHUTDOWN),
+                            errmsg("terminating connection due to unexpected postmaster exit")));
+        });
 }
 
 bool mustEnd() { return QueryCancelPending || ProcDiePending; }
-
-// A brief transfer ends before statement_timeout strikes: the statement has done its work, and a time-out
-// that nobody raises as an error then would strike between this statement and the next.
-TimestampTz endOfBriefTransfer()
-{
-    const TimestampTz now = GetCurrentTimestamp();
-    const TimestampTz timeout = get_timeout_start_time(STATEMENT_TIMEOUT) + StatementTimeout * int64{1000};
-    const TimestampTz end = now + LongestBriefTransfer;
-    return StatementTimeout > 0 && timeout > now ? Min(end, timeout - RoomBeforeTimeout) : end;
-}
 
 } // namespace
 
@@ -134,9 +134,16 @@ CURLcode runTransfer(CURL *easy)
     return transfer.result();
 }
 
-void runBriefTransfer(CURL *easy)
+std::int64_t endOfBriefWork()
 {
-    const TimestampTz end = endOfBriefTransfer();
+    const TimestampTz now = GetCurrentTimestamp();
+    const TimestampTz timeout = get_timeout_start_time(STATEMENT_TIMEOUT) + StatementTimeout * int64{1000};
+    const TimestampTz end = now + LongestBriefWork;
+    return StatementTimeout > 0 && timeout > now ? Min(end, timeout - RoomBeforeTimeout) : end;
+}
+
+void runBriefTransfer(CURL *easy, std::int64_t end)
+{
     try {
         Transfer transfer(easy);
         while (!mustEnd() && transfer.advance()) {

@@ -36,6 +36,23 @@ bool areEqual(const UrlText &one, const UrlText &other, int (*compare)(const cha
 
 } // namespace
 
+std::string baseUrl(const std::string &url)
+{
+    const UrlHandle parsed = parse(url);
+    if (!parsed || hasDotSegment(url) || url.find_first_of(" ?#\t\r\n") != std::string::npos)
+        return "";
+    const UrlText scheme = partOf(parsed, CURLUPART_SCHEME);
+    const UrlText all = partOf(parsed, CURLUPART_URL);
+    const bool isHttp =
+        scheme && (strcasecmp(scheme.get(), "http") == 0 || strcasecmp(scheme.get(), "https") == 0);
+    if (!isHttp || !all || partOf(parsed, CURLUPART_USER) || partOf(parsed, CURLUPART_PASSWORD))
+        return "";
+    std::string base = all.get();
+    while (base.back() == '/')
+        base.pop_back();
+    return base;
+}
+
 bool hasDotSegment(const std::string &path)
 {
     std::string decoded = path;

@@ -12,6 +12,11 @@ inline std::string clusterUrl(const char *address, const char *port)
     return std::string(address) + ":" + port;
 }
 
+// The URL with scheme, host, port and path, and without a slash at its end; empty when it is none of http or
+// https, holds credentials, a query or a fragment, or a path that leads elsewhere. Without a scheme it means
+// http.
+std::string baseUrl(const std::string &url);
+
 // Whether a segment of the path leads elsewhere: "." and "..", also percent-encoded.
 bool hasDotSegment(const std::string &path);
 

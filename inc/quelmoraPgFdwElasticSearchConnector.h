@@ -69,7 +69,7 @@ struct ElasticSearchConnector {
     Oid serverOid; // the table's foreign server
     char *serverAddress;
     char *serverPort;
-    http::Settings connection; // what the server and the user mapping add
+    http::Settings *connection; // what the server and the user mapping add
     ColumnShape shapes[ColumnCount];
     MemoryContext scanContext; // holds the record and what lives as long as it
     MemoryContext rowContext;  // the values of the current row; emptied for each row

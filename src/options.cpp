@@ -2,6 +2,7 @@
 #include "options.h"
 #include "http/url.h"
 #include "parameters.h"
+#include "server/catalog.h"
 #include "server/encoding.h"
 #include "server/memory.h"
 
@@ -54,25 +55,6 @@ Options optionsOf(List *definitions)
         options[count++] = {definition->defname, defGetString(definition)};
     }
     return {options, count};
-}
-
-// [server side] The options of the user's mapping or else of the public one; empty without either.
-List *userMappingOptions(Oid serverId, Oid userId)
-{
-    HeapTuple tuple = nullptr;
-    for (const Oid user : {userId, InvalidOid}) {
-        tuple = SearchSysCache2(USERMAPPINGUSERSERVER, ObjectIdGetDatum(user), ObjectIdGetDatum(serverId));
-        if (HeapTupleIsValid(tuple))
-            break;
-    }
-    if (!HeapTupleIsValid(tuple))
-        return NIL;
-    bool isNull;
-    const Datum stored =
-        SysCacheGetAttr(USERMAPPINGUSERSERVER, tuple, Anum_pg_user_mapping_umoptions, &isNull);
-    List *options = isNull ? NIL : untransformRelOptions(stored);
-    ReleaseSysCache(tuple);
-    return options;
 }
 
 // ---- values ----------------------------------------------------------------------------------------------
@@ -238,23 +220,21 @@ constexpr struct {
     {"port", Catalog::Server, nullptr,
      [](Record &record, const Option &option) { replaceString(record.serverPort, portOf(option)); }},
     {"connecttimeout", Catalog::Server, nullptr,
-     [](Record &record, const Option &option) { record.connection.connectTimeoutMs = milliseconds(option); }},
+     [](Record &record, const Option &option) {
+         record.connection->connectTimeoutMs = milliseconds(option);
+     }},
     {"timeout", Catalog::Server, nullptr,
-     [](Record &record, const Option &option) { record.connection.timeoutMs = milliseconds(option); }},
+     [](Record &record, const Option &option) { record.connection->timeoutMs = milliseconds(option); }},
     {"tlsverify", Catalog::Server, "true",
-     [](Record &record, const Option &option) { record.connection.skipTlsVerification = !isTrue(option); }},
+     [](Record &record, const Option &option) { record.connection->verifiesTls = isTrue(option); }},
     {"cafile", Catalog::Server, nullptr,
-     [](Record &record, const Option &option) { replaceString(record.connection.caFile, fileOf(option)); }},
+     [](Record &record, const Option &option) { record.connection->caFile = fileOf(option); }},
     {"username", Catalog::Mapping, nullptr,
-     [](Record &record, const Option &option) {
-         replaceString(record.connection.userName, userNameOf(option));
-     }},
+     [](Record &record, const Option &option) { record.connection->userName = userNameOf(option); }},
     {"password", Catalog::Mapping, nullptr,
-     [](Record &record, const Option &option) { replaceString(record.connection.password, option.utf8()); }},
+     [](Record &record, const Option &option) { record.connection->password = option.utf8(); }},
     {"apikey", Catalog::Mapping, nullptr,
-     [](Record &record, const Option &option) {
-         replaceString(record.connection.authorization, apiKeyHeaderOf(option).c_str());
-     }},
+     [](Record &record, const Option &option) { record.connection->authorization = apiKeyHeaderOf(option); }},
 };
 
 void read(ElasticSearchConnector *connector, Catalog catalog, List *definitions)
@@ -279,10 +259,10 @@ void settlePlace(ElasticSearchConnector *connector)
     if (!connector->address || !connector->port)
         throw FdwError(ERRCODE_FDW_ERROR, "missing options on elastic search table");
 
-    const bool hasCredentials = connector->connection.userName || connector->connection.authorization;
-    if (hasCredentials && !(serverAddress && serverPort &&
-                            http::isSamePlace(http::clusterUrl(connector->address, connector->port),
-                                              http::clusterUrl(serverAddress, serverPort))))
+    if (connector->connection->hasCredentials() &&
+        !(serverAddress && serverPort &&
+          http::isSamePlace(http::clusterUrl(connector->address, connector->port),
+                            http::clusterUrl(serverAddress, serverPort))))
         throw FdwError(ERRCODE_FDW_ERROR,
                        "the credentials of the user mapping are only sent where the options "
                        "'address' and 'port' of the foreign server say");
@@ -318,12 +298,12 @@ void readConnectionOptions(ElasticSearchConnector *connector, Oid userId)
     const ForeignServer *server = callServer([&] { return GetForeignServer(connector->serverOid); });
     read(connector, Catalog::Server, server->options);
     read(connector, Catalog::Mapping,
-         callServer([&] { return userMappingOptions(connector->serverOid, userId); }));
+         callServer([&] { return server::userMappingOptions(connector->serverOid, userId); }));
 
-    const http::Settings &settings = connector->connection;
-    if (settings.password && !settings.userName)
+    const http::Settings &settings = *connector->connection;
+    if (!settings.password.empty() && settings.userName.empty())
         throw FdwError(ERRCODE_FDW_ERROR, "option 'password' takes effect only with option 'username'");
-    if (settings.userName && settings.authorization)
+    if (!settings.userName.empty() && !settings.authorization.empty())
         throw FdwError(ERRCODE_FDW_ERROR, "options 'username' and 'apikey' exclude each other");
     settlePlace(connector);
 }

@@ -110,6 +110,7 @@ ElasticSearchConnector *CreateConnectorStep2(char *description, unsigned int tab
     ElasticSearchConnector *connector = callServer([] { return allocateConnector(); });
     server::MemoryContextScope scope(connector->scanContext);
     connector->page = server::makeIn<search::Page>(connector->scanContext, connector->scanContext);
+    connector->connection = server::makeIn<http::Settings>(connector->scanContext);
 
     std::unique_ptr<std::list<std::string>> docNames;
     std::list<std::string> params;

@@ -64,7 +64,8 @@ void TermAggResultParser::onAttributes(const std::string &name, int count, const
 {
     const int number = static_cast<int>(std::strtol(name.c_str(), nullptr, 10));
     if (number < 1 || number > attributeCount)
-        server::raiseError(ERRCODE_FDW_INVALID_HANDLE, "Parsing error", __FILE__, __LINE__, __func__);
+        server::raiseError(ERRCODE_FDW_INVALID_HANDLE, {"Parsing error", nullptr, nullptr}, __FILE__,
+                           __LINE__, __func__);
     countSlots[number - 1] = count;
     if (!collectValues)
         return;

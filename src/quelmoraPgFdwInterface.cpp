@@ -36,8 +36,8 @@ void quelmoraPgFdwGetForeignPaths(PlannerInfo *root, RelOptInfo *baserel, Oid)
                  errmsg("a scan of this foreign table cannot compute values of another table's columns"),
                  errhint("Move the LATERAL references out of the subquery, into the select list or a "
                          "join condition.")));
-    add_path(baserel, reinterpret_cast<Path *>(qm::server::createForeignScanPath(root, baserel, baserel->rows,
-                                                                                 StartupCost, TotalCost)));
+    add_path(baserel, reinterpret_cast<Path *>(qm::server::createForeignScanPath(
+                          root, baserel, baserel->rows, StartupCost, TotalCost, nullptr)));
 }
 
 // [server side] The plan's private data: a bytea of the connector type and the description.

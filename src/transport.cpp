@@ -1,6 +1,7 @@
 // Every exchange with the search cluster: one request, its response read as a stream, its outcome judged.
 #include "transport.h"
 #include "http/exchange.h"
+#include "http/transfer.h"
 #include "server/encoding.h"
 #include "server/errorBoundary.h"
 
@@ -87,10 +88,10 @@ void DoCurlRequest(ElasticSearchConnector *connector, const std::string &url, co
                                                : http::Method::Post;
     const http::Request request{method, url, body};
     if (!parser) {
-        http::exchangeBriefly(connector->connection, request);
+        http::exchangeBriefly(*connector->connection, request, http::endOfBriefWork());
         return;
     }
-    const http::Outcome outcome = http::exchange(connector->connection, request, CurlWriteCallback, parser);
+    const http::Outcome outcome = http::exchange(*connector->connection, request, CurlWriteCallback, parser);
     if (parser->readFailure)
         std::rethrow_exception(parser->readFailure);
     judge(connector, body, outcome, parser);
