@@ -1,0 +1,108 @@
+// All hits of a search, one after the other.
+#pragma once
+
+#include "elasticsearch/searchResponseReader.h"
+#include "http/exchange.h"
+#include "search/cluster.h"
+#include "search/scrollContexts.h"
+#include "search/searchRequest.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace qm::search
+{
+
+// What a scan has cost.
+struct Statistics {
+    std::int64_t requests = 0;
+    std::int64_t pages = 0;
+    std::int64_t hits = 0;
+    std::int64_t bytes = 0; // of responses
+    double waitedMs = 0;
+
+    void add(const Statistics &other)
+    {
+        requests += other.requests;
+        pages += other.pages;
+        hits += other.hits;
+        bytes += other.bytes;
+        waitedMs += other.waitedMs;
+    }
+};
+
+// How the hits are fetched.
+struct Paging {
+    std::int64_t pageSize = 1000;  // hits a page
+    std::int64_t limit = -1;       // so many hits are enough; -1: all are wanted
+    bool isSmall = false;          // the result is likely to fit into a page
+    bool toleratesPartial = false; // a response that lacks hits is worth a warning only
+};
+
+// The request that a stream of these begins with.
+http::Request firstRequest(const Cluster &cluster, const SearchRequest &request, const Paging &paging);
+
+// Fetches the hits of a search, whatever their number: those of a small search or a look-up with one request,
+// all others page by page through a scroll. A hit that is lost is an error, never the end. Requests are sent
+// when a hit is asked for. Failures are thrown as FdwError, interrupts as ServerError.
+class HitStream
+{
+public:
+    HitStream(const Cluster &cluster, SearchRequest request, Paging paging);
+    // An open scroll context is left to be deleted at the next occasion.
+    ~HitStream();
+    HitStream(const HitStream &) = delete;
+    HitStream &operator=(const HitStream &) = delete;
+
+    // Goes to the next hit; false when there is none.
+    bool next();
+    // A member of the hit; the text is in the stream's memory until the next call of next.
+    std::string_view member(zq::elasticsearch::HitMember member) const
+    {
+        return reader.member(current, member);
+    }
+    // Ends the stream: deletes an open scroll context.
+    void close() noexcept;
+
+    // How many documents match, as the last response said.
+    std::int64_t matching() const { return reader.summary().total; }
+
+    const Statistics &statistics() const { return spent; }
+
+private:
+    // Of the ids that are looked up, or of the whole search.
+    enum class State { NotBegun, OneSearch, Scroll, Done };
+
+    bool fetch();
+    bool beginPart();
+    void searchOnce(std::int64_t size);
+    void openScroll();
+    bool nextPage();
+    void endPart();
+    void exchange(const http::Request &request);
+    void checkTotal(const http::Request &request);
+    void reportPartial(const http::Request &request) const;
+    [[noreturn]] void throwLost(const http::Request &request) const;
+    std::int64_t wanted() const { return paging.limit < 0 ? INT64_MAX : paging.limit - returned; }
+
+    const Cluster cluster;
+    const SearchRequest request;
+    const Paging paging;
+    Statistics spent;
+
+    zq::elasticsearch::SearchResponseReader reader;
+    std::size_t current = 0; // hit of the page
+    std::size_t following = 0;
+    std::int64_t returned = 0;
+
+    State state = State::NotBegun;
+    std::size_t idsTaken = 0;
+    std::string filter;        // of the ids of this part
+    std::int64_t total = 0;    // of this part
+    std::int64_t received = 0; // of it
+    std::optional<ScrollContexts::Handle> context;
+    std::string scrollId;
+};
+
+} // namespace qm::search
