@@ -68,7 +68,8 @@ bool isJsonObject(Bytes bytes)
 
 [[noreturn]] void raiseOutOfMemory()
 {
-    qm::server::raiseError(ERRCODE_OUT_OF_MEMORY, "out of memory", __FILE__, __LINE__, __func__);
+    qm::server::raiseError(ERRCODE_OUT_OF_MEMORY, {"out of memory", nullptr, nullptr}, __FILE__, __LINE__,
+                           __func__);
 }
 
 // The inflate state of a call site, ready for a new stream: making one takes as long as a small value.

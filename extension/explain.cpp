@@ -1,0 +1,147 @@
+// What EXPLAIN tells of a scan.
+#include "server/errorBoundary.h"
+
+#include "extension/explain.h"
+#include "extension/requestOfScan.h"
+#include "extension/scan.h"
+#include "search/failure.h"
+#include "server/encoding.h"
+
+namespace qm::extension
+{
+
+using server::callServer;
+using server::guardEntry;
+
+namespace
+{
+
+// The values of one condition: known ones, in UTF-8, and how the server writes those that are known when the
+// scan starts only.
+struct ShownValues {
+    Role role;
+    std::vector<std::string> constants;
+    std::string expressions;
+};
+
+// [server side] How the server writes an expression of the plan, in UTF-8.
+const char *deparsed(ForeignScanState *node, ExplainState *state, Node *expression)
+{
+    List *context = server::deparseContextOf(state, &node->ss.ps);
+    return server::serverToUtf8(
+        deparse_expression(expression, context, list_length(state->rtable) > 1, false));
+}
+
+bool isConstantText(const Node *expression)
+{
+    return IsA(expression, Const) && !reinterpret_cast<const Const *>(expression)->constisnull &&
+           reinterpret_cast<const Const *>(expression)->consttype == TEXTOID;
+}
+
+// A constant array is shown by its elements, like the values that it stands for.
+bool isConstantArray(const Node *expression)
+{
+    return IsA(expression, Const) && !reinterpret_cast<const Const *>(expression)->constisnull &&
+           reinterpret_cast<const Const *>(expression)->consttype == TEXTARRAYOID;
+}
+
+std::vector<ShownValues> shownValues(ForeignScanState *node, ExplainState *state, const PlanData &plan)
+{
+    List *expressions = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_exprs;
+    std::vector<ShownValues> conditions;
+    int next = 0;
+    ListCell *cell;
+    foreach (cell, plan.conditions) {
+        auto *numbers = static_cast<List *>(lfirst(cell));
+        ShownValues shown{static_cast<Role>(linitial_int(numbers)), {}, {}};
+        for (int i = 1; i < list_length(numbers); ++i) {
+            auto *expression = static_cast<Node *>(list_nth(expressions, next++));
+            if (isConstantText(expression) || isConstantArray(expression)) {
+                const Datum value = reinterpret_cast<Const *>(expression)->constvalue;
+                const TextList texts =
+                    callServer([&] { return textsOf(value, isConstantArray(expression)); });
+                shown.constants.insert(shown.constants.end(), texts.begin(), texts.end());
+            } else {
+                const char *text = callServer([&] { return deparsed(node, state, expression); });
+                shown.expressions += (shown.expressions.empty() ? "" : ", ") + std::string(text);
+            }
+        }
+        conditions.push_back(std::move(shown));
+    }
+    return conditions;
+}
+
+// The request as far as it is known, with expressions between angle brackets where values are not.
+search::SearchRequest shownRequest(ForeignScanState *node, ExplainState *state, const PlanData &plan,
+                                   const TableOptions &options)
+{
+    Parameters parameters;
+    ConditionValues values;
+    std::vector<std::string> filters;
+    std::string unknownQuery;
+    for (const ShownValues &shown : shownValues(node, state, plan)) {
+        const std::string unknown = "<" + shown.expressions + ">";
+        if (shown.role == Role::Param && shown.expressions.empty())
+            parameters = readParameters(shown.constants);
+        else if (shown.role == Role::Param)
+            unknownQuery = unknown;
+        else if (shown.expressions.empty() && shown.role == Role::DocName)
+            filters.push_back(search::idFilter(shown.constants));
+        else if (shown.expressions.empty())
+            values.docTypes.push_back(shown.constants);
+        else if (shown.role == Role::DocName)
+            filters.push_back(R"({"ids":{"values":[)" + unknown + "]}}");
+        else
+            filters.push_back(R"({"terms":{"type":[)" + unknown + "]}}");
+    }
+    tupleDesc *descriptor = RelationGetDescr(node->ss.ss_currentRelation);
+    Bitmapset *attributes = callServer([&] { return attributeSetOf(plan); });
+    search::SearchRequest request =
+        requestOfScan(options, readColumns(descriptor, attributes), parameters, values);
+    if (!unknownQuery.empty())
+        request.query = unknownQuery;
+    request.filters.insert(request.filters.end(), filters.begin(), filters.end());
+    return request;
+}
+
+void showRequest(ForeignScanState *node, ExplainState *state)
+{
+    const PlanData plan = callServer(
+        [&] { return unpackPlanData(reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_private); });
+    const TableOptions options = readTableOptions(RelationGetRelid(node->ss.ss_currentRelation));
+    const search::SearchRequest request = shownRequest(node, state, plan, options);
+    const search::Paging paging = pagingOfScan(options, plan);
+    const http::Request first = search::firstRequest(options.cluster, request, paging);
+    const std::string line = search::describe(first);
+    const std::string body = first.body;
+    callServer([&] {
+        ExplainPropertyText("Search", server::utf8ToMessage(line.c_str()), state);
+        ExplainPropertyText("Body", server::utf8ToMessage(body.c_str()), state);
+    });
+}
+
+void showStatistics(const search::Statistics &spent, ExplainState *state)
+{
+    ExplainPropertyInteger("Requests", nullptr, spent.requests, state);
+    ExplainPropertyInteger("Pages", nullptr, spent.pages, state);
+    ExplainPropertyInteger("Hits", nullptr, spent.hits, state);
+    ExplainPropertyInteger("Bytes Received", nullptr, spent.bytes, state);
+    if (state->timing)
+        ExplainPropertyFloat("Waited", "ms", spent.waitedMs, 3, state);
+}
+
+} // namespace
+
+void explainForeignScan(ForeignScanState *node, ExplainState *state)
+{
+    guardEntry([&] {
+        if (state->verbose)
+            showRequest(node, state);
+        if (!state->analyze)
+            return;
+        const search::Statistics spent = statisticsOf(node);
+        callServer([&] { showStatistics(spent, state); });
+    });
+}
+
+} // namespace qm::extension

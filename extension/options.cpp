@@ -1,0 +1,269 @@
+// The options of veltranesearch.
+#include "server/errorBoundary.h"
+
+#include "extension/options.h"
+#include "extension/optionValues.h"
+#include "server/catalog.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace qm::extension
+{
+
+using server::callServer;
+using server::FdwError;
+
+namespace
+{
+
+// What the options are read into.
+struct Target {
+    TableOptions table;
+    ColumnOptions column;
+};
+
+struct Known {
+    const char *name;
+    Oid catalog;
+    const char *preset; // what counts as long as it is not set; null: nothing
+    void (*read)(Target &target, const OptionValue &value);
+    const char *help;
+    bool namesFile = false; // which only superusers may do
+};
+
+// Every option there is: the validator, the reading at the start of a scan and the documentation go by this
+// table.
+constexpr Known AllOptions[] = {
+    {"address", ForeignServerRelationId, nullptr,
+     [](Target &target, const OptionValue &value) { target.table.cluster.url = value.asClusterUrl(); },
+     "URL of the cluster: scheme, host, port and, behind a proxy, a path prefix"},
+    {"connecttimeout", ForeignServerRelationId, "10000",
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.connectTimeoutMs = value.asMilliseconds();
+     },
+     "milliseconds to connect in"},
+    {"timeout", ForeignServerRelationId, nullptr,
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.timeoutMs = value.asMilliseconds();
+     },
+     "milliseconds that a request may take; without it, as long as statement_timeout lets it"},
+    {"cafile", ForeignServerRelationId, nullptr,
+     [](Target &target, const OptionValue &value) { target.table.cluster.settings.caFile = value.asFile(); },
+     "absolute path of a file of certificate authorities (PEM) in place of the system's", true},
+    {"tlsverify", ForeignServerRelationId, "true",
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.verifiesTls = value.asBoolean();
+     },
+     "whether the cluster must prove itself with a certificate"},
+    {"proxy", ForeignServerRelationId, "",
+     [](Target &target, const OptionValue &value) { target.table.cluster.settings.proxy = value.asProxy(); },
+     "URL of an HTTP proxy; without it none is used, whatever the environment says"},
+    {"requestcost", ForeignServerRelationId, "100",
+     [](Target &target, const OptionValue &value) { target.table.requestCost = value.asCost(); },
+     "planner's cost of a request"},
+    {"rowcost", ForeignServerRelationId, "0.05",
+     [](Target &target, const OptionValue &value) { target.table.rowCost = value.asCost(); },
+     "planner's cost of fetching a row"},
+
+    {"username", UserMappingRelationId, nullptr,
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.userName = value.asUserName();
+     },
+     "user of the cluster, for basic authentication"},
+    {"password", UserMappingRelationId, nullptr,
+     [](Target &target, const OptionValue &value) { target.table.cluster.settings.password = value.utf8(); },
+     "password of that user"},
+    {"apikey", UserMappingRelationId, nullptr,
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.authorization = "Authorization: ApiKey " + value.asApiKey();
+     },
+     "encoded API key, in place of user and password"},
+    {"clientcert", UserMappingRelationId, nullptr,
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.clientCertificate = value.asFile();
+     },
+     "absolute path of a client certificate (PEM)", true},
+    {"clientkey", UserMappingRelationId, nullptr,
+     [](Target &target, const OptionValue &value) {
+         target.table.cluster.settings.clientKey = value.asFile();
+     },
+     "absolute path of the key that belongs to it (PEM)", true},
+
+    {"indexlist", ForeignTableRelationId, nullptr,
+     [](Target &target, const OptionValue &value) { target.table.indices = value.asIndices(); },
+     "index, alias or data stream, or several separated by commas; * stands for any characters"},
+    {"batchsize", ForeignTableRelationId, "1000",
+     [](Target &target, const OptionValue &value) { target.table.batchSize = value.asNumber(1, 10000); },
+     "hits a page of a large result, 1 to 10000"},
+    {"compressionlevel", ForeignTableRelationId, "5",
+     [](Target &target, const OptionValue &value) { target.table.compressionLevel = value.asNumber(-2, 9); },
+     "of bytea columns: -2 as they are, -1 zlib's default, 0 to 9 zlib's levels"},
+    {"scrolltimeout", ForeignTableRelationId, "5m",
+     [](Target &target, const OptionValue &value) { target.table.scrollTimeout = value.asTimeValue(); },
+     "how long the cluster keeps a large result between two pages"},
+    {"partialresults", ForeignTableRelationId, "error",
+     [](Target &target, const OptionValue &value) {
+         target.table.partialResults =
+             value.asChoice({"error", "warning"}) == 0 ? PartialResults::Error : PartialResults::Warning;
+     },
+     "error or warning: what to do when shards failed or the search timed out"},
+    {"estimatedrows", ForeignTableRelationId, "100000",
+     [](Target &target, const OptionValue &value) {
+         target.table.estimatedRows = value.asNumber(1, 2000000000);
+     },
+     "planner's idea of the number of documents, until ANALYZE has counted them"},
+
+    {"search", AttributeRelationId, nullptr,
+     [](Target &target, const OptionValue &value) {
+         value.asChoice({"keyword"});
+         target.column.search = value.utf8();
+     },
+     "type of the field in the index's mapping, by which the search may look for its values"},
+};
+
+std::vector<OptionValue> valuesOf(List *definitions)
+{
+    std::vector<OptionValue> values;
+    ListCell *cell;
+    foreach (cell, definitions) {
+        auto *definition = static_cast<DefElem *>(lfirst(cell));
+        values.emplace_back(definition->defname, callServer([&] { return defGetString(definition); }));
+    }
+    return values;
+}
+
+const Known *find(Oid catalog, const char *name)
+{
+    const Known *found = std::find_if(std::begin(AllOptions), std::end(AllOptions), [&](const Known &known) {
+        return known.catalog == catalog && std::strcmp(known.name, name) == 0;
+    });
+    return found == std::end(AllOptions) ? nullptr : found;
+}
+
+// Reads the presets of a catalog and then what is set. What DDL has let in is known; a later version's may
+// not be.
+void read(Target &target, Oid catalog, List *definitions)
+{
+    for (const Known &known : AllOptions)
+        if (known.catalog == catalog && known.preset)
+            known.read(target, OptionValue(known.name, known.preset));
+    for (const OptionValue &value : valuesOf(definitions))
+        if (const Known *known = find(catalog, value.optionName()))
+            known->read(target, value);
+}
+
+// The option that a misspelt name is nearest to, or what there is to choose from.
+std::string hintFor(Oid catalog, const char *name)
+{
+    std::string all;
+    const char *nearest = nullptr;
+    int least = 4; // further away it is no slip of the hand
+    for (const Known &known : AllOptions) {
+        if (known.catalog != catalog)
+            continue;
+        all += (all.empty() ? "" : ", ") + std::string(known.name);
+        const int distance = callServer([&] {
+            return varstr_levenshtein(name, static_cast<int>(std::strlen(name)), known.name,
+                                      static_cast<int>(std::strlen(known.name)), 1, 1, 1, true);
+        });
+        if (distance < least) {
+            least = distance;
+            nearest = known.name;
+        }
+    }
+    if (nearest)
+        return std::string("Perhaps you meant the option \"") + nearest + "\".";
+    return all.empty() ? "There are no options in this context."
+                       : "Valid options in this context are: " + all;
+}
+
+void requireAddress(const TableOptions &options)
+{
+    if (options.cluster.url.empty())
+        throw FdwError(ERRCODE_FDW_OPTION_NAME_NOT_FOUND,
+                       "option \"address\" of the foreign server is required");
+}
+
+void requireIndices(const TableOptions &options)
+{
+    if (options.indices.empty())
+        throw FdwError(ERRCODE_FDW_OPTION_NAME_NOT_FOUND,
+                       "option \"indexlist\" of the foreign table is required")
+            .hinted("Name the index, or \"_all\" for all of them.");
+}
+
+void checkCredentials(const http::Settings &settings)
+{
+    if (!settings.password.empty() && settings.userName.empty())
+        throw FdwError(ERRCODE_FDW_ERROR, "option \"password\" takes effect only with option \"username\"");
+    if (!settings.userName.empty() && !settings.authorization.empty())
+        throw FdwError(ERRCODE_FDW_ERROR, "options \"username\" and \"apikey\" exclude each other");
+    if (settings.clientCertificate.empty() != settings.clientKey.empty())
+        throw FdwError(ERRCODE_FDW_ERROR,
+                       "options \"clientcert\" and \"clientkey\" take effect only together");
+}
+
+// Reads what a table and its server say; returns the server.
+Oid readTable(Target &target, Oid tableId)
+{
+    const ForeignTable *table = callServer([&] { return GetForeignTable(tableId); });
+    const ForeignServer *server = callServer([&] { return GetForeignServer(table->serverid); });
+    read(target, ForeignTableRelationId, table->options);
+    read(target, ForeignServerRelationId, server->options);
+    requireIndices(target.table);
+    requireAddress(target.table);
+    return table->serverid;
+}
+
+} // namespace
+
+TableOptions readTableOptions(Oid tableId)
+{
+    Target target;
+    readTable(target, tableId);
+    return target.table;
+}
+
+TableOptions readOptions(Oid tableId, Oid userId)
+{
+    Target target;
+    const Oid serverId = readTable(target, tableId);
+    read(target, UserMappingRelationId,
+         callServer([&] { return server::userMappingOptions(serverId, userId); }));
+    checkCredentials(target.table.cluster.settings);
+    return target.table;
+}
+
+ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute)
+{
+    Target target;
+    read(target, AttributeRelationId,
+         callServer([&] { return GetForeignColumnOptions(tableId, attribute); }));
+    return target.column;
+}
+
+void validateOptions(List *definitions, Oid catalog)
+{
+    Target target;
+    for (const OptionValue &value : valuesOf(definitions)) {
+        const Known *known = find(catalog, value.optionName());
+        if (!known)
+            throw FdwError(ERRCODE_FDW_INVALID_OPTION_NAME,
+                           std::string("invalid option \"") + value.optionName() + "\"")
+                .hinted(hintFor(catalog, value.optionName()));
+        if (known->namesFile && !callServer([] { return superuser(); }))
+            throw FdwError(ERRCODE_INSUFFICIENT_PRIVILEGE,
+                           std::string("only superusers may set the option \"") + known->name + "\"");
+        known->read(target, value);
+    }
+    if (catalog == ForeignServerRelationId)
+        requireAddress(target.table);
+    if (catalog == ForeignTableRelationId)
+        requireIndices(target.table);
+    if (catalog == UserMappingRelationId)
+        checkCredentials(target.table.cluster.settings);
+}
+
+} // namespace qm::extension

@@ -1,0 +1,69 @@
+// The values of a row, made of a hit. All of this is on the server's side of the error boundary.
+#include "extension/rowValues.h"
+
+namespace qm::extension
+{
+namespace
+{
+
+text *textOf(std::string_view utf8)
+{
+    const auto length = static_cast<int>(utf8.size());
+    const char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
+    return converted == utf8.data() ? cstring_to_text_with_len(utf8.data(), length)
+                                    : cstring_to_text(converted);
+}
+
+char *cStringOf(std::string_view utf8)
+{
+    const auto length = static_cast<int>(utf8.size());
+    char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
+    return converted == utf8.data() ? pnstrdup(utf8.data(), length) : converted;
+}
+
+Datum bytesOf(std::string_view bytes, Packing &packing)
+{
+    varlena *value = nullptr;
+    server::compressBytes(bytes.data(), static_cast<unsigned int>(bytes.size()), value,
+                          packing.compressionLevel, packing.stream);
+    if (!value)
+        ereport(ERROR, (errcode(ERRCODE_OUT_OF_MEMORY), errmsg("out of memory")));
+    return PointerGetDatum(value);
+}
+
+Datum datumOf(const Column &column, std::string_view utf8, Packing &packing)
+{
+    switch (column.baseType) {
+    case FLOAT4OID:
+        return DirectFunctionCall1(float4in, CStringGetDatum(cStringOf(utf8)));
+    case FLOAT8OID:
+        return DirectFunctionCall1(float8in, CStringGetDatum(cStringOf(utf8)));
+    case JSONBOID:
+        return DirectFunctionCall1(jsonb_in, CStringGetDatum(cStringOf(utf8)));
+    case JSONOID:
+        return DirectFunctionCall1(json_in, CStringGetDatum(cStringOf(utf8)));
+    case BYTEAOID:
+        return bytesOf(utf8, packing);
+    default:
+        return PointerGetDatum(textOf(utf8));
+    }
+}
+
+} // namespace
+
+search::Value makeValue(const Column &column, const RawValue &raw, Packing &packing)
+{
+    search::Value value = search::Null;
+    if (raw.isThere)
+        value = {datumOf(column, raw.utf8, packing), false};
+    if (column.type != column.baseType)
+        domain_check(value.datum, value.isNull, column.type, nullptr, nullptr);
+    if (value.isNull && column.isRequired)
+        ereport(ERROR,
+                (errcode(ERRCODE_NOT_NULL_VIOLATION),
+                 errmsg("null value in column \"%s\" of a foreign table violates its not-null constraint",
+                        column.name)));
+    return value;
+}
+
+} // namespace qm::extension

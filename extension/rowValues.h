@@ -1,0 +1,29 @@
+// The values of a row, made of a hit.
+#pragma once
+
+#include "extension/columns.h"
+#include "search/values.h"
+
+#include <string>
+#include <string_view>
+
+namespace qm::extension
+{
+
+// What a hit brings for a column: nothing, a text, or JSON. The bytes must live until the value is made.
+struct RawValue {
+    std::string_view utf8;
+    bool isThere = false;
+};
+
+// How bytea columns are packed.
+struct Packing {
+    int compressionLevel;
+    server::DeflateStream stream;
+};
+
+// [server side] The value of a column, in the current memory context. Raises the server's own error for what
+// the column's type, its domain or NOT NULL do not take.
+search::Value makeValue(const Column &column, const RawValue &raw, Packing &packing);
+
+} // namespace qm::extension

@@ -1,0 +1,184 @@
+// The executor callbacks of veltranesearch: one scan, from the values of its conditions to its rows.
+#include "server/errorBoundary.h"
+
+#include "extension/conditionValues.h"
+#include "extension/hitRow.h"
+#include "extension/options.h"
+#include "extension/parameters.h"
+#include "extension/requestOfScan.h"
+#include "extension/scan.h"
+#include "server/memory.h"
+
+#include <memory>
+#include <unordered_set>
+
+namespace qm::extension
+{
+
+using search::HitStream;
+using server::callServer;
+using server::guardEntry;
+
+namespace
+{
+
+// The state of a scan. Lives in a memory context of its own, and goes with it.
+class Scan
+{
+public:
+    Scan(ForeignScanState *node, MemoryContext context);
+
+    // Puts the next row into the cleared slot; leaves it empty at the end.
+    void next(TupleTableSlot *slot);
+    // Starts over, with other values of the conditions.
+    void restart();
+    void close() noexcept;
+
+    search::Statistics statistics() const;
+
+    const MemoryContext context;
+
+private:
+    void begin();
+    bool goToNextHit();
+
+    ForeignScanState *const node;
+    const PlanData plan;
+    List *const expressions;
+    HitRow row;
+
+    bool hasBegun = false;
+    std::unique_ptr<HitStream> hits;                    // null when there is nothing to ask for
+    std::optional<std::unordered_set<std::string>> ids; // that the conditions name
+    std::string id;
+    search::Statistics before; // of the scans before a restart
+};
+
+ForeignScan *planOf(ForeignScanState *node) { return reinterpret_cast<ForeignScan *>(node->ss.ps.plan); }
+
+Scan::Scan(ForeignScanState *node, MemoryContext context)
+    : context(context), node(node),
+      plan(callServer([&] { return unpackPlanData(planOf(node)->fdw_private); })),
+      expressions(callServer([&] { return ExecInitExprList(planOf(node)->fdw_exprs, &node->ss.ps); })),
+      row(readColumns(RelationGetDescr(node->ss.ss_currentRelation),
+                      callServer([&] { return attributeSetOf(plan); })),
+          context)
+{
+}
+
+// The values of the conditions are known now: decides what to ask for.
+void Scan::begin()
+{
+    hasBegun = true;
+    const ConditionValues values =
+        evaluateConditions(plan.conditions, expressions, node->ss.ps.ps_ExprContext);
+    if (values.findsNothing)
+        return;
+    const TableOptions options =
+        readOptions(RelationGetRelid(node->ss.ss_currentRelation), server::userOfScan(node));
+    const Parameters parameters = readParameters(values.params.value_or(std::vector<std::string>()));
+    row.setCompressionLevel(parameters.compressionLevel.value_or(options.compressionLevel));
+    row.setParam(values.params ? &values.params->front() : nullptr);
+    if (values.ids)
+        ids.emplace(values.ids->begin(), values.ids->end());
+    hits = std::make_unique<HitStream>(options.cluster,
+                                       requestOfScan(options, row.columns(), parameters, values),
+                                       pagingOfScan(options, plan));
+}
+
+void Scan::restart()
+{
+    close();
+    before = statistics();
+    hits.reset();
+    ids.reset();
+    hasBegun = false;
+}
+
+void Scan::close() noexcept
+{
+    if (hits)
+        hits->close();
+}
+
+search::Statistics Scan::statistics() const
+{
+    search::Statistics all = before;
+    if (hits)
+        all.add(hits->statistics());
+    return all;
+}
+
+void Scan::next(TupleTableSlot *slot)
+{
+    if (!hasBegun)
+        begin();
+    if (!goToNextHit())
+        return;
+    row.make(*hits, slot->tts_tupleDescriptor->natts, slot->tts_values, slot->tts_isnull);
+    callServer([&] { ExecStoreVirtualTuple(slot); });
+}
+
+bool Scan::goToNextHit()
+{
+    while (hits && hits->next()) {
+        // The search finds no others; but it is the condition that decides.
+        if (!ids || ids->count(std::string(idOf(*hits, id))) != 0)
+            return true;
+    }
+    return false;
+}
+
+Scan *&scanOf(ForeignScanState *node) { return *reinterpret_cast<Scan **>(&node->fdw_state); }
+
+MemoryContext queryContextOf(ForeignScanState *node)
+{
+    return node->ss.ps.ps_ExprContext->ecxt_per_query_memory;
+}
+
+} // namespace
+
+void beginForeignScan(ForeignScanState *node, int flags)
+{
+    if ((flags & EXEC_FLAG_EXPLAIN_ONLY) != 0)
+        return;
+    guardEntry([&] {
+        const MemoryContext context = callServer([&] {
+            return AllocSetContextCreate(queryContextOf(node), "Elasticsearch search",
+                                         ALLOCSET_DEFAULT_SIZES);
+        });
+        server::MemoryContextScope scope(context);
+        scanOf(node) = server::makeIn<Scan>(context, node, context);
+    });
+}
+
+TupleTableSlot *iterateForeignScan(ForeignScanState *node)
+{
+    TupleTableSlot *slot = node->ss.ss_ScanTupleSlot;
+    ExecClearTuple(slot);
+    guardEntry([&] { scanOf(node)->next(slot); });
+    return slot;
+}
+
+void reScanForeignScan(ForeignScanState *node)
+{
+    guardEntry([&] { scanOf(node)->restart(); });
+}
+
+void endForeignScan(ForeignScanState *node)
+{
+    if (!scanOf(node))
+        return;
+    guardEntry([&] {
+        scanOf(node)->close();
+        MemoryContextDelete(scanOf(node)->context);
+        scanOf(node) = nullptr;
+    });
+}
+
+search::Statistics statisticsOf(ForeignScanState *node)
+{
+    return scanOf(node) ? scanOf(node)->statistics() : search::Statistics();
+}
+
+} // namespace qm::extension
