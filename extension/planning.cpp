@@ -279,12 +279,22 @@ Sorted sortClauses(const ScannedRelation &scanned, List *scanClauses)
     return sorted;
 }
 
-// The attributes that are used above the scan and by its clauses.
-List *usedAttributes(RelOptInfo *relation, const Sorted &sorted)
+// Whether nobody looks at the value of the row's place. Where rows of a partitioned table are locked, the
+// planner asks every partition for it, though those of foreign tables are told by the whole row.
+bool isPlaceUnused(const ScannedRelation &scanned)
 {
+    return scanned.relation->reloptkind == RELOPT_OTHER_MEMBER_REL && scanned.root->rowMarks != NIL;
+}
+
+// The attributes that are used above the scan and by its clauses.
+List *usedAttributes(const ScannedRelation &scanned, const Sorted &sorted)
+{
+    RelOptInfo *relation = scanned.relation;
     Bitmapset *used = nullptr;
     for (List *expressions : {relation->reltarget->exprs, sorted.local, sorted.recheck})
         pull_varattnos(reinterpret_cast<Node *>(expressions), relation->relid, &used);
+    if (isPlaceUnused(scanned))
+        used = bms_del_member(used, SelfItemPointerAttributeNumber - FirstLowInvalidHeapAttributeNumber);
     List *attributes = NIL;
     for (int member = -1; (member = bms_next_member(used, member)) >= 0;)
         attributes = lappend_int(attributes, member + FirstLowInvalidHeapAttributeNumber);
@@ -297,7 +307,7 @@ ForeignScan *makePlan(const ScannedRelation &scanned, ForeignPath *path, List *t
     const Sorted sorted = sortClauses(scanned, scanClauses);
     const int64 limit = findLimit(scanned);
     PlanData data;
-    data.attributes = usedAttributes(relation, sorted);
+    data.attributes = usedAttributes(scanned, sorted);
     data.conditions = sorted.conditions;
     data.limit = sorted.isExact ? limit : -1;
     data.rowsHint = Max(limit, 0);

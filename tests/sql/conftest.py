@@ -111,10 +111,16 @@ class Database:
 
     def install(self):
         """Makes what the extension's script makes, with the module of the cluster, and the server `search`."""
-        version = re.search("default_version = '(.+)'", (ROOT / "extension/veltranepgfdw.control").read_text("utf-8"))[1]
-        script = (ROOT / f"extension/veltranepgfdw--{version}.sql").read_text("utf-8").partition("\n")[2]
+        scripts = sorted((ROOT / "extension").glob("*.sql"), key=lambda path: path.name.count("--"))
+        script = "".join(path.read_text("utf-8").partition("\n")[2] for path in scripts)
         self.run(script.replace("MODULE_PATHNAME", self.cluster.module_path) +
                  "CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
+
+    def make_documents(self, port=None, **options):
+        """Makes the server `documents` of the search wrapper, replacing one and its tables."""
+        options = {"address": f"http://127.0.0.1:{port or self.port}", **options}
+        self.run("DROP SERVER IF EXISTS documents CASCADE; CREATE SERVER documents FOREIGN DATA WRAPPER veltranesearch "
+                 f"OPTIONS ({', '.join(f'{key} {chr(39)}{value}{chr(39)}' for key, value in options.items())})")
 
     def make_table(self, name="books", columns=COLUMNS, server="search", **options):
         """Makes a foreign table, replacing one of that name; an option of None is left out."""

@@ -1,10 +1,10 @@
-"""Random statements on a table, each written down twice: for the foreign table and for a local copy of its rows."""
+"""Random statements on a relation, to be asked twice: of the foreign table and of a local copy of its rows."""
 
 
 class Statements:
-    """Makes statements over the columns `texts` and `numbers` of a relation, beside the local table `local_rows (name
-    text, n integer)`. A statement names the relation as {rel} and has {steer} for each condition that the wrapper
-    may need, written for an alias: format it with `rel` and `steer`, or let `written` do it."""
+    """Makes statements over the expressions `texts` and `numbers`, in which @ is an alias of a relation, beside the local table `local_rows (name
+    text, n integer)`. A statement names the relation as {rel} and has {steer[alias]} for the condition that the
+    wrapper may need: str.format puts them in."""
 
     def __init__(self, random, texts, numbers, constants):
         self.random, self.texts, self.numbers, self.constants = random, texts, numbers, constants
@@ -24,10 +24,18 @@ class Statements:
     def chance(self, probability):
         return self.random.random() < probability
 
+    # ---- the relation under an alias, and what the scan of it needs; whoever calls them, calls them in this order
+
+    def source(self, alias):
+        return f"{{rel}} {alias}"
+
+    def steering(self, alias):
+        return f"{{steer[{alias}]}}"
+
     # ---- expressions over an alias ------------------------------------------------------------------------
 
     def column(self, alias, names):
-        return f"{alias}.{self.random.choice(names)}"
+        return self.random.choice(names).replace("@", alias)
 
     def literal(self):
         return f"'{self.random.choice(self.constants)}'"
@@ -69,8 +77,11 @@ class Statements:
 
     def where(self, a, *others):
         """A WHERE clause that steers the scan of the alias."""
-        conditions = [f"{{steer[{a}]}}", *others, *[self.condition(a) for _ in range(self.random.randint(0, 2))]]
+        conditions = [self.steering(a), *others, *[self.condition(a) for _ in range(self.random.randint(0, 2))]]
         return "WHERE " + " AND ".join(f"({each})" for each in conditions)
+
+    def found(self, a, *others):
+        return f"FROM {self.source(a)} {self.where(a, *others)}"
 
     def select_list(self, a):
         return ", ".join(self.one_of(lambda: self.text(a), lambda: self.number(a), lambda: self.condition(a))
@@ -78,43 +89,43 @@ class Statements:
 
     def plain(self):
         tail = " ORDER BY 1, 2 LIMIT 7" if self.chance(0.3) else ""
-        return f"SELECT {self.text('b')}, {self.number('b')} FROM {{rel}} b {self.where('b')}{tail}"
+        return f"SELECT {self.text('b')}, {self.number('b')} {self.found('b')}{tail}"
 
     def grouped(self):
         key = self.text("b")
         return (f"SELECT {key}, count(*), max({self.text('b')}), sum({self.number('b')}::numeric), "
-                f"count(*) FILTER (WHERE {self.condition('b')}) FROM {{rel}} b {self.where('b')} GROUP BY {key} "
+                f"count(*) FILTER (WHERE {self.condition('b')}) {self.found('b')} GROUP BY 1 "
                 f"HAVING count(*) > {self.random.randint(0, 2)}")
 
     def window(self):
         return (f"SELECT DISTINCT {self.select_list('b')}, rank() OVER (PARTITION BY {self.text('b')} "
-                f"ORDER BY {self.text('b')}) FROM {{rel}} b {self.where('b')}")
+                f"ORDER BY {self.text('b')}) {self.found('b')}")
 
     def join(self):
         kind = self.random.choice(["JOIN", "LEFT JOIN", "RIGHT JOIN", "FULL JOIN"])
-        found = f"(SELECT {self.select_list('b')}, {self.text('b')} AS k FROM {{rel}} b {self.where('b')})"
+        found = f"(SELECT {self.select_list('b')}, {self.text('b')} AS k {self.found('b')})"
         return f"SELECT * FROM local_rows l {kind} {found} s ON s.k = l.name"
 
     def lateral(self):
-        return (f"SELECT l.n, s.* FROM local_rows l, LATERAL (SELECT {self.select_list('b')} FROM {{rel}} b "
-                f"{self.where('b', 'length(b.' + self.texts[0] + ') > l.n - 99')}) s WHERE l.n < 2")
+        return (f"SELECT l.n, s.* FROM local_rows l, LATERAL (SELECT {self.select_list('b')} "
+                f"{self.found('b', 'length(' + self.texts[0].replace('@', 'b') + ') > l.n - 99')}) s WHERE l.n < 2")
 
     def two(self):
-        return (f"SELECT {self.text('b')}, {self.number('c')} FROM {{rel}} b JOIN {{rel}} c ON "
-                f"{self.text('b')} = {self.text('c')} {self.where('b', '{steer[c]}')}")
+        return (f"SELECT {self.text('b')}, {self.number('c')} FROM {self.source('b')} JOIN {self.source('c')} ON "
+                f"{self.text('b')} = {self.text('c')} {self.where('b', self.steering('c'))}")
 
     def set_operation(self):
         kind = self.random.choice(["UNION", "UNION ALL", "EXCEPT", "INTERSECT"])
-        arms = [f"SELECT {self.text('b')}, {self.number('b')}::numeric FROM {{rel}} b {self.where('b')}" for _ in "12"]
+        arms = [f"SELECT {self.text('b')}, {self.number('b')}::numeric {self.found('b')}" for _ in "12"]
         return f" {kind} ".join(arms)
 
     def with_query(self):
-        return (f"WITH w AS (SELECT {self.text('b')} AS t, {self.number('b')} AS n FROM {{rel}} b {self.where('b')}) "
+        return (f"WITH w AS (SELECT {self.text('b')} AS t, {self.number('b')} AS n {self.found('b')}) "
                 "SELECT t, count(*), (SELECT max(n) FROM w) FROM w GROUP BY t")
 
     def changed(self):
         """A local change that reads the relation, and what it left."""
-        made = f"SELECT {self.text('b')} AS t, {self.number('b')}::numeric AS n FROM {{rel}} b {self.where('b')}"
+        made = f"SELECT {self.text('b')} AS t, {self.number('b')}::numeric AS n {self.found('b')}"
         return self.random.choice([
             f"WITH i AS (INSERT INTO changes {made} RETURNING *) SELECT * FROM i",
             f"WITH d AS (DELETE FROM changes WHERE (t) IN (SELECT t FROM ({made}) s) RETURNING *) SELECT * FROM d",

@@ -38,7 +38,7 @@ def test_statements(cluster, search, seed, options):
     db = Database(cluster, search.port, jit=False, esversion=7)
     db.make_table(**options)
     db.run(LOCAL.format(ALL.format("books")))
-    statements = Statements(Random(f"{seed}{options}"), ["docname", "doctype"], ["score"],
+    statements = Statements(Random(f"{seed}{options}"), ["@.docname", "@.doctype"], ["@.score"],
                             ["book", "essay", "b003", "b210", "x"])
     refused = 0
     for _ in range(100):
