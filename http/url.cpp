@@ -39,7 +39,8 @@ bool areEqual(const UrlText &one, const UrlText &other, int (*compare)(const cha
 std::string baseUrl(const std::string &url)
 {
     const UrlHandle parsed = parse(url);
-    if (!parsed || hasDotSegment(url) || url.find_first_of(" ?#\t\r\n") != std::string::npos)
+    if (!parsed || url.find("://") == std::string::npos || hasDotSegment(url) ||
+        url.find_first_of(" ?#\t\r\n") != std::string::npos)
         return "";
     const UrlText scheme = partOf(parsed, CURLUPART_SCHEME);
     const UrlText all = partOf(parsed, CURLUPART_URL);

@@ -12,7 +12,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 SOURCES = [f"{room}/*.{kind}" for room in ("elasticsearch", "server", "http", "search", "src", "inc", "extension")
            for kind in ("cpp", "h")]
-PATIENCE = 900  # seconds for a run of the tests; a fault may make them hang
+PATIENCE = 400  # seconds for a run of the tests; a fault may make them hang
 # Neither what measures or does not concern the module, as for a module under sanitizers, nor the documentation.
 SQL_TESTS = ["tests/sql", "-m", "not unsanitized", "--ignore=tests/sql/test_documentation.py"]
 

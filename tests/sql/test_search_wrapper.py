@@ -1,0 +1,369 @@
+"""The search wrapper: what it asks the cluster for, what it refuses and why, how it ends, what it tells."""
+import json
+import re
+
+import psycopg2
+import pytest
+
+from conftest import Database, SearchServer, bodies, memory, new_database, unpacked, wait_until
+from scriptedserver import response, hits, named, silence
+
+COLUMNS = ("docname text, score real, doctype text OPTIONS (search 'keyword'), docindex text, doccontent jsonb, "
+           "highlights jsonb, param text")
+ALL = '{"match_all":{}}'
+QUERY = """param = 'query={"term":{"title":"whales"}}'"""
+
+
+@pytest.fixture
+def docs(db):
+    """The session with the table `docs` on the books of the shared search server; docs.make(...) makes it anew."""
+    def make(columns=COLUMNS, name="docs", **options):
+        texts = ", ".join(f"{key} '{value}'" for key, value in {"indexlist": "books", **options}.items() if value)
+        db.run(f"DROP FOREIGN TABLE IF EXISTS {name}; CREATE FOREIGN TABLE {name} ({columns}) SERVER documents "
+               f"OPTIONS ({texts})")
+
+    db.make = make
+    db.make_documents()
+    make()
+    return db
+
+
+def report(db, statement):
+    """(SQLSTATE, message, DETAIL, HINT) of a statement that fails."""
+    with pytest.raises(psycopg2.Error) as failure:
+        db.run(statement)
+    diagnostics = failure.value.diag
+    return (diagnostics.sqlstate, diagnostics.message_primary, diagnostics.message_detail or "",
+            diagnostics.message_hint or "")
+
+
+# ---- what is asked ------------------------------------------------------------------------------------------
+
+def search(query=ALL, *filters, size=1000, source="false", more=""):
+    filtered = f',"filter":[{",".join(filters)}]' if filters else ""
+    return f'{{"query":{{"bool":{{"must":[{query}]{filtered}}}}},"size":{size},"track_total_hits":true,"_source":{source}{more}}}'
+
+
+def ids(*names):
+    return '{"ids":{"values":[%s]}}' % ",".join(f'"{name}"' for name in names)
+
+
+def types(*names):
+    return '{"terms":{"type":[%s]}}' % ",".join(f'"{name}"' for name in names)
+
+
+TERM = '{"term":{"title":"whales"}}'
+AS_IT_COMES = ',"sort":["_doc"]'
+REQUESTS = [
+    ("count(*) FROM docs", [search(more=AS_IT_COMES)]), ("score FROM docs", [search()]),
+    ("doctype FROM docs LIMIT 0", []), ("docname FROM docs LIMIT 3", [search(size=3, more=AS_IT_COMES)]),
+    ("docname FROM docs LIMIT 3 OFFSET 2", [search(size=5, more=AS_IT_COMES)]),
+    ("docname, score FROM docs ORDER BY score DESC LIMIT 3", [search(size=3)]),
+    ("docname FROM docs WHERE length(docname) < 9 LIMIT 3", [search(size=100, more=AS_IT_COMES)]),
+    ("docname FROM docs WHERE docname IN ('b001', 'b002', 'b001', '', NULL)",
+     [search(ALL, ids("b001", "b002"), size=2, more=AS_IT_COMES)]),
+    ("docname FROM docs WHERE docname = 'b001' AND docname IN ('b001', 'b002')",
+     [search(ALL, ids("b001"), size=1, more=AS_IT_COMES)]),
+    ("docname FROM docs WHERE docname = 'b001' AND docname = 'b002'", []),
+    ("docname FROM docs WHERE docname = NULL", []), ("docname FROM docs WHERE docname = ANY ('{}')", []),
+    ("docname FROM docs WHERE docname = (SELECT max(docname) FROM docs WHERE docname < 'b000')",
+     [search(more=AS_IT_COMES)]),
+    ("docname FROM docs WHERE doctype = 'essay'", [search(ALL, types("essay"), source='{"includes":["type"]}', more=AS_IT_COMES)]),
+    ("docname FROM docs WHERE doctype = 'essay' LIMIT 4",
+     [search(ALL, types("essay"), size=100, source='{"includes":["type"]}', more=AS_IT_COMES)]),
+    (f"doctype, score FROM docs WHERE {QUERY} AND docname = 'b001'",
+     [search(TERM, ids("b001"), size=1, source='{"includes":["type"]}')]),
+    ("doccontent FROM docs WHERE param = ANY ('{sourceincludefilter=a*,sourceexcludefilter=b,sourceexcludefilter=c}') "
+     "AND docname = 'b001'", [search(ALL, ids("b001"), size=1, more=AS_IT_COMES, source='{"includes":["a*"],"excludes":["b","c"]}')]),
+    ("""score FROM docs WHERE param IN ('sort=["number"]', 'minscore=0.5') LIMIT 1""",
+     [search(size=1, more=',"min_score":0.5,"sort":["number"]')]),
+    ("highlights FROM docs WHERE docname = 'b001' AND "
+     """param IN ('query={"term":{"title":"whales"}}', 'highlight={"fields":{"title":{}}}')""",
+     [search(TERM, ids("b001"), size=1, more=',"highlight":{"fields":{"title":{}}}' + AS_IT_COMES)])]
+
+
+@pytest.mark.parametrize("statement, expected", REQUESTS)
+def test_requests(docs, search, statement, expected):
+    docs.run("SELECT " + statement)
+    assert [json.loads(body) for body in bodies(search) if "scroll" not in body] == list(map(json.loads, expected))
+    assert search.open_scrolls() == 0
+
+
+def test_many_ids(docs, search):
+    """As many ids as a statement has, a thousand at a time, whoever finds them."""
+    docs.run("CREATE TEMP TABLE names AS SELECT 'b' || lpad(n::text, greatest(3, length(n::text)), '0') AS name FROM generate_series(0, 99999) n")
+    search.take_journal()
+    assert docs.value("SELECT count(*) FROM docs WHERE docname = ANY (ARRAY(SELECT name FROM names))") == 250
+    assert {len(json.loads(body)["query"]["bool"]["filter"][0]["ids"]["values"]) for body in bodies(search)} == {1000}
+
+
+# ---- what is refused ----------------------------------------------------------------------------------------
+
+BAD_PARAM = "a condition on \"param\" cannot be given to the search"
+KINDS = "The parameters are query, highlight, sort"
+NO_OPTION = "invalid option \"{}\""
+
+
+def bad(value, message, detail="", hint=""):
+    return f"SELECT * FROM docs WHERE param = '{value}'", ("22023", message, detail, hint)
+
+
+def far(number, fault, message, detail, hint="", state="HV000"):
+    return number, fault, (state, message, detail, hint)
+
+
+def option(catalog, text, message, hint="", state="22023"):
+    statements = {"server": "CREATE SERVER s FOREIGN DATA WRAPPER veltranesearch OPTIONS ({})",
+                  "table": "CREATE FOREIGN TABLE t (docname text) SERVER documents OPTIONS ({})",
+                  "mapping": "CREATE USER MAPPING FOR PUBLIC SERVER documents OPTIONS ({})",
+                  "column": "CREATE FOREIGN TABLE t (doctype text OPTIONS ({})) SERVER documents OPTIONS (indexlist 'i')",
+                  "wrapper": "ALTER FOREIGN DATA WRAPPER veltranesearch OPTIONS ({})"}
+    return statements[catalog].format(text), (state, message, "", hint)
+
+
+A, I = "address 'http://h:1', ", "indexlist 'i', "
+URL = 'option "address" takes an http or https URL of host, port and path prefix, without credentials'
+REFUSALS = [
+    *[option("server", f"address '{url}'", URL) for url in ("", "h:9200", "ftp://h", "http://u:p@h", "http://h?x", "http:// h")],
+    option("server", "tlsverify 'no'", 'option "address" of the foreign server is required', state="HV00J"),
+    option("server", "adress 'x'", NO_OPTION.format("adress"), 'Perhaps you meant the option "address".', "HV00D"),
+    option("server", "x 'x'", NO_OPTION.format("x"), "Valid options in this context are: address,", "HV00D"),
+    option("wrapper", "x 'x'", NO_OPTION.format("x"), "There are no options in this context.", "HV00D"),
+    option("server", A + "timeout '1s'", 'option "timeout" takes a whole number from 1 to 2147483647'),
+    option("server", A + "tlsverify '2'", 'option "tlsverify" takes true or false'),
+    option("server", A + "proxy 'h'", 'option "proxy" takes an http or https URL of host and port, without credentials'),
+    option("server", A + "rowcost '-1'", 'option "rowcost" takes a number that is not negative'),
+    option("server", A + "cafile '/etc'", 'option "cafile" takes the absolute path of a file that the server can read'),
+    option("table", "batchsize '1'", 'option "indexlist" of the foreign table is required', "Name the index", "HV00J"),
+    *[option("table", f"indexlist '{names}'", 'option "indexlist" takes names of indices, separated by commas, without '
+             "blanks") for names in ("", "a b", "..")],
+    *[option("table", I + f"batchsize '{size}'", 'option "batchsize" takes a whole number from 1 to 10000')
+      for size in ("0", "10001", "x", "")],
+    option("table", I + "scrolltimeout '5'", 'option "scrolltimeout" takes a whole number and one of the units ms, s, m, '
+           "h and d"),
+    option("table", I + "partialresults 'ignore'", 'option "partialresults" takes error or warning'),
+    option("table", I + "compressionlevel '10'", 'option "compressionlevel" takes a whole number from -2 to 9'),
+    option("table", I + "estimatedrows '0'", 'option "estimatedrows" takes a whole number from 1 to 2000000000'),
+    option("column", "search 'text'", 'option "search" takes keyword'),
+    option("mapping", "username 'a:b', password 'x'", 'option "username" takes a name without colons, blanks and control '
+           "characters"),
+    option("mapping", "apikey 'a b'", 'option "apikey" takes an encoded key without blanks and control characters'),
+    option("mapping", "password 'x'", 'option "password" takes effect only with option "username"', state="HV000"),
+    option("mapping", "username 'a', apikey 'x'", 'options "username" and "apikey" exclude each other', state="HV000"),
+    option("mapping", "clientcert '/etc/passwd'", 'options "clientcert" and "clientkey" take effect only together',
+           state="HV000"),
+    bad("query={x}", 'parameter "query" takes a JSON object', "unexpected character, at character 2 of: {x}"),
+    bad("query={\"\u00e9\":1,}", 'parameter "query" takes a JSON object', "at character 8 of: "),
+    bad("query=[]", 'parameter "query" takes a JSON object', "it begins as something else, at character 1 of: []"),
+    bad('query={"a":1', 'parameter "query" takes a JSON object', "it is cut off, at character 7 of: "),
+    bad('highlight={}},"size":9', 'parameter "highlight" takes a JSON object', "more stands behind it, at character 3"),
+    bad("sort={}", 'parameter "sort" takes a JSON array', "it begins as something else"),
+    bad("minscore=1x", 'parameter "minscore" takes a number', "at character 2 of: 1x"),
+    bad("compressionlevel=10", 'parameter "compressionlevel" takes a whole number from -2 to 9'),
+    bad("whales", 'a value of "param" is no parameter', "whales", KINDS),
+    bad("qeury={}", 'there is no parameter "qeury"', "", KINDS),
+    ("SELECT * FROM docs WHERE param IN ('query={}', 'query={\"a\":1}')",
+     ("22023", 'parameter "query" is given twice', "", "A search has one of it.")),
+    *[("SELECT docname FROM docs WHERE " + clause, ("0A000", BAD_PARAM, "", "no column of the same table, no volatile "))
+      for clause in ("param = docname", "param = 'query={}' OR score > 1", "param = (random()::text)")],
+    ("SELECT 1 FROM docs WHERE param IN ('query={}', 'sort=[]') AND param IN ('minscore=1', 'sort=[]')",
+     ("0A000", 'a search takes one condition on "param"', "", "Give all parameters in one")),
+    ("SELECT doctype, doccontent FROM docs WHERE param = 'sourceincludefilter=a'",
+     ("0A000", 'source filters shape "doccontent" and would shape "doctype" too', "", "Leave one of the two")),
+    ("SELECT ctid FROM docs", ("0A000", "documents have no system columns but tableoid", "", "")),
+    ("SELECT title FROM odd", ("HV007", 'column "title" is none of a search', "", "The columns are docname, docindex")),
+    ("SELECT score FROM odd", ("HV004", 'column "score" should be of type real or double precision', "", "")),
+    ("SELECT docname FROM odd WHERE docname = 'b001'", ("23514", "value for domain short violates check", "", "")),
+    ("SELECT highlights FROM odd LIMIT 1",
+     ("23502", 'null value in column "highlights" of a foreign table violates its not-null constraint', "", "")),
+    ("INSERT INTO docs (docname) VALUES ('x')", ("0A000", 'cannot insert into foreign table "docs"', "", ""))]
+
+
+def agrees(found, expected):
+    return found[0] == expected[0] and all(part in whole for part, whole in zip(expected[1:], found[1:]))
+
+
+@pytest.mark.parametrize("statement, expected", REFUSALS)
+def test_refusals(docs, search, statement, expected):
+    docs.run("DROP DOMAIN IF EXISTS short CASCADE; CREATE DOMAIN short AS text CHECK (length(VALUE) < 3)")
+    docs.make("docname short, title text, score int, doctype text, highlights jsonb NOT NULL", "odd")
+    search.take_journal()
+    assert agrees(report(docs, statement), expected)
+    assert not bodies(search) or expected[0].startswith("23")
+
+
+REFUSED, UNREADABLE = "the search cluster refused the request", "the response of the search cluster cannot be read"
+CONTEXT = hits('"_id":"a","_source":{}', total=9, scroll_id="s")
+FAULTS = [
+    *[far(status, response(body, f"{status} No"), REFUSED, f": HTTP status {status}" + reason, hint)
+      for status, body, reason, hint in [
+          (400, '{"error":{"type":"parsing_exception","reason":"no [x]","caused_by":{"type":"t","reason":"deep"}}}',
+           ": parsing_exception: no [x]; t: deep", "If the query is meant as it is"),
+          (401, "", "", 'Check "username" and "password"'), (403, '{"error":"no"}', ": no", "do not allow this search"),
+          (404, '{"error":{"type":"index_not_found_exception","reason":"r"}}', ": index_not_found_exception: r",
+           'Check the option "indexlist"'), (413, "<html>", ": <html>", "larger than the cluster takes"),
+          (429, "{}", ": {}", "too many scroll contexts"), (503, "", "", "not available"), (301, "", "", "not followed")]],
+    far("quoted", response("x" * 9999, "500 No"), REFUSED, "x" * 2048), far("no search", response("{}"), UNREADABLE, "/_search"),
+    far("gone", lambda peer: (response(CONTEXT) if peer.purpose == "first" else response("{}", "404 No"))(peer), REFUSED,
+        "POST http://127.0.0.1:", "The scroll context is gone"),
+    far("partial", response('{"_shards":{"total":3,"successful":2,"failed":1,"failures":[{"reason":{"type":"t","reason":'
+                            '"r"}}]},' + hits()[1:]), "the response of the search cluster lacks hits",
+        "1 of 3 shards failed or did not respond: t: r", "Look at the cluster's health."),
+    far("late", response('{"timed_out":true,' + hits()[1:]), "lacks hits", "timed out"),
+    far("lost", response(hits(*named("a"), total=2)), "the search cluster did not return all hits",
+        "1 hits arrived, 2 are said to match", "Try again"),
+    far("bound", response(hits(total='{"value":1,"relation":"gte"}')), UNREADABLE, "no exact total of hits"),
+    far("sourceless", response(hits(*named("a"))), "a document comes without its source", "Index , id a.", '"_source" switched off'),
+    far("id", response(hits('"_id":"\\ud800","_source":{}')), "an id or the name of an index is not valid Unicode", "ud800",
+        state="22021"),
+    far("cut", response("{", length=99), "the exchange with the search cluster broke off", "(libcurl 18)"),
+    far("time", silence, "the exchange with the search cluster broke off", "(libcurl 28)", '"connecttimeout" and "timeout"'),
+    far("none", None, "could not connect to the search cluster", "(libcurl 7)", "its port included (9200 is usual)", "HV00N")]
+
+
+@pytest.mark.parametrize("fault, expected", [case[1:] for case in FAULTS], ids=[case[0] for case in FAULTS])
+def test_failures(docs, scripted, fault, expected):
+    """An error tells where, what and why, and what to do; the next query of the session is not its heir."""
+    docs.make_documents(scripted.port if fault else 1, timeout=300)
+    docs.run("CREATE USER MAPPING FOR PUBLIC SERVER documents OPTIONS (username 'me', password 'sesame')")
+    docs.make()
+    scripted.script = fault
+    for _ in range(2):
+        told = report(docs, "SELECT docname, doccontent FROM docs")
+        assert agrees(told, expected) and "sesame" not in str(told) and len(told[2]) < 2500, told
+    scripted.script = response(hits())
+    assert not fault or docs.run("SELECT docname FROM docs") == []
+
+
+def test_warnings(docs, scripted):
+    docs.make_documents(scripted.port)
+    docs.make(partialresults="warning")
+    scripted.script = response('{"timed_out":true,' + hits(*named("a"))[1:])
+    assert docs.run("SELECT docname FROM docs") == [("a",)]
+    assert "lacks hits" in docs.connection.notices.pop()
+
+
+# ---- how it ends --------------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("version", [6, 9])
+def test_no_context_stays(cluster, version):
+    """A thousand statements, which end in every way; the search server has room for few contexts."""
+    endings = ["SELECT count(*) FROM docs", "SELECT docname FROM docs WHERE length(docname) > 0 LIMIT 1",
+               "SELECT 1 / (length(docname) - 4) FROM docs", "SELECT (SELECT docname FROM docs LIMIT 1) FROM docs LIMIT 2",
+               "BEGIN; DECLARE c CURSOR FOR SELECT * FROM docs; FETCH 3 FROM c; CLOSE c; COMMIT",
+               "BEGIN; DECLARE c CURSOR FOR SELECT * FROM docs; FETCH 3 FROM c; ROLLBACK",
+               "BEGIN; DECLARE c CURSOR WITH HOLD FOR SELECT * FROM docs; FETCH 3 FROM c; COMMIT; CLOSE c",
+               "BEGIN; SAVEPOINT s; DECLARE c CURSOR FOR SELECT * FROM docs; FETCH 3 FROM c; ROLLBACK TO s; COMMIT",
+               "SELECT pg_cancel_backend(pg_backend_pid()), pg_sleep(9) FROM docs", "SELECT EXISTS (SELECT FROM docs WHERE length(docname) > 1)"]
+    with SearchServer(version) as server:
+        server.create_index("books", 3)
+        server.put_many("books", [(f"b{n:03}", {}) for n in range(40)])
+        server.max_scroll_contexts = 12
+        db = Database(cluster, server.port)
+        db.make_documents()
+        db.run("CREATE FOREIGN TABLE docs (docname text) SERVER documents OPTIONS (indexlist 'books', batchsize '5')")
+        errors = set()
+        for number in range(1000):
+            outcome = db.outcome(endings[number % len(endings)])
+            if isinstance(outcome, tuple):
+                errors.add(outcome[0])
+                db.run("ROLLBACK")
+        assert errors == {"22012", "57014"}
+        assert db.value("SELECT count(*) FROM docs") == 40
+        assert server.open_scroll_contexts() == 0
+        # A session that ends with an open cursor leaves nothing either.
+        db.run("BEGIN; DECLARE c CURSOR FOR SELECT * FROM docs; FETCH 3 FROM c")
+        db.connection.close()
+        wait_until(lambda: server.open_scroll_contexts() == 0)
+
+
+@pytest.mark.unsanitized
+@pytest.mark.parametrize("statement", ["SELECT * FROM docs", "SELECT * FROM docs WHERE param = 'query={\"x\":{}}'",
+                                       "SELECT 1 / (length(docname) - 4) FROM docs"])
+def test_memory_is_flat(docs, statement):
+    docs.make(batchsize=100)
+    for count in range(500):
+        if count == 100:
+            before = memory(docs.pid)
+        docs.outcome(statement)
+    assert memory(docs.pid) - before < 300
+
+
+# ---- what it tells ------------------------------------------------------------------------------------------
+
+def plan(db, statement, options=""):
+    return "\n".join(line for (line,) in db.run(f"EXPLAIN ({options}COSTS off) {statement}"))
+
+
+def test_explain(docs, search):
+    """The request with expressions in place of what is not known yet; nothing is sent. ANALYZE counts."""
+    shown = plan(docs, "SELECT b.score FROM (VALUES ('b001', 'query={}')) v (n, q) JOIN docs b ON b.docname = lower(v.n) "
+                 "AND b.param = v.q AND b.doctype = 'book'", "VERBOSE, ")
+    assert not bodies(search)
+    assert f"Search: POST http://127.0.0.1:{search.port}/books/_search" in shown and "Body: {\"query\":" in shown
+    docs.run("PREPARE s(text, text[]) AS SELECT docname FROM docs WHERE param = $1 AND docname = ANY ($2)")
+    docs.make_generic("EXECUTE s('query={}', '{a}')")
+    shown = plan(docs, "EXECUTE s('query={}', '{a}')", "VERBOSE, ")
+    assert '"must":[<$1>],"filter":[{"ids":{"values":[<$2>]}}]' in shown
+    told = plan(docs, "SELECT docname FROM docs", "ANALYZE, TIMING off, SUMMARY off, ")
+    assert re.search(r"Requests: 1\n *Pages: 1\n *Hits: 250\n *Bytes Received: \d{4,}", told)
+    assert "Waited: " in plan(docs, "SELECT docname FROM docs", "ANALYZE, ")
+    secret = "CREATE USER MAPPING FOR PUBLIC SERVER documents OPTIONS (apikey 'sesame')"
+    docs.run(secret)
+    assert "sesame" not in plan(docs, "SELECT docname FROM docs", "VERBOSE, ANALYZE, ")
+
+
+def test_plans(docs):
+    """Look-ups by id where few rows are joined, a hash join where many are; no just-in-time compiler for a few hits."""
+    docs.run("CREATE TEMP TABLE names AS SELECT 'b' || n AS name, n FROM generate_series(1, 99999) n; "
+             "CREATE INDEX ON names (n); ANALYZE names")
+    join = "SELECT * FROM names JOIN docs ON docname = name"
+    assert "Nested Loop" in plan(docs, join + " WHERE n < 4") and "Hash Join" in plan(docs, join)
+    if docs.set("jit", "on"):
+        assert "JIT" not in plan(docs, "SELECT * FROM docs ORDER BY score DESC LIMIT 10", "ANALYZE, ")
+    docs.run("ANALYZE docs")
+    assert docs.value("SELECT reltuples FROM pg_class WHERE relname = 'docs'") == 250
+    assert docs.value("SELECT n_distinct FROM pg_stats WHERE tablename = 'docs' AND attname = 'doctype'") == 2
+
+
+def test_waits_are_shown(docs, scripted, cluster):
+    docs.make_documents(scripted.port)
+    docs.make()
+    other, seen = Database(cluster, 0), []
+    scripted.script = lambda peer: (seen.extend(other.run(
+        "SELECT wait_event_type, state FROM pg_stat_activity WHERE pid = %s", (docs.pid,))), response(hits())(peer))
+    docs.run("SELECT docname FROM docs")
+    assert seen == [("Extension", "active")]
+    other.connection.close()
+
+
+# ---- values -------------------------------------------------------------------------------------------------
+
+def check_types(db, encoding):
+    db.install()
+    db.make_documents()
+    db.connection.set_client_encoding("UTF8")
+    wanted = "E'na\\303\\257ve'" if encoding == "SQL_ASCII" else "'na\u00efve'"
+    for kind in ("jsonb", "json", "text", "bytea")[encoding == "SQL_ASCII":]:  # whose jsonb takes no \\u00e9
+        db.run(f"DROP FOREIGN TABLE IF EXISTS i; CREATE FOREIGN TABLE i (doccontent {kind}, gone int, docname text, "
+               "score double precision, doctype text, docindex text) SERVER documents OPTIONS (indexlist 'i'); "
+               "ALTER FOREIGN TABLE i DROP COLUMN gone")
+        (content, *rest), = db.run(f"SELECT * FROM i WHERE docname = {wanted}")
+        text = unpacked(content) if kind == "bytea" else content
+        assert (text if isinstance(text, dict) else json.loads(text)) == {"type": "\u00e9", "a": "\u00ef"}
+        assert rest == ["na\u00efve", 1.0, "\u00e9", "i"]
+        other = db.outcome("SELECT doctype FROM i WHERE docname LIKE '_' OR docname LIKE '___'")
+        assert other[0] == ("22P05" if encoding == "LATIN1" else (None,))
+
+
+@pytest.mark.parametrize("encoding", ["UTF8", "LATIN1", "SQL_ASCII"])
+def test_types_and_encodings(cluster, encoding):
+    """Every type of every column, of documents with and without the value, in the database's encoding."""
+    with SearchServer(7) as server:
+        server.create_index("i", 1, {"properties": {"type": {"type": "object", "enabled": False}}})
+        server.put("i", "na\u00efve", '{"type":"\\u00e9","a":"\u00ef"}')
+        server.put("i", "\u65e5", {"type": {"no": 1}})
+        owner = Database(cluster, server.port)
+        with new_database(owner, "typed", f"ENCODING '{encoding}' LC_COLLATE 'C' LC_CTYPE 'C'") as db:
+            check_types(db, encoding)
+        owner.connection.close()
