@@ -69,7 +69,7 @@ def create(db, server, count):
            table.format("docs", f"({', '.join(columns)})", "docs-*", db.batch) +
            table.format("reordered", f"({', '.join(reversed(columns))})", "docs-a,docs-b", db.batch) +
            f"CREATE TABLE parts ({plain}) PARTITION BY LIST (docindex);" +
-           "".join(table.format(f'"{index}"', f"PARTITION OF parts FOR VALUES IN ('{index}')", index, db.batch)
+           "".join(table.format(f"parts_{index[-1]}", f"PARTITION OF parts FOR VALUES IN ('{index}')", index, db.batch)
                    for index in INDICES) + HIDING.format("hiding", "docs"))
     db.run("CREATE TEMP TABLE local_rows AS SELECT 'd' || to_char(n * 7, 'FM000') AS name, n FROM "
            "generate_series(0, 12) n; CREATE TEMP TABLE searches (kind text, text text);"

@@ -12,8 +12,8 @@ COUNT = int(os.environ.get("VELTRANE_STATEMENTS", "400"))
 SEED = os.environ.get("VELTRANE_SEED", "")
 # (version of the search server, batchsize, documents)
 PLACES = [(6, 7, 150), (7, 1000, 1000), (8, 1, 40), (9, 1000, 300)]
-# What is refused, and rightly: to lock rows of a table beside which nothing can be locked is not among them.
-REFUSALS = []
+# What is refused, and rightly: a join compares the parameters of a search with any text.
+REFUSALS = [('a value of "param" is no parameter',)]
 PLANS = ["enable_hashjoin", "enable_mergejoin", "enable_nestloop", "enable_material", "enable_hashagg"]
 
 
@@ -52,7 +52,7 @@ def test_statements(cluster, place):
                 outcomes.append(rows_of(db, statement.format(rel=relations)))
                 db.run("ROLLBACK")
             told = (number, off, statement.format(rel=foreign))
-            assert outcomes[1] == outcomes[0] or outcomes[1][1:] in REFUSALS, told
+            assert outcomes[1] == outcomes[0] or outcomes[1][1:2] in REFUSALS, told
             meagre += outcomes[0] == [] or isinstance(outcomes[0], tuple)
         assert meagre < COUNT // len(PLACES) * 0.6
         assert server.open_scroll_contexts() == 0
