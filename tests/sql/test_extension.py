@@ -13,9 +13,10 @@ from conftest import Database, module_path, new_database, running_cluster
 # strict; the readers of contents, which serve indexes and parallel plans, also immutable and parallel safe
 FUNCTIONS = [("veltranepgfdw_jsonb(bytea)", True, "i", "s"), ("veltranepgfdw_text(bytea)", True, "i", "s"),
              ("veltranepgfdwinterfacehandler()", True, "v", "u"),
-             ("veltranepgfdwinterfacevalidator(text[],oid)", True, "v", "u")]
+             ("veltranepgfdwinterfacevalidator(text[],oid)", True, "v", "u"),
+             ("veltranesearch_handler()", True, "v", "u"), ("veltranesearch_validator(text[],oid)", True, "v", "u")]
 LEFT_BEHIND = """
-SELECT proname::text FROM pg_proc WHERE proname LIKE 'veltranepgfdw%' OR probin ~ 'Veltrane'
+SELECT proname::text FROM pg_proc WHERE proname LIKE 'veltrane%' OR probin ~ 'Veltrane'
 UNION ALL SELECT fdwname FROM pg_foreign_data_wrapper UNION ALL SELECT srvname FROM pg_foreign_server
 UNION ALL SELECT ftrelid::regclass::text FROM pg_foreign_table"""
 TITLES = """
@@ -60,16 +61,20 @@ def make_extension(session, schema="public"):
     session.make_table()
 
 
-def test_objects_and_the_installed_library(db, installed):
-    described = db.run("""
+def check_objects(session):
+    described = session.run("""
         SELECT pg_describe_object(classid, objid, 0), obj_description(objid, classid::regclass::text) IS NOT NULL
         FROM pg_depend WHERE refclassid = 'pg_extension'::regclass AND deptype = 'e'
             AND refobjid = (SELECT oid FROM pg_extension WHERE extname = 'veltranepgfdw')""")
-    assert dict(described) == dict.fromkeys(
-        ["foreign-data wrapper veltranepgfdw", *(f"function {name}" for name, *_ in FUNCTIONS)], True)
+    wrappers = [f"foreign-data wrapper {name}" for name in ("veltranepgfdw", "veltranesearch")]
+    assert dict(described) == dict.fromkeys([*wrappers, *(f"function {name}" for name, *_ in FUNCTIONS)], True)
+
+
+def test_objects_and_the_installed_library(db, installed):
+    check_objects(db)
     assert db.run("""
         SELECT oid::regprocedure::text, proisstrict, provolatile, proparallel FROM pg_proc
-        WHERE proname LIKE 'veltranepgfdw%' AND probin = '$libdir/libVeltranePgFdw3_0' ORDER BY 1""") == FUNCTIONS
+        WHERE proname LIKE 'veltrane%' AND probin = '$libdir/libVeltranePgFdw3_0' ORDER BY 1""") == FUNCTIONS
     assert db.run(TITLES.format("")) == FOUND
     maps = Path(f"/proc/{db.pid}/maps").read_text(encoding="utf-8")
     assert f"{installed}{directory_of_server('pkglibdir')}/{module_path().name}" in maps
@@ -86,6 +91,25 @@ def test_another_schema_and_drop(db):
         assert session.run(LEFT_BEHIND) == []
 
 
+def test_update_dump_and_restore(db):
+    """Tables of the version before go on working; a dump makes the same again, whatever its options are."""
+    with new_database(db, "dumped") as session, new_database(db, "restored") as other:
+        session.run("CREATE EXTENSION veltranepgfdw VERSION '3.2'; CREATE SERVER search FOREIGN DATA WRAPPER veltranepgfdw")
+        session.make_table()
+        session.run("ALTER EXTENSION veltranepgfdw UPDATE")
+        check_objects(session)
+        session.make_documents()
+        session.run("CREATE FOREIGN TABLE docs (docname text, doctype text OPTIONS (search 'keyword')) SERVER documents "
+                    "OPTIONS (indexlist 'books', batchsize '7'); CREATE USER MAPPING FOR PUBLIC SERVER documents OPTIONS "
+                    "(username 'me', password 'it''s')")
+        dump = subprocess.check_output([f"{db.cluster.pg_bindir}/pg_dump", "-d", f"{db.cluster.dsn} dbname=dumped"], text=True)
+        psql = [f"{db.cluster.pg_bindir}/psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", "-d", f"{db.cluster.dsn} dbname=restored"]
+        subprocess.run(psql, input=dump, text=True, check=True, stdout=subprocess.DEVNULL)
+        for each in (session, other):
+            each.run("SET search_path = public")
+            assert each.run(TITLES.format("")) == FOUND and each.value("SELECT count(*) FROM docs") == 250
+
+
 def test_installcheck(db):
     """What make installcheck does on the server that runs here."""
     environment = {**os.environ, "PGHOST": "127.0.0.1", "PGPORT": str(db.cluster.port), "PGUSER": "postgres"}
@@ -94,17 +118,19 @@ def test_installcheck(db):
 
 
 def test_script_by_hand_makes_nothing(db, installed):
-    (script,) = Path(installed + directory_of_server("sharedir"), "extension").glob("veltranepgfdw--*.sql")
+    scripts = sorted(Path(installed + directory_of_server("sharedir"), "extension").glob("veltranepgfdw--*.sql"))
     with new_database(db, "by_hand") as session:
-        psql = [f"{db.cluster.pg_bindir}/psql", "-X", "-f", script, f"{db.cluster.dsn} dbname=by_hand"]
-        assert b'Use "CREATE EXTENSION veltranepgfdw"' in subprocess.check_output(psql)
-        assert session.run(LEFT_BEHIND) == []
+        for script, hint in zip(scripts, ("ALTER EXTENSION veltranepgfdw UPDATE", "CREATE EXTENSION veltranepgfdw")):
+            psql = [f"{db.cluster.pg_bindir}/psql", "-X", "-f", script, f"{db.cluster.dsn} dbname=by_hand"]
+            assert f'Use "{hint}"' in subprocess.check_output(psql, text=True)
+        assert session.run(LEFT_BEHIND) == [] and len(scripts) == 2
 
 
 # ---- The library itself ------------------------------------------------------------------------------------
 
 # What others may call: the server, and modules that use the clauses' analysis and the reader of terms aggregations.
-CALLED = [f"veltranepgfdw{name}" for name in ("interfacehandler", "interfacevalidator", "_text", "_jsonb")]
+CALLED = [f"veltranepgfdw{name}" for name in ("interfacehandler", "interfacevalidator", "_text", "_jsonb")] + [
+    f"veltranesearch_{name}" for name in ("handler", "validator")]
 READER, COLLECTOR = "zq::elasticsearch::TermAggResultParserInterface", "qm::pgFdw::TermAggResultParser"
 EXPORTED = {
     "Pg_magic_func", "_PG_init", "_PG_fini", *CALLED, *[f"pg_finfo_{name}" for name in CALLED],

@@ -15,13 +15,14 @@ QUERY = """param = 'query={"term":{"title":"whales"}}'"""
 
 
 @pytest.fixture
-def docs(db):
+def docs(db, search):
     """The session with the table `docs` on the books of the shared search server; docs.make(...) makes it anew."""
     def make(columns=COLUMNS, name="docs", **options):
         texts = ", ".join(f"{key} '{value}'" for key, value in {"indexlist": "books", **options}.items() if value)
         db.run(f"DROP FOREIGN TABLE IF EXISTS {name}; CREATE FOREIGN TABLE {name} ({columns}) SERVER documents "
                f"OPTIONS ({texts})")
 
+    search.expire_scrolls()
     db.make = make
     db.make_documents()
     make()
