@@ -102,12 +102,11 @@ def create_tables(connection, cluster, url, index):
     """Makes the tables of the tour, for a search server of any version."""
     parts = urllib.parse.urlsplit(url)
     address = parts.hostname if parts.scheme == "http" else f"{parts.scheme}://{parts.hostname}"
-    values = {"module": os.path.splitext(cluster.module_path)[0], "address": address,
-              "port": str(parts.port or 9200), "index": index}
+    values = {"module": os.path.splitext(cluster.module_path)[0], "url": url, "address": address,
+              "port": str(parts.port or 9200), "index": index, "version": major_version(url)}
     with connection.cursor() as cursor:
         cursor.execute(SETUP.format(**{name: QuotedString(value).getquoted().decode()
                                        for name, value in values.items()}))
-        cursor.execute("ALTER FOREIGN TABLE books OPTIONS (ADD esversion %s)", (major_version(url),))
 
 
 def show(connection, query, title=None):
@@ -198,7 +197,7 @@ def main():
     parser.add_argument("--module", required=True, help="the module's file (scripts/demo.sh gives it)")
     parser.add_argument("--keep", action="store_true", help="leave everything running")
     parser.add_argument("query", nargs="?", metavar="QUERY",
-                        help="a query of your own on the foreign table books")
+                        help="a query of your own on the foreign table books (or classic_books)")
     options = parser.parse_args()
     os.umask(0o022)
     sys.stdout.reconfigure(encoding="utf-8", line_buffering=True)

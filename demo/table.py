@@ -1,5 +1,6 @@
 """Query results as text: a table like psql's, with long values wrapped and compressed ones made readable."""
 
+import json
 import struct
 import textwrap
 import unicodedata
@@ -22,6 +23,8 @@ def readable(value):
         except (zlib.error, struct.error):
             pass  # stored as it is
         return data.decode("utf-8", "replace")
+    if isinstance(value, (dict, list)):  # as the driver reads json
+        return json.dumps(value, ensure_ascii=False)
     return str(value)
 
 
