@@ -23,6 +23,8 @@ public:
     // Throws std::bad_alloc, and is as before then.
     void append(const char *data, std::size_t length)
     {
+        if (length == 0)
+            return; // nor may memcpy be given no buffer then
         if (length > capacity - used)
             grow(used + length);
         std::memcpy(bytes + used, data, length);

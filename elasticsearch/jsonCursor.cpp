@@ -1,6 +1,8 @@
 // Reading a JSON text that lies in one piece, token by token.
 #include "elasticsearch/jsonCursor.h"
 
+#include "elasticsearch/jsonString.h"
+
 #include <cstring>
 
 namespace zq::elasticsearch
@@ -35,8 +37,10 @@ bool JsonCursor::isAtEnd()
 }
 
 // Escapes are the known ones, and control characters stand as escapes only.
-void JsonCursor::checkString(std::size_t begin, std::size_t end) const
+void JsonCursor::checkString(std::size_t begin, std::size_t end)
 {
+    constexpr std::string_view Escapes = "\"\\/bfnrt";
+    hasEscapes = false;
     std::size_t i = begin;
     while (i < end) {
         std::uint64_t bytes = 0;
@@ -52,15 +56,23 @@ void JsonCursor::checkString(std::size_t begin, std::size_t end) const
             throw JsonError("control character in a string", i - 1);
         if (byte != '\\')
             continue;
+        hasEscapes = true;
         const char escaped = text[i++]; // the closing quote is no escaped one, so this is before it
         if (escaped == 'u') {
             for (int digit = 0; digit < 4; ++digit)
                 if (!isHexDigit(text[i++])) // the closing quote is none either
                     throw JsonError("escape without four hexadecimal digits", i - 1);
-        } else if (std::strchr("\"\\/bfnrt", escaped) == nullptr) {
+        } else if (Escapes.find(escaped) == std::string_view::npos) {
             throw JsonError("unknown escape", i - 1);
         }
     }
+}
+
+// Only what holds escapes differs from how it stands.
+void JsonCursor::decodeName(std::string_view &name)
+{
+    if (decodeJsonText(name, decodedName))
+        name = decodedName;
 }
 
 void JsonCursor::skipDigits()
@@ -155,7 +167,7 @@ bool JsonCursor::closesValue(std::string &open)
     const char before = text[at - 1];
     const bool isFirst = before == open.back();
     std::string_view name;
-    const bool goesOn = open.back() == '{' ? nextMember(isFirst, name) : nextElement(isFirst);
+    const bool goesOn = open.back() == '{' ? takeMember(isFirst, name) : nextElement(isFirst);
     if (!goesOn)
         open.pop_back();
     return !goesOn;

@@ -47,7 +47,7 @@ public:
 
     // Takes what leads to the next member of an object whose brace was taken: a comma, unless it is the
     // first, the name and the colon. Takes the closing brace and returns false when there is none. The name
-    // is as it stands.
+    // is decoded, unless it cannot be; it is good until this is called again.
     bool nextMember(bool isFirst, std::string_view &name);
     // The same for the elements of an array.
     bool nextElement(bool isFirst);
@@ -66,7 +66,9 @@ private:
     std::string_view from(std::size_t begin) const { return {text.data() + begin, at - begin}; }
     void skipBlanks();
     void skipDigits();
-    void checkString(std::size_t begin, std::size_t end) const;
+    bool takeMember(bool isFirst, std::string_view &name);
+    void checkString(std::size_t begin, std::size_t end);
+    void decodeName(std::string_view &name);
     void skipNumber();
     void skipWord(std::string_view word);
     bool closesValue(std::string &open);
@@ -74,6 +76,8 @@ private:
     std::string_view text;
     const JsonStructure *structure;
     std::size_t at;
+    bool hasEscapes = false; // the last string
+    std::string decodedName;
 };
 
 inline void JsonCursor::skipBlanks()
@@ -97,7 +101,7 @@ inline void JsonCursor::take(char byte)
     ++at;
 }
 
-inline bool JsonCursor::nextMember(bool isFirst, std::string_view &name)
+inline bool JsonCursor::takeMember(bool isFirst, std::string_view &name)
 {
     if (peek() == '}') {
         ++at;
@@ -107,6 +111,15 @@ inline bool JsonCursor::nextMember(bool isFirst, std::string_view &name)
         take(',');
     name = string();
     take(':');
+    return true;
+}
+
+inline bool JsonCursor::nextMember(bool isFirst, std::string_view &name)
+{
+    if (!takeMember(isFirst, name))
+        return false;
+    if (hasEscapes)
+        decodeName(name);
     return true;
 }
 

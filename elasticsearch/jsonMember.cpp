@@ -41,16 +41,11 @@ bool topLevelScalar(std::string_view object, std::string_view name, std::string 
         JsonCursor cursor(object, structure, 0);
         cursor.take('{');
         std::string_view memberName;
-        for (bool isFirst = true; cursor.nextMember(isFirst, memberName); isFirst = false) {
-            std::string decodedName;
-            const bool isEscaped = memberName.find('\\') != std::string_view::npos;
-            if (isEscaped && decodeJsonText(memberName, decodedName))
-                memberName = decodedName;
+        for (bool isFirst = true; cursor.nextMember(isFirst, memberName); isFirst = false)
             if (memberName == name)
                 isFound = takeScalar(cursor, value);
             else
                 pass(cursor);
-        }
     } catch (const JsonError &) {
         return false;
     } catch (const JsonNeedsMore &) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <numeric>
 
 namespace zq::elasticsearch
 {
@@ -21,13 +22,17 @@ void forEachMember(JsonCursor &cursor, Take &&take)
         take(name);
 }
 
-std::int64_t count(JsonCursor &cursor)
+// The cluster keeps the number of shards, and that of clusters, in 32 bits.
+constexpr std::int64_t MostShards = INT32_MAX;
+
+std::int64_t count(JsonCursor &cursor, std::int64_t most)
 {
+    cursor.peek();
     const std::size_t begin = cursor.position();
     const std::string_view digits = cursor.scalar();
     std::int64_t number = 0;
     const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (problem != std::errc() || end != digits.data() + digits.size() || number < 0)
+    if (problem != std::errc() || end != digits.data() + digits.size() || number < 0 || number > most)
         throw JsonError("count expected", begin);
     return number;
 }
@@ -35,19 +40,13 @@ std::int64_t count(JsonCursor &cursor)
 // A string, decoded.
 std::string decoded(JsonCursor &cursor)
 {
+    cursor.peek();
     const std::size_t begin = cursor.position();
     std::string text;
     if (!decodeJsonText(cursor.string(), text))
         throw JsonError("string that is not valid Unicode", begin);
     return text;
 }
-
-// A value that is passed over. Containers are looked at as closely as what they are.
-std::string_view skipped(JsonCursor &cursor) { return cursor.value(); }
-
-// A hit that is cut is read anew when more has arrived: that is tried when there is this much, and as much
-// again as there is of the hit.
-constexpr std::size_t StrideBytes = std::size_t{64} << 10;
 
 struct KnownMember {
     std::string_view name;
@@ -74,7 +73,10 @@ const KnownMember *find(const KnownMember (&known)[size], std::string_view name)
 
 } // namespace
 
-SearchResponseReader::SearchResponseReader(const BlockScanner &scanner) : structure(scanner) {}
+SearchResponseReader::SearchResponseReader(const BlockScanner &scanner, std::size_t stride)
+    : stride(stride), structure(scanner)
+{
+}
 
 void SearchResponseReader::clear()
 {
@@ -95,7 +97,8 @@ bool SearchResponseReader::read(const char *data, std::size_t length)
     if (!problemText.empty())
         return false;
     buffer.append(data, length);
-    if (buffer.size() - seen >= std::max(StrideBytes, seen - parsed))
+    // A hit that is cut is read anew when more has arrived: at least as much again as there was of it.
+    if (buffer.size() - seen >= std::max(stride, seen - parsed))
         advance();
     return problemText.empty();
 }
@@ -183,25 +186,25 @@ void SearchResponseReader::readResponseMember(JsonCursor &cursor)
     if (name == "hits") {
         cursor.take('{');
         hits.clear();
-        hasHits = found.hasTotal = false;
+        hasHits = found.hasTotal = found.totalIsLowerBound = false;
+        found.total = 0;
         enter(Place::Hits);
         return;
     }
-    if (name == "_scroll_id") {
+    if (name == "_scroll_id")
         found.scrollId = decoded(cursor);
-    } else if (name == "timed_out") {
-        found.timedOut = skipped(cursor) == "true";
-    } else if (name == "_shards") {
+    else if (name == "timed_out")
+        found.timedOut = cursor.value() == "true";
+    else if (name == "_shards")
         readShards(cursor);
-    } else if (name == "_clusters") {
+    else if (name == "_clusters")
         readClusters(cursor);
-    } else {
-        const std::string_view value = skipped(cursor);
-        if (name == "error")
-            errorSpan = spanOf(value);
-        else if (name == "aggregations")
-            aggregationsSpan = spanOf(value);
-    }
+    else if (name == "error")
+        errorSpan = spanOf(cursor.value());
+    else if (name == "aggregations")
+        aggregationsSpan = spanOf(cursor.value());
+    else
+        cursor.value();
     isFirst = false;
 }
 
@@ -222,7 +225,7 @@ void SearchResponseReader::readHitsMember(JsonCursor &cursor)
     if (name == "total")
         readTotal(cursor);
     else
-        skipped(cursor);
+        cursor.value();
     isFirst = false;
 }
 
@@ -230,22 +233,24 @@ void SearchResponseReader::readHitsMember(JsonCursor &cursor)
 void SearchResponseReader::readTotal(JsonCursor &cursor)
 {
     std::int64_t total = 0;
+    bool hasTotal = true;
     bool isLowerBound = false;
     if (cursor.peek() != '{') {
-        total = count(cursor);
+        total = count(cursor, INT64_MAX);
     } else {
-        forEachMember(
-            cursor,
-            [&](std::string_view name) {
-                if (name == "value")
-                    total = count(cursor);
-                else if (name == "relation")
-                    isLowerBound = cursor.string() != "eq";
-                else
-                    skipped(cursor);
-            });
+        hasTotal = false;
+        forEachMember(cursor, [&](std::string_view name) {
+            if (name == "value") {
+                total = count(cursor, INT64_MAX);
+                hasTotal = true;
+            } else if (name == "relation") {
+                isLowerBound = decoded(cursor) != "eq";
+            } else {
+                cursor.value();
+            }
+        });
     }
-    found.hasTotal = true;
+    found.hasTotal = hasTotal;
     found.total = total;
     found.totalIsLowerBound = isLowerBound;
 }
@@ -259,13 +264,13 @@ void SearchResponseReader::readShards(JsonCursor &cursor)
     std::int64_t failed = 0;
     forEachMember(cursor, [&](std::string_view name) {
         if (name == "total")
-            total = count(cursor);
+            total = count(cursor, MostShards);
         else if (name == "successful")
-            successful = count(cursor);
+            successful = count(cursor, MostShards);
         else if (name == "failed")
-            failed = count(cursor);
+            failed = count(cursor, MostShards);
         else
-            skipped(cursor);
+            cursor.value();
     });
     found.totalShards = total;
     found.successfulShards = successful;
@@ -276,14 +281,16 @@ void SearchResponseReader::readShards(JsonCursor &cursor)
 // All counts but those of the clusters there are and of those that responded in full tell of lacking ones.
 void SearchResponseReader::readClusters(JsonCursor &cursor)
 {
-    std::int64_t lacking = 0;
+    constexpr std::array<std::string_view, 4> Lacking = {"skipped", "partial", "failed", "running"};
+    std::array<std::int64_t, Lacking.size()> counts{};
     forEachMember(cursor, [&](std::string_view name) {
-        if (name == "skipped" || name == "partial" || name == "failed" || name == "running")
-            lacking += count(cursor);
+        const auto *known = std::find(Lacking.begin(), Lacking.end(), name);
+        if (known != Lacking.end())
+            counts[static_cast<std::size_t>(known - Lacking.begin())] = count(cursor, MostShards);
         else
-            skipped(cursor);
+            cursor.value();
     });
-    found.lackingClusters = lacking;
+    found.lackingClusters = std::accumulate(counts.begin(), counts.end(), std::int64_t{0});
 }
 
 void SearchResponseReader::readHit(JsonCursor &cursor)
@@ -294,6 +301,7 @@ void SearchResponseReader::readHit(JsonCursor &cursor)
         isFirst = false;
         return;
     }
+    cursor.peek();
     const std::size_t begin = cursor.position();
     Hit hit{};
     forEachMember(cursor, [&](std::string_view name) {
@@ -307,7 +315,7 @@ void SearchResponseReader::readHit(JsonCursor &cursor)
         else if (const KnownMember *container = find(HitContainers, name))
             keep(container->member, cursor.peek() == 'n' ? cursor.scalar() : cursor.container());
         else
-            skipped(cursor);
+            cursor.value();
     });
     if (hit[static_cast<std::size_t>(HitMember::Id)].length == 0)
         throw JsonError("hit without an _id", begin);

@@ -37,13 +37,16 @@ struct ResponseSummary {
 enum class HitMember { Index, Id, Score, Source, Highlight, Sort, Fields, InnerHits, Explanation, Count };
 
 // Reads one response after the other, each while it arrives. A member of an object counts where it stands,
-// names are told from values, and of two members of one name the last counts. Outside of the containers
+// names are told from values, however they are escaped, and of two members of one name the last counts.
+// Outside of the containers
 // `_source`, `highlight` and those of the same rank in a hit the grammar of JSON is held to all through;
 // inside of them strings and the balance of the brackets. Only allocation failures are thrown.
 class SearchResponseReader
 {
 public:
-    explicit SearchResponseReader(const BlockScanner &scanner = blockScanners().front());
+    // It looks at what has arrived whenever that are `stride` bytes more.
+    explicit SearchResponseReader(const BlockScanner &scanner = blockScanners().front(),
+                                  std::size_t stride = std::size_t{64} << 10);
 
     // Starts over with another response; the memory serves again.
     void clear();
@@ -97,13 +100,14 @@ private:
     void readClusters(JsonCursor &cursor);
     void enter(Place inner);
 
+    const std::size_t stride;
     ByteBuffer buffer;
     JsonStructure structure;
     std::size_t seen = 0;   // what is before was looked at
     std::size_t parsed = 0; // what is before was understood
     Place place = Place::Start;
-    bool isFirst = true; // of the members or elements at that place
-    bool hasHits = false;
+    bool isFirst = true;  // of the members or elements at that place
+    bool hasHits = false; // their list came to its end
     std::vector<Hit> hits;
     ResponseSummary found;
     Span errorSpan;

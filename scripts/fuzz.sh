@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 . scripts/packages.sh
 answer_help "$0" "$@"
 
-targets="searchReader termAggReader idDecoder jsonEscaper params"
+targets="searchReader termAggReader searchResponse idDecoder jsonEscaper params"
 corpus=tests/data/corpus
 bin=build/fuzz/tests/fuzz
 reached=build/fuzz/corpus

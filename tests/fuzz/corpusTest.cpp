@@ -9,11 +9,9 @@
 TEST(Corpus, HasNoFinding)
 {
     using Target = std::string (*)(std::string_view);
-    const std::pair<std::string, Target> targets[] = {{"searchReader", searchReader},
-                                                      {"termAggReader", termAggReader},
-                                                      {"idDecoder", idDecoder},
-                                                      {"jsonEscaper", jsonEscaper},
-                                                      {"params", params}};
+    const std::pair<std::string, Target> targets[] = {
+        {"searchReader", searchReader}, {"termAggReader", termAggReader}, {"searchResponse", searchResponse},
+        {"idDecoder", idDecoder},       {"jsonEscaper", jsonEscaper},     {"params", params}};
     for (const auto &[name, target] : targets) {
         int files = 0;
         for (const auto &file : std::filesystem::directory_iterator(TEST_DATA_DIR "/corpus/" + name)) {

@@ -4,6 +4,7 @@
 #include "comparison.h"
 #include "elasticsearch/jsonString.h"
 #include "elasticsearch/jsonWriter.h"
+#include "exactComparison.h"
 #include "parameterText.h"
 
 #include <map>
@@ -14,17 +15,17 @@ using namespace qm::pgFdwElaticSearch;
 namespace
 {
 
-template <class Kind>
-std::string differenceFor(std::string_view input)
+// The text in the chunks that its input asks for.
+std::vector<std::string_view> chunksOf(std::string_view input)
 {
     if (input.empty())
-        return "";
+        return {};
     const std::string_view sizeBytes = input.substr(1, static_cast<unsigned char>(input[0]) % 16);
     std::vector<std::size_t> sizes;
     for (const unsigned char size : sizeBytes)
         sizes.push_back(size);
     const std::string_view text = input.substr(1 + sizes.size());
-    return differenceIn<Kind>(cut(text, sizes.empty() ? std::vector<std::size_t>{text.size()} : sizes));
+    return cut(text, sizes.empty() ? std::vector<std::size_t>{text.size()} : sizes);
 }
 
 std::string differ(const std::string &seen, const std::string &expected)
@@ -53,11 +54,18 @@ std::string escapeSimply(const std::string &text)
 
 } // namespace
 
-std::string searchReader(std::string_view input) { return differenceFor<Search>(input); }
+std::string searchReader(std::string_view input) { return differenceIn<Search>(chunksOf(input)); }
 
 std::string termAggReader(std::string_view input)
 {
-    return differenceFor<TermAgg<true>>(input) + differenceFor<TermAgg<false>>(input);
+    const auto chunks = chunksOf(input);
+    return differenceIn<TermAgg<true>>(chunks) + differenceIn<TermAgg<false>>(chunks);
+}
+
+std::string searchResponse(std::string_view input)
+{
+    ExactReaders readers(1);
+    return exactDifferenceIn(readers, chunksOf(input));
 }
 
 std::string idDecoder(std::string_view input)
@@ -66,7 +74,9 @@ std::string idDecoder(std::string_view input)
     const auto expected = decodeSimply(std::string(input));
     std::string decoded = "what was there before";
     const bool accepted = zq::elasticsearch::decodeJsonString({raw.data(), raw.size()}, decoded);
-    return differ((accepted ? "good " : "bad ") + decoded, expected ? "good " + *expected : "bad ");
+    return differ((accepted ? "good " : "bad ") + decoded, expected ? "good " + *expected : "bad ") +
+           differ(ExactReader::decode(input).value_or("bad"),
+                  ReferenceResponseReader::decode(input).value_or("bad"));
 }
 
 std::string jsonEscaper(std::string_view input)
@@ -75,7 +85,10 @@ std::string jsonEscaper(std::string_view input)
     const std::string text(input), before = "{\"";
     std::string out = before;
     const bool accepted = zq::elasticsearch::Utf8ToJson(bytes.data(), bytes.data() + bytes.size(), out);
-    if (!utf8::is_valid(text.begin(), text.end()))
+    const bool isValid = utf8::is_valid(text.begin(), text.end());
+    if (zq::elasticsearch::isValidUtf8({bytes.data(), bytes.size()}) != isValid)
+        return "taken for what it is not";
+    if (!isValid)
         return accepted ? "accepted, but should be refused" : differ(out.substr(0, 2), before);
     const auto decoded = decodeSimply(out.substr(before.size()));
     return differ((accepted ? "" : "refused ") + out, before + escapeSimply(text)) +

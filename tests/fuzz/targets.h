@@ -10,7 +10,9 @@
 // whole.
 std::string searchReader(std::string_view input);
 std::string termAggReader(std::string_view input);
-// The decoder of document ids; the input is what stands between the quotes.
+// The exact reader against its reference reader; the input is as above. The text is taken for a source too.
+std::string searchResponse(std::string_view input);
+// The decoders of strings; the input is what stands between the quotes.
 std::string idDecoder(std::string_view input);
 // The encoder of JSON strings; the input is the text.
 std::string jsonEscaper(std::string_view input);

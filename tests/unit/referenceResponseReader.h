@@ -1,0 +1,418 @@
+// A reader of whole search responses for tests: it goes byte by byte through the grammar. It judges the exact
+// reader and what that is made of, and shares nothing with them but the structs that they fill.
+#pragma once
+
+#include "elasticsearch/searchResponseReader.h"
+#include "referenceJsonString.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// As decodeSimply, but an escaped pair of surrogates is one character.
+inline std::optional<std::string> decodeTextSimply(const std::string &raw)
+{
+    const auto isHalf = [&](std::size_t at, const char *second) {
+        return raw.compare(at, 2, "\\u") == 0 && std::string("dD").find(raw[at + 2]) != std::string::npos &&
+               raw.find_first_of(second, at + 3) == at + 3 &&
+               raw.find_first_not_of("0123456789abcdefABCDEF", at + 4) >= at + 6;
+    };
+    const auto bitsAt = [&](std::size_t at) {
+        return std::stoul(raw.substr(at + 3, 3), nullptr, 16) & 0x3FF;
+    };
+    std::string joined;
+    for (std::size_t at = 0; at < raw.size(); ++at) {
+        if (at + 12 <= raw.size() && isHalf(at, "89abAB") && isHalf(at + 6, "cdefCDEF")) {
+            utf8::append(static_cast<char32_t>(0x10000 + (bitsAt(at) << 10) + bitsAt(at + 6)),
+                         std::back_inserter(joined));
+            at += 11;
+        } else {
+            joined += raw[at];
+            if (raw[at] == '\\' && at + 1 < raw.size())
+                joined += raw[++at];
+        }
+    }
+    return decodeSimply(joined);
+}
+
+// A place in a text, and the grammar from there.
+struct PlainJson {
+    struct Fault {
+        std::size_t at;
+    };
+    struct Cut {
+    };
+
+    std::string_view text;
+    std::size_t at = 0;
+
+    char here() const { return at < text.size() ? text[at] : throw Cut(); }
+    bool isAt(std::string_view bytes) const { return bytes.find(here()) != std::string_view::npos; }
+
+    bool isAtEnd()
+    {
+        while (at < text.size() && isAt(" \t\r\n"))
+            ++at;
+        return at == text.size();
+    }
+
+    char next()
+    {
+        isAtEnd();
+        return here();
+    }
+
+    void expect(char byte)
+    {
+        if (next() != byte)
+            throw Fault{at};
+        ++at;
+    }
+
+    // What is wrong in a string shows when its end is there.
+    std::string_view string()
+    {
+        expect('"');
+        const std::size_t begin = at;
+        std::optional<std::size_t> wrong;
+        const auto require = [&](bool isRight, std::size_t where) {
+            if (!isRight && !wrong)
+                wrong = where;
+        };
+        for (; here() != '"'; ++at) {
+            require(static_cast<unsigned char>(here()) >= 0x20, at);
+            if (here() != '\\')
+                continue;
+            ++at;
+            require(isAt("\"\\/bfnrtu"), at);
+            for (std::size_t digit = at + 1; here() == 'u' && digit < std::min(at + 5, text.size()); ++digit)
+                require(std::string_view("0123456789abcdefABCDEF").find(text[digit]) != text.npos, digit);
+        }
+        if (wrong)
+            throw Fault{*wrong};
+        return text.substr(begin, at++ - begin);
+    }
+
+    void digits()
+    {
+        if (!isAt("0123456789"))
+            throw Fault{at};
+        while (isAt("0123456789"))
+            ++at;
+    }
+
+    std::string_view scalar()
+    {
+        const char first = next();
+        const std::size_t begin = at;
+        const std::string_view word = first == 't' ? "true" : first == 'f' ? "false" : "null";
+        if (first == word[0]) {
+            for (const char byte : word) {
+                if (here() != byte)
+                    throw Fault{begin};
+                ++at;
+            }
+            return word;
+        }
+        if (!isAt("-0123456789"))
+            throw Fault{at};
+        at += first == '-';
+        const std::size_t whole = at;
+        digits();
+        if (text[whole] == '0' && at - whole > 1)
+            throw Fault{whole};
+        if (isAt(".")) {
+            ++at;
+            digits();
+        }
+        if (isAt("eE")) {
+            ++at;
+            at += isAt("+-");
+            digits();
+        }
+        return text.substr(begin, at - begin);
+    }
+
+    template <class Take>
+    void members(Take take)
+    {
+        expect('{');
+        for (bool isFirst = true; next() != '}'; isFirst = false) {
+            if (!isFirst)
+                expect(',');
+            const std::string raw(string());
+            expect(':');
+            take(decodeTextSimply(raw).value_or(raw));
+        }
+        ++at;
+    }
+
+    template <class Take>
+    void elements(Take take)
+    {
+        expect('[');
+        for (bool isFirst = true; next() != ']'; isFirst = false) {
+            if (!isFirst)
+                expect(',');
+            next();
+            take();
+        }
+        ++at;
+    }
+
+    std::string_view value()
+    {
+        const char first = next();
+        const std::size_t begin = at;
+        if (first == '{')
+            members([&](const std::string &) { value(); });
+        else if (first == '[')
+            elements([&] { value(); });
+        else if (first == '"')
+            string();
+        else
+            scalar();
+        return text.substr(begin, at - begin);
+    }
+
+    // An object or array up to where as many brackets are closed as opened; a quote behind a backslash is
+    // none.
+    std::string_view container()
+    {
+        if (next() != '{' && here() != '[')
+            throw Fault{at};
+        const std::size_t begin = at;
+        int braces = 0, depth = 0;
+        bool inString = false;
+        do {
+            if (here() == '\\') {
+                ++at;
+                if (isAt("\"\\"))
+                    continue;
+            }
+            const char byte = here();
+            inString = inString != (byte == '"');
+            const int step = inString ? 0 : isAt("{[") - isAt("}]");
+            depth += step;
+            braces += isAt("{}") ? step : 0;
+        } while (++at, depth > 0);
+        if (braces != 0)
+            throw Fault{at - 1};
+        return text.substr(begin, at - begin);
+    }
+
+    std::optional<std::string> decodedString() { return decodeTextSimply(std::string(string())); }
+};
+
+// Shows what SearchResponseReader shows.
+class ReferenceResponseReader
+{
+public:
+    using HitMember = zq::elasticsearch::HitMember;
+
+    explicit ReferenceResponseReader(std::string_view text) : json{text}
+    {
+        try {
+            json.members([&](const std::string &name) { readMember(name); });
+            if (!json.isAtEnd())
+                throw PlainJson::Fault{json.at};
+            problemText = !errorText.empty() ? "error in place of hits" : hasHits ? "" : "no hits";
+        } catch (const PlainJson::Fault &fault) {
+            problemText = " at byte " + std::to_string(fault.at + 1);
+        } catch (const PlainJson::Cut &) {
+            problemText =
+                text.empty() ? "empty response" : "response cut off at byte " + std::to_string(text.size());
+        }
+    }
+
+    const std::string &problem() const { return problemText; }
+    std::string_view error() const { return errorText; }
+    std::string_view shards() const { return shardsText; }
+    std::string_view aggregations() const { return aggregationsText; }
+    const zq::elasticsearch::ResponseSummary &summary() const { return found; }
+    std::size_t hitCount() const { return hits.size(); }
+    std::string_view member(std::size_t hit, HitMember member) const
+    {
+        return hits[hit][static_cast<std::size_t>(member)];
+    }
+
+    static std::optional<std::string> decode(std::string_view raw)
+    {
+        return decodeTextSimply(std::string(raw));
+    }
+
+    // The member `type` of an object as text; nothing for null and for what is no scalar.
+    static std::optional<std::string> typeOf(std::string_view object)
+    {
+        std::optional<std::string> type;
+        PlainJson json{object};
+        try {
+            json.members([&](const std::string &name) {
+                std::optional<std::string> value;
+                if (json.next() == '"')
+                    value = json.decodedString();
+                else if (json.isAt("{["))
+                    json.container();
+                else if (const std::string_view scalar = json.scalar(); scalar != "null")
+                    value = scalar;
+                type = name == "type" ? value : type;
+            });
+        } catch (const PlainJson::Fault &) {
+            return std::nullopt;
+        } catch (const PlainJson::Cut &) {
+            return std::nullopt;
+        }
+        return type;
+    }
+
+private:
+    using Hit = std::array<std::string_view, static_cast<std::size_t>(HitMember::Count)>;
+
+    std::int64_t count(std::uint64_t most)
+    {
+        json.next();
+        const std::size_t begin = json.at;
+        const std::string digits(json.scalar());
+        if (digits == "-0")
+            return 0;
+        if (digits.size() > 19 || digits.find_first_not_of("0123456789") != std::string::npos ||
+            std::stoull(digits) > most)
+            throw PlainJson::Fault{begin};
+        return static_cast<std::int64_t>(std::stoull(digits));
+    }
+
+    std::string decoded()
+    {
+        json.next();
+        const std::size_t begin = json.at;
+        const auto text = json.decodedString();
+        return text ? *text : throw PlainJson::Fault{begin};
+    }
+
+    void readMember(const std::string &name)
+    {
+        if (name == "hits")
+            readHits();
+        else if (name == "_scroll_id")
+            found.scrollId = decoded();
+        else if (name == "timed_out")
+            found.timedOut = json.value() == "true";
+        else if (name == "_shards")
+            readShards();
+        else if (name == "_clusters")
+            readClusters();
+        else
+            (name == "error"          ? errorText
+             : name == "aggregations" ? aggregationsText
+                                      : ignored) = json.value();
+    }
+
+    void readHits()
+    {
+        hits.clear();
+        hasHits = found.hasTotal = found.totalIsLowerBound = false;
+        found.total = 0;
+        json.members([&](const std::string &name) {
+            if (name == "total") {
+                readTotal();
+            } else if (name == "hits") {
+                hits.clear();
+                json.elements([&] { readHit(); });
+                hasHits = true;
+            } else {
+                json.value();
+            }
+        });
+    }
+
+    void readTotal()
+    {
+        found.hasTotal = json.next() != '{';
+        found.totalIsLowerBound = false;
+        found.total = found.hasTotal ? count(INT64_MAX) : 0;
+        if (found.hasTotal)
+            return;
+        json.members([&](const std::string &name) {
+            if (name == "value") {
+                found.total = count(INT64_MAX);
+                found.hasTotal = true;
+            } else if (name == "relation") {
+                found.totalIsLowerBound = decoded() != "eq";
+            } else {
+                json.value();
+            }
+        });
+    }
+
+    // The object's members of these names, which are counts.
+    std::map<std::string, std::int64_t> counted(std::map<std::string, std::int64_t> counts)
+    {
+        json.members([&](const std::string &name) {
+            if (counts.count(name) != 0)
+                counts[name] = count(INT32_MAX);
+            else
+                json.value();
+        });
+        return counts;
+    }
+
+    void readShards()
+    {
+        json.next();
+        const std::size_t begin = json.at;
+        const auto counts = counted({{"total", 0}, {"successful", 0}, {"failed", 0}});
+        found.totalShards = counts.at("total");
+        found.successfulShards = counts.at("successful");
+        found.failedShards = counts.at("failed");
+        shardsText = json.text.substr(begin, json.at - begin);
+    }
+
+    void readClusters()
+    {
+        found.lackingClusters = 0;
+        for (const auto &each : counted({{"skipped", 0}, {"partial", 0}, {"failed", 0}, {"running", 0}}))
+            found.lackingClusters += each.second;
+    }
+
+    void readHit()
+    {
+        static const std::map<std::string, HitMember> kept = {{"_index", HitMember::Index},
+                                                              {"_id", HitMember::Id},
+                                                              {"_score", HitMember::Score},
+                                                              {"_source", HitMember::Source},
+                                                              {"highlight", HitMember::Highlight},
+                                                              {"sort", HitMember::Sort},
+                                                              {"fields", HitMember::Fields},
+                                                              {"inner_hits", HitMember::InnerHits},
+                                                              {"_explanation", HitMember::Explanation}};
+        const std::size_t begin = json.at;
+        Hit hit;
+        json.members([&](const std::string &name) {
+            const auto known = kept.find(name);
+            const bool isString = name == "_index" || name == "_id";
+            const std::string_view value = known == kept.end()                      ? json.value()
+                                           : isString                               ? json.string()
+                                           : name == "_score" || json.next() == 'n' ? orNothing(json.scalar())
+                                                                                    : json.container();
+            if (known != kept.end())
+                hit[static_cast<std::size_t>(known->second)] = value;
+        });
+        if (hit[static_cast<std::size_t>(HitMember::Id)].empty())
+            throw PlainJson::Fault{begin};
+        hits.push_back(hit);
+    }
+
+    static std::string_view orNothing(std::string_view scalar) { return scalar == "null" ? "" : scalar; }
+
+    PlainJson json;
+    std::vector<Hit> hits;
+    zq::elasticsearch::ResponseSummary found;
+    std::string_view errorText, shardsText, aggregationsText, ignored;
+    std::string problemText;
+    bool hasHits = false;
+};
