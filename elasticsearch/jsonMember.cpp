@@ -9,32 +9,27 @@ namespace zq::elasticsearch
 namespace
 {
 
-bool takeScalar(JsonCursor &cursor, std::string &value)
+Scalar takeScalar(JsonCursor &cursor, std::string &value)
 {
     switch (cursor.peek()) {
     case '{':
     case '[':
         cursor.container();
-        return false;
+        return Scalar::Missing;
     case '"':
-        return decodeJsonText(cursor.string(), value);
+        return decodeJsonText(cursor.string(), value) ? Scalar::There : Scalar::Malformed;
     default:
         value = cursor.scalar();
-        return value != "null";
+        return value == "null" ? Scalar::Missing : Scalar::There;
     }
-}
-
-void pass(JsonCursor &cursor)
-{
-    std::string passed;
-    takeScalar(cursor, passed);
 }
 
 } // namespace
 
-bool topLevelScalar(std::string_view object, std::string_view name, std::string &value)
+Scalar topLevelScalar(std::string_view object, std::string_view name, std::string &value)
 {
-    bool isFound = false;
+    Scalar found = Scalar::Missing;
+    std::string passed;
     try {
         JsonStructure structure;
         structure.extend(object.data(), object.size());
@@ -43,15 +38,15 @@ bool topLevelScalar(std::string_view object, std::string_view name, std::string 
         std::string_view memberName;
         for (bool isFirst = true; cursor.nextMember(isFirst, memberName); isFirst = false)
             if (memberName == name)
-                isFound = takeScalar(cursor, value);
+                found = takeScalar(cursor, value);
             else
-                pass(cursor);
+                takeScalar(cursor, passed);
     } catch (const JsonError &) {
-        return false;
+        return Scalar::Malformed;
     } catch (const JsonNeedsMore &) {
-        return false;
+        return Scalar::Malformed;
     }
-    return isFound;
+    return found;
 }
 
 } // namespace zq::elasticsearch

@@ -52,7 +52,8 @@ Column readColumn(Form_pg_attribute attribute)
     const Oid baseType = callServer([&] { return getBaseType(attribute->atttypid); });
     if (std::find(std::begin(known->oids), std::end(known->oids), baseType) == std::end(known->oids))
         throw FdwError(ERRCODE_FDW_INVALID_DATA_TYPE,
-                       std::string("column \"") + name + "\" should be of type " + known->types);
+                       std::string("column \"") + name + "\" should be of type " + known->types)
+            .hinted("ALTER FOREIGN TABLE changes the type of a column.");
     return {attribute->attnum, known->role, attribute->atttypid, baseType, attribute->attnotnull, name};
 }
 

@@ -59,6 +59,8 @@ void intersect(std::optional<std::vector<std::string>> &ids, std::vector<std::st
     ids->erase(end, ids->end());
 }
 
+} // namespace
+
 void addCondition(ConditionValues &values, Role role, std::vector<std::string> texts)
 {
     if (role != Role::Param) {
@@ -75,8 +77,6 @@ void addCondition(ConditionValues &values, Role role, std::vector<std::string> t
     else
         values.docTypes.push_back(std::move(texts));
 }
-
-} // namespace
 
 TextList textsOf(Datum value, bool isArray)
 {

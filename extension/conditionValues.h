@@ -30,6 +30,9 @@ struct ConditionValues {
     std::vector<std::vector<std::string>> docTypes; // one of each must be the type
 };
 
+// Adds a condition: one of the texts must be the value of the column.
+void addCondition(ConditionValues &values, Role role, std::vector<std::string> texts);
+
 // Evaluates the expressions (ExprState, in the order of the plan's fdw_exprs) in the scan's expression
 // context. Throws ServerError.
 ConditionValues evaluateConditions(List *conditions, List *expressions, ExprContext *context);

@@ -71,29 +71,30 @@ std::vector<ShownValues> shownValues(ForeignScanState *node, ExplainState *state
     return conditions;
 }
 
-// The request as far as it is known, with expressions between angle brackets where values are not.
-search::SearchRequest shownRequest(ForeignScanState *node, ExplainState *state, const PlanData &plan,
-                                   const TableOptions &options)
+// The request that the scan begins with as far as it is known, with expressions between angle brackets where
+// values are not.
+http::Request shownRequest(ForeignScanState *node, ExplainState *state, const TableOptions &options)
 {
-    Parameters parameters;
+    const PlanData plan = callServer(
+        [&] { return unpackPlanData(reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_private); });
     ConditionValues values;
     std::vector<std::string> filters;
     std::string unknownQuery;
+    bool hasUnknownIds = false;
     for (const ShownValues &shown : shownValues(node, state, plan)) {
         const std::string unknown = "<" + shown.expressions + ">";
-        if (shown.role == Role::Param && shown.expressions.empty())
-            parameters = readParameters(shown.constants);
-        else if (shown.role == Role::Param)
+        if (shown.expressions.empty()) {
+            addCondition(values, shown.role, shown.constants);
+        } else if (shown.role == Role::Param) {
             unknownQuery = unknown;
-        else if (shown.expressions.empty() && shown.role == Role::DocName)
-            filters.push_back(search::idFilter(shown.constants));
-        else if (shown.expressions.empty())
-            values.docTypes.push_back(shown.constants);
-        else if (shown.role == Role::DocName)
+        } else if (shown.role == Role::DocName) {
+            hasUnknownIds = true;
             filters.push_back(R"({"ids":{"values":[)" + unknown + "]}}");
-        else
+        } else {
             filters.push_back(R"({"terms":{"type":[)" + unknown + "]}}");
+        }
     }
+    const Parameters parameters = readParameters(values.params.value_or(std::vector<std::string>()));
     tupleDesc *descriptor = RelationGetDescr(node->ss.ss_currentRelation);
     Bitmapset *attributes = callServer([&] { return attributeSetOf(plan); });
     search::SearchRequest request =
@@ -101,22 +102,24 @@ search::SearchRequest shownRequest(ForeignScanState *node, ExplainState *state, 
     if (!unknownQuery.empty())
         request.query = unknownQuery;
     request.filters.insert(request.filters.end(), filters.begin(), filters.end());
-    return request;
+    search::Paging paging = pagingOfScan(options, plan, parameters);
+    if (hasUnknownIds) {
+        if (request.ids)
+            request.filters.push_back(search::idFilter(*request.ids));
+        request.ids.reset();
+        paging.isSmall = true;
+    }
+    return search::firstRequest(options.cluster, request, paging);
 }
 
 void showRequest(ForeignScanState *node, ExplainState *state)
 {
-    const PlanData plan = callServer(
-        [&] { return unpackPlanData(reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_private); });
     const TableOptions options = readTableOptions(RelationGetRelid(node->ss.ss_currentRelation));
-    const search::SearchRequest request = shownRequest(node, state, plan, options);
-    const search::Paging paging = pagingOfScan(options, plan);
-    const http::Request first = search::firstRequest(options.cluster, request, paging);
+    const http::Request first = shownRequest(node, state, options);
     const std::string line = search::describe(first);
-    const std::string body = first.body;
     callServer([&] {
         ExplainPropertyText("Search", server::utf8ToMessage(line.c_str()), state);
-        ExplainPropertyText("Body", server::utf8ToMessage(body.c_str()), state);
+        ExplainPropertyText("Body", server::utf8ToMessage(first.body.c_str()), state);
     });
 }
 

@@ -14,6 +14,7 @@ using search::HitStream;
 using server::callServer;
 using server::FdwError;
 using zq::elasticsearch::HitMember;
+using zq::elasticsearch::Scalar;
 
 namespace
 {
@@ -27,14 +28,20 @@ std::string_view decoded(const HitStream &hits, HitMember member, std::string &t
     return target;
 }
 
+[[noreturn]] void throwAbout(const HitStream &hits, const char *message, const char *hint)
+{
+    throw FdwError(ERRCODE_FDW_ERROR, message)
+        .detailed("Index " + search::quoted(hits.member(HitMember::Index)) + ", id " +
+                  search::quoted(hits.member(HitMember::Id)) + ".")
+        .hinted(hint);
+}
+
 std::string_view sourceOf(const HitStream &hits)
 {
     const std::string_view source = hits.member(HitMember::Source);
     if (source.empty())
-        throw FdwError(ERRCODE_FDW_ERROR, "a document comes without its source")
-            .detailed("Index " + search::quoted(hits.member(HitMember::Index)) + ", id " +
-                      search::quoted(hits.member(HitMember::Id)) + ".")
-            .hinted("The mapping of the index may have \"_source\" switched off.");
+        throwAbout(hits, "a document comes without its source",
+                   "The mapping of the index may have \"_source\" switched off.");
     return source;
 }
 
@@ -66,8 +73,10 @@ RawValue HitRow::rawValue(const HitStream &hits, const Column &column)
         return {score, !score.empty()};
     }
     case Role::DocType: {
-        const bool isThere = zq::elasticsearch::topLevelScalar(sourceOf(hits), "type", docType);
-        return {docType, isThere};
+        const Scalar found = zq::elasticsearch::topLevelScalar(sourceOf(hits), "type", docType);
+        if (found == Scalar::Malformed)
+            throwAbout(hits, "the source of a document is no valid JSON object", "");
+        return {docType, found == Scalar::There};
     }
     case Role::DocContent:
         return {sourceOf(hits), true};

@@ -41,7 +41,7 @@ bool isOrderOfSearch(const ScannedRelation &scanned)
 
 } // namespace
 
-int64 findLimit(const ScannedRelation &scanned)
+Limit findLimit(const ScannedRelation &scanned)
 {
     PlannerInfo *root = scanned.root;
     const Query *query = root->parse;
@@ -49,8 +49,8 @@ int64 findLimit(const ScannedRelation &scanned)
                          !server::limitKeepsTies(query);
     if (root->limit_tuples < 0 || root->limit_tuples > ResultWindow || !isFixed ||
         bms_membership(root->all_baserels) != BMS_SINGLETON || !isOrderOfSearch(scanned))
-        return -1;
-    return static_cast<int64>(root->limit_tuples);
+        return {-1, false};
+    return {static_cast<int64>(root->limit_tuples), query->sortClause != NIL};
 }
 
 } // namespace qm::extension

@@ -18,17 +18,11 @@ using server::FdwError;
 namespace
 {
 
-// What the options are read into.
-struct Target {
-    TableOptions table;
-    ColumnOptions column;
-};
-
 struct Known {
     const char *name;
     Oid catalog;
     const char *preset; // what counts as long as it is not set; null: nothing
-    void (*read)(Target &target, const OptionValue &value);
+    void (*read)(TableOptions &options, const OptionValue &value);
     const char *help;
     bool namesFile = false; // which only superusers may do
 };
@@ -37,89 +31,94 @@ struct Known {
 // table.
 constexpr Known AllOptions[] = {
     {"address", ForeignServerRelationId, nullptr,
-     [](Target &target, const OptionValue &value) { target.table.cluster.url = value.asClusterUrl(); },
+     [](TableOptions &options, const OptionValue &value) { options.cluster.url = value.asClusterUrl(); },
      "URL of the cluster: scheme, host, port and, behind a proxy, a path prefix"},
     {"connecttimeout", ForeignServerRelationId, "10000",
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.connectTimeoutMs = value.asMilliseconds();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.connectTimeoutMs = value.asMilliseconds();
      },
      "milliseconds to connect in"},
     {"timeout", ForeignServerRelationId, nullptr,
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.timeoutMs = value.asMilliseconds();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.timeoutMs = value.asMilliseconds();
      },
      "milliseconds that a request may take; without it, as long as statement_timeout lets it"},
     {"cafile", ForeignServerRelationId, nullptr,
-     [](Target &target, const OptionValue &value) { target.table.cluster.settings.caFile = value.asFile(); },
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.caFile = value.asFile();
+     },
      "absolute path of a file of certificate authorities (PEM) in place of the system's", true},
     {"tlsverify", ForeignServerRelationId, "true",
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.verifiesTls = value.asBoolean();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.verifiesTls = value.asBoolean();
      },
      "whether the cluster must prove itself with a certificate"},
     {"proxy", ForeignServerRelationId, "",
-     [](Target &target, const OptionValue &value) { target.table.cluster.settings.proxy = value.asProxy(); },
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.proxy = value.asProxy();
+     },
      "URL of an HTTP proxy; without it none is used, whatever the environment says"},
     {"requestcost", ForeignServerRelationId, "100",
-     [](Target &target, const OptionValue &value) { target.table.requestCost = value.asCost(); },
+     [](TableOptions &options, const OptionValue &value) { options.requestCost = value.asCost(); },
      "planner's cost of a request"},
     {"rowcost", ForeignServerRelationId, "0.05",
-     [](Target &target, const OptionValue &value) { target.table.rowCost = value.asCost(); },
+     [](TableOptions &options, const OptionValue &value) { options.rowCost = value.asCost(); },
      "planner's cost of fetching a row"},
 
     {"username", UserMappingRelationId, nullptr,
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.userName = value.asUserName();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.userName = value.asUserName();
      },
      "user of the cluster, for basic authentication"},
     {"password", UserMappingRelationId, nullptr,
-     [](Target &target, const OptionValue &value) { target.table.cluster.settings.password = value.utf8(); },
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.password = value.utf8();
+     },
      "password of that user"},
     {"apikey", UserMappingRelationId, nullptr,
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.authorization = "Authorization: ApiKey " + value.asApiKey();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.authorization = "Authorization: ApiKey " + value.asApiKey();
      },
      "encoded API key, in place of user and password"},
     {"clientcert", UserMappingRelationId, nullptr,
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.clientCertificate = value.asFile();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.clientCertificate = value.asFile();
      },
      "absolute path of a client certificate (PEM)", true},
     {"clientkey", UserMappingRelationId, nullptr,
-     [](Target &target, const OptionValue &value) {
-         target.table.cluster.settings.clientKey = value.asFile();
+     [](TableOptions &options, const OptionValue &value) {
+         options.cluster.settings.clientKey = value.asFile();
      },
      "absolute path of the key that belongs to it (PEM)", true},
 
     {"indexlist", ForeignTableRelationId, nullptr,
-     [](Target &target, const OptionValue &value) { target.table.indices = value.asIndices(); },
+     [](TableOptions &options, const OptionValue &value) { options.indices = value.asIndices(); },
      "index, alias or data stream, or several separated by commas; * stands for any characters"},
     {"batchsize", ForeignTableRelationId, "1000",
-     [](Target &target, const OptionValue &value) { target.table.batchSize = value.asNumber(1, 10000); },
+     [](TableOptions &options, const OptionValue &value) { options.batchSize = value.asNumber(1, 10000); },
      "hits a page of a large result, 1 to 10000"},
     {"compressionlevel", ForeignTableRelationId, "5",
-     [](Target &target, const OptionValue &value) { target.table.compressionLevel = value.asNumber(-2, 9); },
+     [](TableOptions &options, const OptionValue &value) {
+         options.compressionLevel = value.asNumber(-2, 9);
+     },
      "of bytea columns: -2 as they are, -1 zlib's default, 0 to 9 zlib's levels"},
     {"scrolltimeout", ForeignTableRelationId, "5m",
-     [](Target &target, const OptionValue &value) { target.table.scrollTimeout = value.asTimeValue(); },
+     [](TableOptions &options, const OptionValue &value) { options.scrollTimeout = value.asTimeValue(); },
      "how long the cluster keeps a large result between two pages"},
     {"partialresults", ForeignTableRelationId, "error",
-     [](Target &target, const OptionValue &value) {
-         target.table.partialResults =
+     [](TableOptions &options, const OptionValue &value) {
+         options.partialResults =
              value.asChoice({"error", "warning"}) == 0 ? PartialResults::Error : PartialResults::Warning;
      },
      "error or warning: what to do when shards failed or the search timed out"},
     {"estimatedrows", ForeignTableRelationId, "100000",
-     [](Target &target, const OptionValue &value) {
-         target.table.estimatedRows = value.asNumber(1, 2000000000);
+     [](TableOptions &options, const OptionValue &value) {
+         options.estimatedRows = value.asNumber(1, 2000000000);
      },
      "planner's idea of the number of documents, until ANALYZE has counted them"},
 
     {"search", AttributeRelationId, nullptr,
-     [](Target &target, const OptionValue &value) {
-         value.asChoice({"keyword"});
-         target.column.search = value.utf8();
-     },
+     [](TableOptions &, const OptionValue &value) { value.asChoice({"keyword"}); },
      "type of the field in the index's mapping, by which the search may look for its values"},
 };
 
@@ -144,14 +143,14 @@ const Known *find(Oid catalog, const char *name)
 
 // Reads the presets of a catalog and then what is set. What DDL has let in is known; a later version's may
 // not be.
-void read(Target &target, Oid catalog, List *definitions)
+void read(TableOptions &options, Oid catalog, List *definitions)
 {
     for (const Known &known : AllOptions)
         if (known.catalog == catalog && known.preset)
-            known.read(target, OptionValue(known.name, known.preset));
+            known.read(options, OptionValue(known.name, known.preset));
     for (const OptionValue &value : valuesOf(definitions))
         if (const Known *known = find(catalog, value.optionName()))
-            known->read(target, value);
+            known->read(options, value);
 }
 
 // The option that a misspelt name is nearest to, or what there is to choose from.
@@ -206,14 +205,14 @@ void checkCredentials(const http::Settings &settings)
 }
 
 // Reads what a table and its server say; returns the server.
-Oid readTable(Target &target, Oid tableId)
+Oid readTable(TableOptions &options, Oid tableId)
 {
     const ForeignTable *table = callServer([&] { return GetForeignTable(tableId); });
     const ForeignServer *server = callServer([&] { return GetForeignServer(table->serverid); });
-    read(target, ForeignTableRelationId, table->options);
-    read(target, ForeignServerRelationId, server->options);
-    requireIndices(target.table);
-    requireAddress(target.table);
+    read(options, ForeignTableRelationId, table->options);
+    read(options, ForeignServerRelationId, server->options);
+    requireIndices(options);
+    requireAddress(options);
     return table->serverid;
 }
 
@@ -221,32 +220,24 @@ Oid readTable(Target &target, Oid tableId)
 
 TableOptions readTableOptions(Oid tableId)
 {
-    Target target;
-    readTable(target, tableId);
-    return target.table;
+    TableOptions options;
+    readTable(options, tableId);
+    return options;
 }
 
 TableOptions readOptions(Oid tableId, Oid userId)
 {
-    Target target;
-    const Oid serverId = readTable(target, tableId);
-    read(target, UserMappingRelationId,
+    TableOptions options;
+    const Oid serverId = readTable(options, tableId);
+    read(options, UserMappingRelationId,
          callServer([&] { return server::userMappingOptions(serverId, userId); }));
-    checkCredentials(target.table.cluster.settings);
-    return target.table;
-}
-
-ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute)
-{
-    Target target;
-    read(target, AttributeRelationId,
-         callServer([&] { return GetForeignColumnOptions(tableId, attribute); }));
-    return target.column;
+    checkCredentials(options.cluster.settings);
+    return options;
 }
 
 void validateOptions(List *definitions, Oid catalog)
 {
-    Target target;
+    TableOptions options;
     for (const OptionValue &value : valuesOf(definitions)) {
         const Known *known = find(catalog, value.optionName());
         if (!known)
@@ -256,14 +247,14 @@ void validateOptions(List *definitions, Oid catalog)
         if (known->namesFile && !callServer([] { return superuser(); }))
             throw FdwError(ERRCODE_INSUFFICIENT_PRIVILEGE,
                            std::string("only superusers may set the option \"") + known->name + "\"");
-        known->read(target, value);
+        known->read(options, value);
     }
     if (catalog == ForeignServerRelationId)
-        requireAddress(target.table);
+        requireAddress(options);
     if (catalog == ForeignTableRelationId)
-        requireIndices(target.table);
+        requireIndices(options);
     if (catalog == UserMappingRelationId)
-        checkCredentials(target.table.cluster.settings);
+        checkCredentials(options.cluster.settings);
 }
 
 } // namespace qm::extension

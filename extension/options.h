@@ -27,19 +27,12 @@ struct TableOptions {
     double estimatedRows = 0;
 };
 
-// The options of a column.
-struct ColumnOptions {
-    std::string search; // how the index can be asked for the field; empty: not at all
-};
-
 // Reads the options of a table and its server, but not of a user mapping: what planning needs. Throws
 // FdwError for a value that an option does not take, and for a required one that is not set.
 TableOptions readTableOptions(Oid tableId);
 
 // Reads all of them, those of the user's mapping or else of the public one included.
 TableOptions readOptions(Oid tableId, Oid userId);
-
-ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute);
 
 // Checks the options of an object as DDL hands them over: names, values, and that what is required is there.
 // Throws FdwError.

@@ -2,6 +2,7 @@
 #include "server/errorBoundary.h"
 
 #include "elasticsearch/jsonCursor.h"
+#include "elasticsearch/jsonString.h"
 #include "extension/parameters.h"
 #include "search/failure.h"
 
@@ -113,6 +114,8 @@ void readParameter(Parameters &parameters, const std::string &text)
     constexpr const char *Hint =
         "The parameters are query, highlight, sort, minscore, sourceincludefilter, sourceexcludefilter and "
         "compressionlevel, each written as name=value.";
+    if (!zq::elasticsearch::isValidUtf8(text))
+        refuse("a value of \"param\" is not valid UTF-8", search::quoted(text), "");
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos)
         refuse("a value of \"param\" is no parameter", search::quoted(text), Hint);

@@ -20,14 +20,21 @@ int64 int64At(List *list, int place)
 
 List *packPlanData(const PlanData &data)
 {
-    return list_make5(data.attributes, data.conditions, makeInt64(data.limit), makeInt64(data.rowsHint),
-                      makeInt64(data.isSmall ? 1 : 0));
+    List *numbers = NIL;
+    for (const int64 number : {data.limit, int64{data.limitIsByScore}, data.rowsHint, int64{data.isSmall}})
+        numbers = lappend(numbers, makeInt64(number));
+    return list_make3(data.attributes, data.conditions, numbers);
 }
 
 PlanData unpackPlanData(List *packed)
 {
-    return {static_cast<List *>(list_nth(packed, 0)), static_cast<List *>(list_nth(packed, 1)),
-            int64At(packed, 2), int64At(packed, 3), int64At(packed, 4) != 0};
+    auto *numbers = static_cast<List *>(list_nth(packed, 2));
+    return {static_cast<List *>(list_nth(packed, 0)),
+            static_cast<List *>(list_nth(packed, 1)),
+            int64At(numbers, 0),
+            int64At(numbers, 1) != 0,
+            int64At(numbers, 2),
+            int64At(numbers, 3) != 0};
 }
 
 Bitmapset *attributeSetOf(const PlanData &data)

@@ -305,12 +305,13 @@ ForeignScan *makePlan(const ScannedRelation &scanned, ForeignPath *path, List *t
 {
     RelOptInfo *relation = scanned.relation;
     const Sorted sorted = sortClauses(scanned, scanClauses);
-    const int64 limit = findLimit(scanned);
-    PlanData data;
+    const Limit limit = findLimit(scanned);
+    PlanData data = {};
     data.attributes = usedAttributes(scanned, sorted);
     data.conditions = sorted.conditions;
-    data.limit = sorted.isExact ? limit : -1;
-    data.rowsHint = Max(limit, 0);
+    data.limit = sorted.isExact ? limit.rows : -1;
+    data.limitIsByScore = limit.byScore;
+    data.rowsHint = Max(limit.rows, 0);
     data.isSmall = path->path.rows <= estimatesOf(relation).batchSize && sorted.paramConditions > 0;
     return make_foreignscan(targetList, sorted.local, relation->relid, sorted.expressions, packPlanData(data),
                             NIL, sorted.recheck, nullptr);

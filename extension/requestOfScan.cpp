@@ -55,7 +55,7 @@ search::SearchRequest requestOfScan(const TableOptions &options, const std::vect
     return request;
 }
 
-search::Paging pagingOfScan(const TableOptions &options, const PlanData &plan)
+search::Paging pagingOfScan(const TableOptions &options, const PlanData &plan, const Parameters &parameters)
 {
     // A page must not be so small that the requests cost more than the rows.
     constexpr int64 SmallestFirstPage = 100;
@@ -63,7 +63,10 @@ search::Paging pagingOfScan(const TableOptions &options, const PlanData &plan)
     paging.pageSize = options.batchSize;
     if (plan.rowsHint > 0)
         paging.pageSize = Min(paging.pageSize, Max(plan.rowsHint, SmallestFirstPage));
-    paging.limit = plan.limit;
+    // In another order than by score the hits of the highest scores may come last.
+    const bool isOrdered = !plan.limitIsByScore || parameters.sort.empty();
+    paging.limit = isOrdered ? plan.limit : -1;
+    paging.limitIsByScore = plan.limitIsByScore;
     paging.isSmall = plan.isSmall;
     paging.toleratesPartial = options.partialResults == PartialResults::Warning;
     return paging;

@@ -16,6 +16,6 @@ search::SearchRequest requestOfScan(const TableOptions &options, const std::vect
                                     const Parameters &parameters, const ConditionValues &values);
 
 // How its hits are fetched.
-search::Paging pagingOfScan(const TableOptions &options, const PlanData &plan);
+search::Paging pagingOfScan(const TableOptions &options, const PlanData &plan, const Parameters &parameters);
 
 } // namespace qm::extension

@@ -83,7 +83,7 @@ void Scan::begin()
         ids.emplace(values.ids->begin(), values.ids->end());
     hits = std::make_unique<HitStream>(options.cluster,
                                        requestOfScan(options, row.columns(), parameters, values),
-                                       pagingOfScan(options, plan));
+                                       pagingOfScan(options, plan, parameters));
 }
 
 void Scan::restart()

@@ -21,6 +21,7 @@ struct Request {
 struct Outcome {
     CURLcode code;
     long status; // of HTTP; 0 without a response
+    bool isConnected = false;
 };
 
 // Sends the request once, on a connection of its own, and hands the body of the response to `write`, with

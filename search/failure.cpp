@@ -78,10 +78,11 @@ const char *hintFor(CURLcode code)
     switch (code) {
     case CURLE_COULDNT_RESOLVE_HOST:
         return "Check the host in the option \"address\" of the foreign server.";
+    case CURLE_COULDNT_RESOLVE_PROXY:
+        return "Check the host in the option \"proxy\" of the foreign server.";
     case CURLE_COULDNT_CONNECT:
-        return "Check the option \"address\" of the foreign server, its port included (9200 is usual), and "
-               "whether the "
-               "cluster runs.";
+        return "Check the option \"address\" of the foreign server, its port included (9200 is usual), "
+               "and \"proxy\" if it is set, and whether the cluster runs.";
     case CURLE_OPERATION_TIMEDOUT:
         return "The options \"connecttimeout\" and \"timeout\" of the foreign server say how long a request "
                "may take.";
@@ -96,13 +97,6 @@ const char *hintFor(CURLcode code)
     default:
         return "";
     }
-}
-
-bool isConnecting(CURLcode code)
-{
-    return code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_COULDNT_RESOLVE_PROXY ||
-           code == CURLE_COULDNT_CONNECT || code == CURLE_SSL_CONNECT_ERROR ||
-           code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_CACERT_BADFILE;
 }
 
 } // namespace
@@ -183,10 +177,9 @@ FdwError transferFailure(const http::Request &request, const http::Outcome &outc
 {
     const std::string what = std::string(curl_easy_strerror(outcome.code)) + " (libcurl " +
                              std::to_string(static_cast<int>(outcome.code)) + ")";
-    const bool connecting = isConnecting(outcome.code);
-    return FdwError(connecting ? ERRCODE_FDW_UNABLE_TO_ESTABLISH_CONNECTION : ERRCODE_FDW_ERROR,
-                    connecting ? "could not connect to the search cluster"
-                               : "the exchange with the search cluster broke off")
+    return FdwError(outcome.isConnected ? ERRCODE_FDW_ERROR : ERRCODE_FDW_UNABLE_TO_ESTABLISH_CONNECTION,
+                    outcome.isConnected ? "the exchange with the search cluster broke off"
+                                        : "could not connect to the search cluster")
         .detailed(describe(request) + ": " + what)
         .hinted(hintFor(outcome.code));
 }
@@ -199,7 +192,9 @@ FdwError refusal(const http::Request &request, const http::Outcome &outcome, std
         detail += ": " + quoted(reason);
     return FdwError(ERRCODE_FDW_ERROR, "the search cluster refused the request")
         .detailed(detail)
-        .hinted(hintFor(outcome.status));
+        .hinted(reason.find("no handler found for uri") == std::string::npos
+                    ? hintFor(outcome.status)
+                    : "Check the path in the option \"address\" of the foreign server.");
 }
 
 FdwError unreadable(const http::Request &request, const std::string &problem)

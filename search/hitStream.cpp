@@ -49,6 +49,13 @@ std::size_t takeBytes(char *data, std::size_t size, std::size_t count, void *tar
     }
 }
 
+// Of the ids those of one request, from the one on that comes after so many.
+std::vector<std::string> idsFrom(const std::vector<std::string> &ids, std::size_t taken)
+{
+    const auto first = ids.begin() + static_cast<std::ptrdiff_t>(taken);
+    return {first, first + static_cast<std::ptrdiff_t>(std::min(IdsAtOnce, ids.size() - taken))};
+}
+
 http::Request searchFor(const Cluster &cluster, const SearchRequest &request, std::string_view filter,
                         std::int64_t size)
 {
@@ -69,10 +76,16 @@ http::Request scrollFor(const Cluster &cluster, const SearchRequest &request, st
 
 http::Request firstRequest(const Cluster &cluster, const SearchRequest &request, const Paging &paging)
 {
+    if (request.ids) {
+        const std::vector<std::string> first = idsFrom(*request.ids, 0);
+        const auto size = static_cast<std::int64_t>(first.size());
+        return searchFor(cluster, request, idFilter(first),
+                         paging.limit < 0 ? size : std::min(size, paging.limit));
+    }
     if (paging.limit >= 0)
         return searchFor(cluster, request, "", paging.limit);
-    return paging.isSmall || request.ids ? searchFor(cluster, request, "", paging.pageSize)
-                                         : scrollFor(cluster, request, "", paging.pageSize);
+    return paging.isSmall ? searchFor(cluster, request, "", paging.pageSize)
+                          : scrollFor(cluster, request, "", paging.pageSize);
 }
 
 HitStream::HitStream(const Cluster &cluster, SearchRequest request, Paging paging)
@@ -100,6 +113,7 @@ bool HitStream::next()
         return false;
     current = following++;
     ++returned;
+    ++returnedOfPart;
     return true;
 }
 
@@ -107,11 +121,13 @@ bool HitStream::next()
 bool HitStream::fetch()
 {
     for (;;) {
-        if (state == State::Done || wanted() == 0) {
+        const bool isEnough = paging.limit >= 0 && returned >= paging.limit && !paging.limitIsByScore;
+        if (state == State::Done || isEnough) {
             close();
             return false;
         }
-        const bool goesOn = state == State::Scroll && received < total ? nextPage() : beginPart();
+        const bool goesOn =
+            state == State::Scroll && received < total && wanted() > 0 ? nextPage() : beginPart();
         if (goesOn && following < reader.hitCount())
             return true;
     }
@@ -126,11 +142,10 @@ bool HitStream::beginPart()
             state = State::Done;
             return false;
         }
-        const std::size_t count = std::min(IdsAtOnce, request.ids->size() - idsTaken);
-        const auto first = request.ids->begin() + static_cast<std::ptrdiff_t>(idsTaken);
-        filter = idFilter({first, first + static_cast<std::ptrdiff_t>(count)});
-        idsTaken += count;
-        searchOnce(std::min(static_cast<std::int64_t>(count), wanted()));
+        const std::vector<std::string> part = idsFrom(*request.ids, idsTaken);
+        filter = idFilter(part);
+        idsTaken += part.size();
+        searchOnce(std::min(static_cast<std::int64_t>(part.size()), wanted()));
     } else if (state != State::NotBegun) {
         state = State::Done;
         return false;
@@ -149,7 +164,7 @@ void HitStream::endPart()
     if (context)
         ScrollContexts::ofSession().remove(*context);
     context.reset();
-    total = received = 0;
+    total = received = returnedOfPart = 0;
 }
 
 void HitStream::searchOnce(std::int64_t size)

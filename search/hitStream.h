@@ -36,6 +36,7 @@ struct Statistics {
 struct Paging {
     std::int64_t pageSize = 1000;  // hits a page
     std::int64_t limit = -1;       // so many hits are enough; -1: all are wanted
+    bool limitIsByScore = false;   // and they are those of the highest scores
     bool isSmall = false;          // the result is likely to fit into a page
     bool toleratesPartial = false; // a response that lacks hits is worth a warning only
 };
@@ -84,7 +85,12 @@ private:
     void checkTotal(const http::Request &request);
     void reportPartial(const http::Request &request) const;
     [[noreturn]] void throwLost(const http::Request &request) const;
-    std::int64_t wanted() const { return paging.limit < 0 ? INT64_MAX : paging.limit - returned; }
+    // Of this part. Of the highest scores any part may have all.
+    std::int64_t wanted() const
+    {
+        return paging.limit < 0 ? INT64_MAX
+                                : paging.limit - (paging.limitIsByScore ? returnedOfPart : returned);
+    }
 
     const Cluster cluster;
     const SearchRequest request;
@@ -95,6 +101,7 @@ private:
     std::size_t current = 0; // hit of the page
     std::size_t following = 0;
     std::int64_t returned = 0;
+    std::int64_t returnedOfPart = 0;
 
     State state = State::NotBegun;
     std::size_t idsTaken = 0;

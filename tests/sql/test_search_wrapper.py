@@ -90,6 +90,20 @@ def test_requests(docs, search, statement, expected):
     assert search.open_scrolls() == 0
 
 
+def test_order(docs):
+    """The best by score are those of all: not the first of another order, nor of the first thousand ids."""
+    ranked = ('query={"bool":{"should":[{"constant_score":{"filter":{"match_all":{}},"boost":1}},{"constant_score":'
+              '{"filter":{"ids":{"values":["b001"]}},"boost":5}}]}}')
+    docs.run("CREATE TEMP TABLE ids AS SELECT ARRAY['b002'] || array_agg('x' || n) || ARRAY['b001'] AS all FROM "
+             "generate_series(1, 2500) n")
+    for more in ("", 'AND docname = ANY ((SELECT "all" FROM ids)::text[])'):
+        assert docs.run(f"SELECT docname, score FROM docs WHERE param = '{ranked}' {more} ORDER BY score DESC LIMIT 1") == [
+            ("b001", 6.0)]
+    for sort in ("asc", "desc"):
+        param = f"ARRAY['{ranked}', 'sort=[{{\"_score\":\"{sort}\"}}]']"
+        assert docs.run(f"SELECT docname FROM docs WHERE param = ANY ({param}) ORDER BY score DESC LIMIT 1") == [("b001",)]
+
+
 def test_many_ids(docs, search):
     """As many ids as a statement has, a thousand at a time, whoever finds them."""
     docs.run("CREATE TEMP TABLE names AS SELECT 'b' || lpad(n::text, greatest(3, length(n::text)), '0') AS name FROM generate_series(0, 99999) n")
@@ -203,6 +217,7 @@ FAULTS = [
           (401, "", "", 'Check "username" and "password"'), (403, '{"error":"no"}', ": no", "do not allow this search"),
           (404, '{"error":{"type":"index_not_found_exception","reason":"r"}}', ": index_not_found_exception: r",
            'Check the option "indexlist"'), (413, "<html>", ": <html>", "larger than the cluster takes"),
+          (400, '{"error":"no handler found for uri [/x]"}', ": no handler", "Check the path in the option"),
           (429, "{}", ": {}", "too many scroll contexts"), (503, "", "", "not available"), (301, "", "", "not followed")]],
     far("quoted", response("x" * 9999, "500 No"), REFUSED, "x" * 2048), far("no search", response("{}"), UNREADABLE, "/_search"),
     far("gone", lambda peer: (response(CONTEXT) if peer.purpose == "first" else response("{}", "404 No"))(peer), REFUSED,
@@ -217,7 +232,8 @@ FAULTS = [
     far("sourceless", response(hits(*named("a"))), "a document comes without its source", "Index , id a.", '"_source" switched off'),
     far("id", response(hits('"_id":"\\ud800","_source":{}')), "an id or the name of an index is not valid Unicode", "ud800",
         state="22021"),
-    far("cut", response("{", length=99), "the exchange with the search cluster broke off", "(libcurl 18)"),
+    far("source", response(hits('"_id":"a","_source":{"type":-01}')), "the source of a document is no valid JSON object",
+        "id a."), far("cut", response("{", length=99), "the exchange with the search cluster broke off", "(libcurl 18)"),
     far("time", silence, "the exchange with the search cluster broke off", "(libcurl 28)", '"connecttimeout" and "timeout"'),
     far("none", None, "could not connect to the search cluster", "(libcurl 7)", "its port included (9200 is usual)", "HV00N")]
 
@@ -230,7 +246,7 @@ def test_failures(docs, scripted, fault, expected):
     docs.make()
     scripted.script = fault
     for _ in range(2):
-        told = report(docs, "SELECT docname, doccontent FROM docs")
+        told = report(docs, "SELECT docname, doctype FROM docs")
         assert agrees(told, expected) and "sesame" not in str(told) and len(told[2]) < 2500, told
     scripted.script = response(hits())
     assert not fault or docs.run("SELECT docname FROM docs") == []
@@ -306,6 +322,7 @@ def test_explain(docs, search):
     docs.make_generic("EXECUTE s('query={}', '{a}')")
     shown = plan(docs, "EXECUTE s('query={}', '{a}')", "VERBOSE, ")
     assert '"must":[<$1>],"filter":[{"ids":{"values":[<$2>]}}]' in shown
+    assert '"size":1,' in plan(docs, "SELECT docname FROM docs WHERE docname = 'b001'", "VERBOSE, ")
     told = plan(docs, "SELECT docname FROM docs", "ANALYZE, TIMING off, SUMMARY off, ")
     assert re.search(r"Requests: 1\n *Pages: 1\n *Hits: 250\n *Bytes Received: \d{4,}", told)
     assert "Waited: " in plan(docs, "SELECT docname FROM docs", "ANALYZE, ")

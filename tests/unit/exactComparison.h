@@ -22,8 +22,14 @@ struct ExactReader : zq::elasticsearch::SearchResponseReader {
     {
         const std::vector<char> bytes(object.begin(), object.end());
         std::string type;
-        const bool isThere = zq::elasticsearch::topLevelScalar({bytes.data(), bytes.size()}, "type", type);
-        return isThere ? std::optional(type) : std::nullopt;
+        switch (zq::elasticsearch::topLevelScalar({bytes.data(), bytes.size()}, "type", type)) {
+        case zq::elasticsearch::Scalar::There:
+            return type;
+        case zq::elasticsearch::Scalar::Missing:
+            return std::nullopt;
+        default:
+            return "<malformed>";
+        }
     }
 };
 
@@ -68,7 +74,8 @@ std::string shown(const Reader &reader)
             const std::string decoded = i < 2 ? Reader::decode(raw).value_or("<invalid>") : std::string(raw);
             text += raw.empty() ? "" : std::string(" ").append(Names[i]).append(" ").append(decoded);
         }
-        const auto type = Reader::typeOf(reader.member(hit, HitMember::Source));
+        const std::string_view source = reader.member(hit, HitMember::Source);
+        const auto type = source.empty() ? std::nullopt : Reader::typeOf(source);
         text += type ? " type " + *type : "";
     }
     return text;

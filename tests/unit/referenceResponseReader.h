@@ -255,7 +255,7 @@ public:
             json.members([&](const std::string &name) {
                 std::optional<std::string> value;
                 if (json.next() == '"')
-                    value = json.decodedString();
+                    value = json.decodedString().value_or("<malformed>");
                 else if (json.isAt("{["))
                     json.container();
                 else if (const std::string_view scalar = json.scalar(); scalar != "null")
@@ -263,9 +263,9 @@ public:
                 type = name == "type" ? value : type;
             });
         } catch (const PlainJson::Fault &) {
-            return std::nullopt;
+            return "<malformed>";
         } catch (const PlainJson::Cut &) {
-            return std::nullopt;
+            return "<malformed>";
         }
         return type;
     }
