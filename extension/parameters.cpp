@@ -111,9 +111,8 @@ constexpr KnownParameter AllParameters[] = {
 
 void readParameter(Parameters &parameters, const std::string &text)
 {
-    constexpr const char *Hint =
-        "The parameters are query, highlight, sort, minscore, sourceincludefilter, sourceexcludefilter and "
-        "compressionlevel, each written as name=value.";
+    constexpr const char *Hint = "The parameters are query, highlight, sort, minscore, sourceincludefilter, "
+                                 "sourceexcludefilter and compressionlevel, each written as name=value.";
     if (!zq::elasticsearch::isValidUtf8(text))
         refuse("a value of \"param\" is not valid UTF-8", search::quoted(text), "");
     const std::size_t equals = text.find('=');

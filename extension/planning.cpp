@@ -37,15 +37,11 @@ Estimates &estimatesOf(RelOptInfo *relation) { return *static_cast<Estimates *>(
 
 [[noreturn]] void refuseParam()
 {
-    ereport(
-        ERROR,
-        (errcode(ERRCODE_FEATURE_NOT_SUPPORTED),
-         errmsg("a condition on \"param\" cannot be given to the search"),
-         errhint(
-             "Compare \"param\" by =, IN or = ANY with something that has a value before the search: no "
-             "column "
-             "of the same table, no volatile function, no other condition in one OR, no table that is joined "
-             "later.")));
+    ereport(ERROR, (errcode(ERRCODE_FEATURE_NOT_SUPPORTED),
+                    errmsg("a condition on \"param\" cannot be given to the search"),
+                    errhint("Compare \"param\" by =, IN or = ANY with something that has a value before the "
+                            "search: no column of the same table, no volatile function, no other condition "
+                            "in one OR, no table that is joined later.")));
     pg_unreachable();
 }
 

@@ -81,19 +81,17 @@ const char *hintFor(CURLcode code)
     case CURLE_COULDNT_RESOLVE_PROXY:
         return "Check the host in the option \"proxy\" of the foreign server.";
     case CURLE_COULDNT_CONNECT:
-        return "Check the option \"address\" of the foreign server, its port included (9200 is usual), "
-               "and \"proxy\" if it is set, and whether the cluster runs.";
+        return "Check the option \"address\" of the foreign server, its port included (9200 is usual), and "
+               "\"proxy\" if it is set, and whether the cluster runs.";
     case CURLE_OPERATION_TIMEDOUT:
         return "The options \"connecttimeout\" and \"timeout\" of the foreign server say how long a request "
                "may take.";
     case CURLE_PEER_FAILED_VERIFICATION:
         return "Name the authority that signed the cluster's certificate with the option \"cafile\" of the "
-               "foreign "
-               "server.";
+               "foreign server.";
     case CURLE_SSL_CACERT_BADFILE:
         return "The option \"cafile\" of the foreign server, or the package ca-certificates of the machine, "
-               "brings "
-               "the authorities to verify a certificate with.";
+               "brings the authorities to verify a certificate with.";
     default:
         return "";
     }
@@ -202,8 +200,7 @@ FdwError unreadable(const http::Request &request, const std::string &problem)
     return FdwError(ERRCODE_FDW_ERROR, "the response of the search cluster cannot be read")
         .detailed(describe(request) + ": " + problem)
         .hinted("Check that the option \"address\" of the foreign server leads to the cluster; its log, or "
-                "that of a "
-                "proxy before it, tells more.");
+                "that of a proxy before it, tells more.");
 }
 
 } // namespace qm::search

@@ -288,8 +288,7 @@ void HitStream::reportPartial(const http::Request &sent) const
         throw FdwError(ERRCODE_FDW_ERROR, message)
             .detailed(detail)
             .hinted("Look at the cluster's health. The option \"partialresults\" of the foreign table can "
-                    "make this a "
-                    "warning.");
+                    "make this a warning.");
     callServer([&] {
         ereport(WARNING, (errcode(ERRCODE_FDW_ERROR), errmsg_internal("%s", message),
                           errdetail_internal("%s", detail.c_str())));
