@@ -12,7 +12,9 @@ void JsonStructure::extend(const char *text, std::size_t length)
 {
     const std::size_t complete = length / BlockBytes;
     const std::size_t all = (length + BlockBytes - 1) / BlockBytes;
-    blocks.resize(all - firstBlock);
+    count = all - firstBlock;
+    if (count > blocks.size())
+        blocks.resize(std::max(count, 2 * blocks.size()));
     BlockMasks *masks = blocks.data() + (completeBlocks - firstBlock);
     const char *const from = text + completeBlocks * BlockBytes;
     if (complete > completeBlocks) {
@@ -30,17 +32,17 @@ void JsonStructure::forgetBefore(std::size_t position)
 {
     const std::size_t block = position / BlockBytes;
     // Moving the rest to the front is worth it where that is the smaller part.
-    if (block <= firstBlock || block - firstBlock < blocks.size() / 2)
+    if (block <= firstBlock || block - firstBlock < count / 2)
         return;
     const std::size_t forgotten = std::min(block, completeBlocks) - firstBlock;
-    blocks.erase(blocks.begin(), blocks.begin() + static_cast<std::ptrdiff_t>(forgotten));
+    std::copy(blocks.data() + forgotten, blocks.data() + count, blocks.data());
+    count -= forgotten;
     firstBlock += forgotten;
 }
 
 void JsonStructure::clear()
 {
-    blocks.clear();
-    firstBlock = completeBlocks = 0;
+    count = firstBlock = completeBlocks = 0;
     carry = {};
 }
 

@@ -37,7 +37,8 @@ public:
 
 private:
     const BlockScanner *scanner;
-    std::vector<BlockMasks> blocks; // of which the last may be of an incomplete one
+    std::vector<BlockMasks> blocks; // room for them, which only grows
+    std::size_t count = 0;          // how many are known, of which the last may be of an incomplete one
     std::size_t firstBlock = 0;     // the number of the first of them in the text
     std::size_t completeBlocks = 0; // how many of the text's blocks are scanned for good
     BlockCarry carry;               // behind those
@@ -46,11 +47,11 @@ private:
 inline std::size_t JsonStructure::nextClosingQuote(std::size_t position) const
 {
     std::size_t block = position / BlockBytes - firstBlock;
-    if (block >= blocks.size())
+    if (block >= count)
         return NoPosition;
     std::uint64_t bits = blocks[block].closing & ~std::uint64_t{0} << position % BlockBytes;
     while (bits == 0) {
-        if (++block == blocks.size())
+        if (++block == count)
             return NoPosition;
         bits = blocks[block].closing;
     }
@@ -61,7 +62,7 @@ template <typename Take>
 inline bool JsonStructure::findBracket(std::size_t position, Take &&take) const
 {
     std::size_t block = position / BlockBytes - firstBlock;
-    if (block >= blocks.size())
+    if (block >= count)
         return false;
     std::uint64_t bits = blocks[block].brackets & ~std::uint64_t{0} << position % BlockBytes;
     for (;;) {
@@ -69,7 +70,7 @@ inline bool JsonStructure::findBracket(std::size_t position, Take &&take) const
         for (; bits != 0; bits &= bits - 1)
             if (take(begin + static_cast<std::size_t>(__builtin_ctzll(bits))))
                 return true;
-        if (++block == blocks.size())
+        if (++block == count)
             return false;
         bits = blocks[block].brackets;
     }

@@ -97,6 +97,7 @@ bool SearchResponseReader::read(const char *data, std::size_t length)
     if (!problemText.empty())
         return false;
     buffer.append(data, length);
+    structure.extend(buffer.data(), buffer.size()); // while the bytes are at hand
     // A hit that is cut is read anew when more has arrived: at least as much again as there was of it.
     if (buffer.size() - seen >= std::max(stride, seen - parsed))
         advance();
@@ -107,7 +108,6 @@ bool SearchResponseReader::read(const char *data, std::size_t length)
 void SearchResponseReader::advance()
 {
     seen = buffer.size();
-    structure.extend(buffer.data(), seen);
     try {
         for (;;) {
             JsonCursor cursor(text(), structure, parsed);

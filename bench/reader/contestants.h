@@ -33,9 +33,11 @@ struct Contestant {
     std::function<void(const Page &)> read;
 };
 
-// The module's reader, with each way of scanning that this processor can run, and the plain reader that
-// judges it in the unit tests.
+// The module's classic reader, with each way of scanning that this processor can run, and the plain reader
+// that judges it in the unit tests.
 std::vector<Contestant> streamingReaders();
+// The module's exact reader.
+std::vector<Contestant> exactReaders();
 // RapidJSON's event parser as it comes. It reads from memory, and its handler does nothing.
 std::vector<Contestant> rapidJsonReaders();
 // The same compiled for the SSE2 instructions, which RapidJSON leaves to its user; none without SSE2.

@@ -91,7 +91,7 @@ void measure(const std::vector<Contestant> &contestants, const Page &page, std::
 void measureAll(std::size_t rounds)
 {
     std::vector<Contestant> contestants = streamingReaders();
-    for (const auto &others : {simdjsonReaders(), rapidJsonReaders(), rapidJsonSse2Readers()})
+    for (const auto &others : {exactReaders(), simdjsonReaders(), rapidJsonReaders(), rapidJsonSse2Readers()})
         contestants.insert(contestants.end(), others.begin(), others.end());
     std::printf(R"({"measure":"versions","compiler":"%s","simdjson":"%s","RapidJSON":"%s"})"
                 "\n",
