@@ -71,6 +71,7 @@ class Measuring:
         say(f"query: {index} at level {level}")
         fetch = (port, index, documents, PAGE)
         backend.make_table("documents", port, index, batchsize=PAGE, compressionlevel=level)
+        backend.make_search_table("searched", port, index, level)
         source = f"documents WHERE {MATCH_ALL}"
         # Contents that fit into a page stay in it, where they cost the least.
         local.run("CREATE UNLOGGED TABLE rows_at_hand (docname text, doccontent bytea) "
@@ -79,7 +80,7 @@ class Measuring:
         local.run(f"INSERT INTO rows_at_hand SELECT docname, doccontent FROM {source}")
         local.run("VACUUM rows_at_hand")
         expected = [(documents, self.programs.run("deflateFloor", kind, documents, level)["bytes"])]
-        for session, table in ((backend, source), (local, "rows_at_hand")):
+        for session, table in ((backend, source), (backend, "searched"), (local, "rows_at_hand")):
             found = session.run(f"SELECT count(*), sum(length(doccontent)) FROM {table}")
             if found != expected:
                 raise RuntimeError(f"{index} at level {level}: {found} in {table}, {expected} expected")
@@ -89,11 +90,13 @@ class Measuring:
                  "deflate": lambda: self.programs.run("deflateFloor", kind, documents, level)["seconds"]}
         for name, statement in (("count", COUNT), ("copy", COPY)):
             parts[name] = lambda text=statement.format(source): backend.seconds(text)
+            parts[f"{name}, search wrapper"] = lambda text=statement.format("searched"): backend.seconds(text)
             parts[f"{name} rows"] = lambda text=statement.format("rows_at_hand"): local.seconds(text)
         times = in_turn(self.rounds, parts)
         local.run("DROP TABLE rows_at_hand")
-        for name in ("count", "copy"):
-            floor = {"fetch": times["fetch"], "deflate": times["deflate"], "rows": times[f"{name} rows"]}
+        for name in ("count", "count, search wrapper", "copy", "copy, search wrapper"):
+            rows = times[f"{name.partition(',')[0]} rows"]
+            floor = {"fetch": times["fetch"], "deflate": times["deflate"], "rows": rows}
             show("query", statement=name, kind=kind, level=level, documents=documents, seconds=times[name],
                  floor=floor, ratio=round(times[name] / sum(floor.values()), 3),
                  fetch_reused_connection=times["fetch_reused"])

@@ -95,7 +95,7 @@ Response respondTo(const Request &request, Responses &responses)
     if (request.target.find("/_search") == std::string_view::npos)
         throw std::invalid_argument("nothing but searches");
     Search search = searchOf(index, sizeIn(request.body));
-    if (request.target.find("?scroll=") != std::string_view::npos)
+    if (request.target.find("scroll=") != std::string_view::npos)
         return scrollPage(responses, {search, 0});
     if (isLookUp(request.body))
         search.total = 1;

@@ -60,8 +60,8 @@ def measuring_cluster(module):
             if name != "jit" or backend.has_jit():
                 backend.run(f"ALTER SYSTEM SET {name} = '{value}'")
         # The demo's tables come with it; nothing reads them.
-        backend.run(SETUP.format(module=f"'{cluster.module_path}'", address="'127.0.0.1'", port="'1'",
-                                 index="'none'"))
+        backend.run(SETUP.format(module=f"'{cluster.module_path}'", url="'http://127.0.0.1:1'", address="'127.0.0.1'",
+                                 port="'1'", index="'none'", version="'7'"))
         backend.close()
         restart = cluster.run_as([f"{cluster.pg_bindir}/pg_ctl", "restart", "--silent", "--wait", "--pgdata",
                                   cluster.path_of("data"), "--log", cluster.log_path],
@@ -103,9 +103,15 @@ class Backend:
         return int(re.search(rf"^{what}:\s+(\d+)", status, re.M).group(1))
 
     def make_table(self, name, port, index, scroll=True, **options):
-        """Makes a foreign table on a page server, replacing one of that name."""
+        """Makes a foreign table of the classic wrapper on a page server, replacing one of that name."""
         options = {"connectortype": "elasticsearchscroll" if scroll else "elasticsearch",
                    "address": "127.0.0.1", "port": port, "indexlist": index, **options}
         texts = ", ".join(f"{key} '{value}'" for key, value in options.items())
         self.run(f"DROP FOREIGN TABLE IF EXISTS {name}")
-        self.run(f"CREATE FOREIGN TABLE {name} ({COLUMNS}) SERVER search OPTIONS ({texts})")
+        self.run(f"CREATE FOREIGN TABLE {name} ({COLUMNS}) SERVER classic OPTIONS ({texts})")
+
+    def make_search_table(self, name, port, index, level):
+        """The same for the search wrapper; contents come as text, or at a level of compression."""
+        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); DROP FOREIGN TABLE IF EXISTS {name}")
+        self.run(f"CREATE FOREIGN TABLE {name} (docname text, doccontent bytea) SERVER search "
+                 f"OPTIONS (indexlist '{index}', compressionlevel '{level}')")

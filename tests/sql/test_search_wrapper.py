@@ -385,3 +385,30 @@ def test_types_and_encodings(cluster, encoding):
         with new_database(owner, "typed", f"ENCODING '{encoding}' LC_COLLATE 'C' LC_CTYPE 'C'") as db:
             check_types(db, encoding)
         owner.connection.close()
+
+
+# ---- rights -------------------------------------------------------------------------------------------------
+
+def test_rights(docs, scripted):
+    """Each user's credentials go with the user's own queries, the view owner's with those of its view; files are the
+    superuser's to name."""
+    scripted.script = response(hits(*named("a")))
+    docs.make_documents(scripted.port)
+    docs.make("docname text")
+    docs.run("DROP ROLE IF EXISTS reader, keeper; CREATE ROLE reader; CREATE ROLE keeper; GRANT SELECT ON docs TO keeper; "
+             "CREATE USER MAPPING FOR keeper SERVER documents OPTIONS (username 'keeper', password 'k'); "
+             "CREATE USER MAPPING FOR reader SERVER documents OPTIONS (apikey 'r'); "
+             "CREATE VIEW shown AS SELECT * FROM docs; ALTER VIEW shown OWNER TO keeper; GRANT SELECT ON shown TO reader; "
+             "GRANT USAGE ON FOREIGN SERVER documents TO reader; GRANT USAGE ON FOREIGN DATA WRAPPER veltranesearch TO reader")
+    try:
+        docs.run("SET ROLE reader")
+        assert docs.outcome("SELECT * FROM docs")[0] == "42501"
+        assert docs.run("SELECT * FROM shown") == [("a",)]
+        for statement in ("CREATE SERVER own FOREIGN DATA WRAPPER veltranesearch OPTIONS (address 'http://h', cafile '/etc/passwd')",
+                          "ALTER USER MAPPING FOR reader SERVER documents OPTIONS (ADD clientcert '/etc/passwd')"):
+            assert report(docs, statement)[1].startswith("only superusers may set the option")
+        docs.run("RESET ROLE; GRANT SELECT ON docs TO reader; SET ROLE reader; SELECT * FROM docs")
+        sent = [peer.headers["Authorization"] for peer in scripted.requests]
+        assert sent == ["Basic a2VlcGVyOms=", "ApiKey r"]
+    finally:
+        docs.run("RESET ROLE; DROP OWNED BY reader, keeper CASCADE; DROP ROLE reader, keeper")
