@@ -101,7 +101,7 @@ TEST(ExactResponse, TakesWhatIsDeepOrLarge)
     const auto response = [](const std::string &member, const std::string &source) {
         return "{\"x\":" + member + R"(,"hits":{"hits":[{"_id":"a","_source":)" + source + "}]}}";
     };
-    const std::string hit = "good | id a source ";
+    const std::string hit = "good | _id a _source ";
     EXPECT_EQ(seenIn(response(open + closed, "{}")), hit + "{}");
     EXPECT_EQ(seenIn(response(open + closed + ']', "{}")), "at byte 200006");
     EXPECT_EQ(seenIn(response("0", open + closed)), hit + open + closed);
