@@ -40,14 +40,14 @@ private:
     void grow(std::size_t least)
     {
         constexpr std::size_t Smallest = std::size_t{16} << 10;
-        std::size_t size = capacity == 0 ? Smallest : capacity;
-        while (size < least)
-            size *= 2;
-        void *moved = std::realloc(bytes, size);
+        std::size_t larger = capacity == 0 ? Smallest : capacity;
+        while (larger < least)
+            larger *= 2;
+        void *moved = std::realloc(bytes, larger);
         if (!moved)
             throw std::bad_alloc();
         bytes = static_cast<char *>(moved);
-        capacity = size;
+        capacity = larger;
     }
 
     char *bytes = nullptr;

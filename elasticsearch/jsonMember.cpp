@@ -29,7 +29,6 @@ Scalar takeScalar(JsonCursor &cursor, std::string &value)
 Scalar topLevelScalar(std::string_view object, std::string_view name, std::string &value)
 {
     Scalar found = Scalar::Missing;
-    std::string passed;
     try {
         JsonStructure structure;
         structure.extend(object.data(), object.size());
@@ -37,10 +36,12 @@ Scalar topLevelScalar(std::string_view object, std::string_view name, std::strin
         cursor.take('{');
         std::string_view memberName;
         for (bool isFirst = true; cursor.nextMember(isFirst, memberName); isFirst = false)
-            if (memberName == name)
+            if (memberName == name) {
                 found = takeScalar(cursor, value);
-            else
+            } else {
+                std::string passed;
                 takeScalar(cursor, passed);
+            }
     } catch (const JsonError &) {
         return Scalar::Malformed;
     } catch (const JsonNeedsMore &) {

@@ -121,8 +121,8 @@ void SearchResponseReader::advance()
         }
     } catch (const JsonNeedsMore &) {
         // It goes on at `parsed`.
-    } catch (const JsonError &error) {
-        problemText = std::string(error.what()) + " at byte " + std::to_string(error.position + 1);
+    } catch (const JsonError &fault) {
+        problemText = std::string(fault.what()) + " at byte " + std::to_string(fault.position + 1);
     }
     structure.forgetBefore(parsed);
 }

@@ -157,7 +157,7 @@ void read(TableOptions &options, Oid catalog, List *definitions)
 std::string hintFor(Oid catalog, const char *name)
 {
     std::string all;
-    const char *nearest = nullptr;
+    const Known *nearest = nullptr;
     int least = 4; // further away it is no slip of the hand
     for (const Known &known : AllOptions) {
         if (known.catalog != catalog)
@@ -169,11 +169,11 @@ std::string hintFor(Oid catalog, const char *name)
         });
         if (distance < least) {
             least = distance;
-            nearest = known.name;
+            nearest = &known;
         }
     }
     if (nearest)
-        return std::string("Perhaps you meant the option \"") + nearest + "\".";
+        return std::string("Perhaps you meant the option \"") + nearest->name + "\": " + nearest->help + ".";
     return all.empty() ? "There are no options in this context."
                        : "Valid options in this context are: " + all;
 }

@@ -119,8 +119,8 @@ void readParameter(Parameters &parameters, const std::string &text)
     if (equals == std::string::npos)
         refuse("a value of \"param\" is no parameter", search::quoted(text), Hint);
     const std::string_view name = std::string_view(text).substr(0, equals);
-    const auto *known = std::find_if(std::begin(AllParameters), std::end(AllParameters),
-                                     [&](const KnownParameter &each) { return each.name == name; });
+    const KnownParameter *known = std::find_if(std::begin(AllParameters), std::end(AllParameters),
+                                               [&](const KnownParameter &each) { return each.name == name; });
     if (known == std::end(AllParameters))
         refuse("there is no parameter \"" + search::quoted(name) + "\"", "", Hint);
     known->read(parameters, known->name, text.substr(equals + 1));

@@ -44,6 +44,41 @@ bool forEachMember(std::string_view object, Take &&take)
     }
 }
 
+// No cluster tells more causes of causes than that.
+constexpr int DeepestCause = 8;
+
+// What an `error` member or a shard's `reason` says, and the causes that it names; empty when it says
+// nothing.
+std::string reasonIn(std::string_view error, int depth = 0)
+{
+    std::string type;
+    std::string reason;
+    std::string cause;
+    const bool isObject = forEachMember(error, [&](std::string_view name, JsonCursor &cursor) {
+        if (cursor.peek() != '"') {
+            const std::string_view value = cursor.value();
+            if (depth < DeepestCause &&
+                (name == "caused_by" || name == "reason")) // the reason of a failed shard is an error again
+                cause = reasonIn(value, depth + 1);
+        } else if (name == "type") {
+            type = textOf(cursor.string());
+        } else if (name == "reason") {
+            reason = textOf(cursor.string());
+        } else {
+            cursor.string();
+        }
+    });
+    if (!isObject)
+        return error.size() >= 2 && error.front() == '"' ? textOf(error.substr(1, error.size() - 2))
+                                                         : std::string();
+    std::string all = type;
+    if (!reason.empty())
+        all += (all.empty() ? "" : ": ") + reason;
+    if (!cause.empty())
+        all += (all.empty() ? "" : "; ") + cause;
+    return all;
+}
+
 struct StatusHint {
     long status;
     const char *hint;
@@ -111,35 +146,6 @@ std::string quoted(std::string_view utf8)
 {
     const std::string text(utf8.substr(0, MostQuotedBytes));
     return server::callServer([&] { return server::utf8ToMessage(text.c_str()); });
-}
-
-std::string reasonIn(std::string_view error)
-{
-    std::string type;
-    std::string reason;
-    std::string cause;
-    const bool isObject = forEachMember(error, [&](std::string_view name, JsonCursor &cursor) {
-        if (cursor.peek() != '"') {
-            const std::string_view value = cursor.value();
-            if (name == "caused_by" || name == "reason") // the reason of a failed shard is an error again
-                cause = reasonIn(value);
-        } else if (name == "type") {
-            type = textOf(cursor.string());
-        } else if (name == "reason") {
-            reason = textOf(cursor.string());
-        } else {
-            cursor.string();
-        }
-    });
-    if (!isObject)
-        return error.size() >= 2 && error.front() == '"' ? textOf(error.substr(1, error.size() - 2))
-                                                         : std::string();
-    std::string all = type;
-    if (!reason.empty())
-        all += (all.empty() ? "" : ": ") + reason;
-    if (!cause.empty())
-        all += (all.empty() ? "" : "; ") + cause;
-    return all;
 }
 
 std::string failedShardReason(std::string_view shards)

@@ -21,9 +21,6 @@ std::string quoted(std::string_view utf8);
 // no error object, its first words.
 std::string reasonOf(std::string_view body);
 
-// What an `error` member or a shard's `reason` says; empty when it says nothing.
-std::string reasonIn(std::string_view error);
-
 // Why the first of the failed shards failed, of the `_shards` member of a response; empty when it does not
 // say.
 std::string failedShardReason(std::string_view shards);

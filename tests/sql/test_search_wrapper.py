@@ -141,7 +141,7 @@ URL = 'option "address" takes an http or https URL of host, port and path prefix
 REFUSALS = [
     *[option("server", f"address '{url}'", URL) for url in ("", "h:9200", "ftp://h", "http://u:p@h", "http://h?x", "http:// h")],
     option("server", "tlsverify 'no'", 'option "address" of the foreign server is required', state="HV00J"),
-    option("server", "adress 'x'", NO_OPTION.format("adress"), 'Perhaps you meant the option "address".', "HV00D"),
+    option("server", "adress 'x'", NO_OPTION.format("adress"), 'Perhaps you meant the option "address": URL of the cluster', "HV00D"),
     option("server", "x 'x'", NO_OPTION.format("x"), "Valid options in this context are: address,", "HV00D"),
     option("wrapper", "x 'x'", NO_OPTION.format("x"), "There are no options in this context.", "HV00D"),
     option("server", A + "timeout '1s'", 'option "timeout" takes a whole number from 1 to 2147483647'),

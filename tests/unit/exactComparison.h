@@ -40,6 +40,7 @@ template <class Reader>
 std::string shown(const Reader &reader)
 {
     using zq::elasticsearch::HitMember;
+    constexpr auto &names = ReferenceResponseReader::MemberNames;
     const std::string &problem = reader.problem();
     const std::size_t place = problem.rfind(" at byte ");
     if (place != std::string::npos)
@@ -65,14 +66,12 @@ std::string shown(const Reader &reader)
     for (const auto &[name, value] : texts)
         if (!value.empty())
             text.append(", ").append(name).append(" ").append(value);
-    static constexpr const char *Names[] = {"index", "id",     "score",      "source",     "highlight",
-                                            "sort",  "fields", "inner hits", "explanation"};
     for (std::size_t hit = 0; hit < reader.hitCount(); ++hit) {
         text += " |";
-        for (std::size_t i = 0; i < std::size(Names); ++i) {
+        for (std::size_t i = 0; i < names.size(); ++i) {
             const std::string_view raw = reader.member(hit, static_cast<HitMember>(i));
             const std::string decoded = i < 2 ? Reader::decode(raw).value_or("<invalid>") : std::string(raw);
-            text += raw.empty() ? "" : std::string(" ").append(Names[i]).append(" ").append(decoded);
+            text += raw.empty() ? "" : std::string(" ").append(names[i]).append(" ").append(decoded);
         }
         const std::string_view source = reader.member(hit, HitMember::Source);
         const auto type = source.empty() ? std::nullopt : Reader::typeOf(source);

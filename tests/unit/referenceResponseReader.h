@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -15,10 +16,11 @@
 #include <vector>
 
 // As decodeSimply, but an escaped pair of surrogates is one character.
-inline std::optional<std::string> decodeTextSimply(const std::string &raw)
+inline std::optional<std::string> decodeTextSimply(std::string_view text)
 {
+    const std::string raw(text);
     const auto isHalf = [&](std::size_t at, const char *second) {
-        return raw.compare(at, 2, "\\u") == 0 && std::string("dD").find(raw[at + 2]) != std::string::npos &&
+        return (raw.compare(at, 3, "\\ud") == 0 || raw.compare(at, 3, "\\uD") == 0) &&
                raw.find_first_of(second, at + 3) == at + 3 &&
                raw.find_first_not_of("0123456789abcdefABCDEF", at + 4) >= at + 6;
     };
@@ -43,15 +45,13 @@ inline std::optional<std::string> decodeTextSimply(const std::string &raw)
 // A place in a text, and the grammar from there.
 struct PlainJson {
     struct Fault {
-        std::size_t at;
-    };
-    struct Cut {
+        std::size_t at; // npos where the text is cut off
     };
 
     std::string_view text;
     std::size_t at = 0;
 
-    char here() const { return at < text.size() ? text[at] : throw Cut(); }
+    char here() const { return at < text.size() ? text[at] : throw Fault{text.npos}; }
     bool isAt(std::string_view bytes) const { return bytes.find(here()) != std::string_view::npos; }
 
     bool isAtEnd()
@@ -145,9 +145,9 @@ struct PlainJson {
         for (bool isFirst = true; next() != '}'; isFirst = false) {
             if (!isFirst)
                 expect(',');
-            const std::string raw(string());
+            const std::string_view raw = string();
             expect(':');
-            take(decodeTextSimply(raw).value_or(raw));
+            take(decodeTextSimply(raw).value_or(std::string(raw)));
         }
         ++at;
     }
@@ -205,8 +205,6 @@ struct PlainJson {
             throw Fault{at - 1};
         return text.substr(begin, at - begin);
     }
-
-    std::optional<std::string> decodedString() { return decodeTextSimply(std::string(string())); }
 };
 
 // Shows what SearchResponseReader shows.
@@ -214,6 +212,9 @@ class ReferenceResponseReader
 {
 public:
     using HitMember = zq::elasticsearch::HitMember;
+    // In the order of HitMember.
+    static constexpr std::array<std::string_view, 9> MemberNames = {
+        "_index", "_id", "_score", "_source", "highlight", "sort", "fields", "inner_hits", "_explanation"};
 
     explicit ReferenceResponseReader(std::string_view text) : json{text}
     {
@@ -223,10 +224,10 @@ public:
                 throw PlainJson::Fault{json.at};
             problemText = !errorText.empty() ? "error in place of hits" : hasHits ? "" : "no hits";
         } catch (const PlainJson::Fault &fault) {
-            problemText = " at byte " + std::to_string(fault.at + 1);
-        } catch (const PlainJson::Cut &) {
-            problemText =
-                text.empty() ? "empty response" : "response cut off at byte " + std::to_string(text.size());
+            const bool isCut = fault.at == text.npos;
+            problemText = (isCut ? "response cut off at byte " : " at byte ") +
+                          std::to_string(isCut ? text.size() : fault.at + 1);
+            problemText = text.empty() ? "empty response" : problemText;
         }
     }
 
@@ -241,10 +242,7 @@ public:
         return hits[hit][static_cast<std::size_t>(member)];
     }
 
-    static std::optional<std::string> decode(std::string_view raw)
-    {
-        return decodeTextSimply(std::string(raw));
-    }
+    static std::optional<std::string> decode(std::string_view raw) { return decodeTextSimply(raw); }
 
     // The member `type` of an object as text; nothing for null and for what is no scalar.
     static std::optional<std::string> typeOf(std::string_view object)
@@ -255,7 +253,7 @@ public:
             json.members([&](const std::string &name) {
                 std::optional<std::string> value;
                 if (json.next() == '"')
-                    value = json.decodedString().value_or("<malformed>");
+                    value = decodeTextSimply(json.string()).value_or("<malformed>");
                 else if (json.isAt("{["))
                     json.container();
                 else if (const std::string_view scalar = json.scalar(); scalar != "null")
@@ -264,14 +262,12 @@ public:
             });
         } catch (const PlainJson::Fault &) {
             return "<malformed>";
-        } catch (const PlainJson::Cut &) {
-            return "<malformed>";
         }
         return type;
     }
 
 private:
-    using Hit = std::array<std::string_view, static_cast<std::size_t>(HitMember::Count)>;
+    using Hit = std::array<std::string_view, MemberNames.size()>;
 
     std::int64_t count(std::uint64_t most)
     {
@@ -290,7 +286,7 @@ private:
     {
         json.next();
         const std::size_t begin = json.at;
-        const auto text = json.decodedString();
+        const auto text = decodeTextSimply(json.string());
         return text ? *text : throw PlainJson::Fault{begin};
     }
 
@@ -381,26 +377,18 @@ private:
 
     void readHit()
     {
-        static const std::map<std::string, HitMember> kept = {{"_index", HitMember::Index},
-                                                              {"_id", HitMember::Id},
-                                                              {"_score", HitMember::Score},
-                                                              {"_source", HitMember::Source},
-                                                              {"highlight", HitMember::Highlight},
-                                                              {"sort", HitMember::Sort},
-                                                              {"fields", HitMember::Fields},
-                                                              {"inner_hits", HitMember::InnerHits},
-                                                              {"_explanation", HitMember::Explanation}};
         const std::size_t begin = json.at;
         Hit hit;
         json.members([&](const std::string &name) {
-            const auto known = kept.find(name);
-            const bool isString = name == "_index" || name == "_id";
-            const std::string_view value = known == kept.end()                      ? json.value()
-                                           : isString                               ? json.string()
-                                           : name == "_score" || json.next() == 'n' ? orNothing(json.scalar())
-                                                                                    : json.container();
-            if (known != kept.end())
-                hit[static_cast<std::size_t>(known->second)] = value;
+            const auto known = std::find(MemberNames.begin(), MemberNames.end(), name);
+            if (known == MemberNames.end()) {
+                json.value();
+                return;
+            }
+            const bool isScalar = name == "_score" || json.next() == 'n';
+            hit[known - MemberNames.begin()] = name == "_index" || name == "_id" ? json.string()
+                                               : isScalar                        ? orNothing(json.scalar())
+                                                                                 : json.container();
         });
         if (hit[static_cast<std::size_t>(HitMember::Id)].empty())
             throw PlainJson::Fault{begin};
