@@ -92,7 +92,7 @@ std::string OptionValue::asTimeValue() const
 
 std::string OptionValue::asClusterUrl() const
 {
-    const std::string url = http::baseUrl(utf8());
+    std::string url = http::baseUrl(utf8());
     if (url.empty())
         refuse("an http or https URL of host, port and path prefix, without credentials");
     return url;

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds the module, warnings being errors, and runs its tests on several PostgreSQL versions, each in a
 # Debian of its own time: its server, its compiler, its libraries. Installs the Debian package for version 15 in
-# a Debian that has nothing but its dependencies, and lets it answer a query there.
+# a Debian that has nothing but its dependencies, and lets it answer a query there. Runs the tests once more on a
+# server 15 with assertions, built from Debian's source package.
 #
-#   scripts/test-matrix.sh             all of it: 13 15 17 18 package
+#   scripts/test-matrix.sh             all of it: 13 15 17 18 assert package
 #   scripts/test-matrix.sh 13 package  these
 #
 # One line for each at the end; the exit status is 0 when everything passed. Needs root, or sudo. The Debian
@@ -15,7 +16,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cache=$(realpath -m "${VELTRANE_MATRIX_DIR:-$root/build/matrix}")
 tree=/srv/veltrane # where the source lies inside a Debian folder
-all_tests=(13 15 17 18 package)
+all_tests=(13 15 17 18 assert package)
 package_version=15
 debian= # the Debian folder in use
 
@@ -23,11 +24,27 @@ debian= # the Debian folder in use
 folder_of() { # TEST
     case $1 in
     13) echo bullseye ;;
-    15) echo bookworm ;;
+    15 | assert) echo bookworm ;;
     17) echo trixie ;;
     18) echo forky ;;
     package) echo package ;;
     *) return 1 ;;
+    esac
+}
+
+# Where the tests of one leave what they have to tell.
+notes_of() { # TEST
+    case $1 in
+    assert) echo "$cache/assert" ;;
+    *) echo "$cache/$(folder_of "$1")" ;;
+    esac
+}
+
+# The server that a test is for, inside its Debian folder.
+server_of() { # TEST
+    case $1 in
+    assert) echo /opt/assert ;;
+    *) echo "/usr/lib/postgresql/$1" ;;
     esac
 }
 
@@ -98,9 +115,26 @@ mount_inside() {
     mount --rbind /dev "$debian/dev" # the server needs /dev/shm as well
 }
 
+# Builds the server with assertions, as long as its version is not there yet.
+build_assertions() {
+    local source=/usr/src/assert version
+    printf 'deb-src %s %s main\n' "$(mirrors | head -n 1)" "$(folder_of assert)" \
+        >"$debian/etc/apt/sources.list.d/source.list"
+    in_debian apt-get -q update
+    install_inside dpkg-dev gcc make bison flex perl libicu-dev zlib1g-dev
+    version=$(in_debian apt-cache showsrc --only-source postgresql-15 | awk '/^Version:/ {print $2; exit}')
+    [ "$(cat "$debian/opt/assert/version" 2>/dev/null)" != "$version" ] || return 0
+    rm -rf "${debian:?}$source" "$debian/opt/assert"
+    mkdir -p "$debian$source"
+    in_debian env --chdir=$source apt-get -q source "postgresql-15=$version"
+    in_debian bash -c "cd $source/*/ && ./configure --prefix=/opt/assert --enable-cassert --without-readline \
+        CFLAGS='-O1 -g' && make -j$(nproc) && make install"
+    echo "$version" >"$debian/opt/assert/version"
+}
+
 # Makes the folder in which a version is built and tested the current one, and completes it.
-prepare() { # VERSION
-    local release packages done_before
+prepare() { # TEST
+    local release packages done_before version=${1/assert/15}
     release=$(folder_of "$1")
     debian=$cache/$release
     if [ ! -e "$debian/var/lib/veltrane-bootstrapped" ]; then
@@ -108,7 +142,7 @@ prepare() { # VERSION
         touch "$debian/var/lib/veltrane-bootstrapped"
     fi
     mountpoint -q "$debian/proc" || mount_inside
-    packages="cmake ninja-build g++ postgresql-$1 postgresql-server-dev-$1 libcurl4-openssl-dev
+    packages="cmake ninja-build g++ postgresql-$version postgresql-server-dev-$version libcurl4-openssl-dev
         libutfcpp-dev zlib1g-dev libgtest-dev python3-pytest python3-psycopg2"
     done_before=$debian/var/lib/veltrane-packages
     if [ "$(cat "$done_before" 2>/dev/null)" != "$packages" ]; then
@@ -116,6 +150,7 @@ prepare() { # VERSION
         install_inside $packages
         echo "$packages" >"$done_before"
     fi
+    [ "$1" != assert ] || build_assertions
 }
 
 # ---- building and testing ------------------------------------------------------------------------------
@@ -144,13 +179,13 @@ copy_source() {
 
 build() { # VERSION
     in_debian cmake -S "$tree" -B "$tree/build/matrix-$1" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DWARNINGS_AS_ERRORS=ON "-DPG_CONFIG=/usr/lib/postgresql/$1/bin/pg_config"
+        -DWARNINGS_AS_ERRORS=ON "-DPG_CONFIG=$(server_of "$1")/bin/pg_config"
     in_debian cmake --build "$tree/build/matrix-$1" --parallel "$(nproc)"
 }
 
 run_sql_tests() { # VERSION
     find "$debian/tmp" -mindepth 1 -delete # what a run that was killed has left
-    in_debian env --chdir="$tree" "PG_CONFIG=/usr/lib/postgresql/$1/bin/pg_config" \
+    in_debian env --chdir="$tree" "PG_CONFIG=$(server_of "$1")/bin/pg_config" \
         "VELTRANE_MODULE=$tree/build/matrix-$1/libVeltranePgFdw3_0.so" \
         /usr/bin/python3 -B -m pytest -q -p no:cacheprovider tests/sql \
         --ignore=tests/sql/test_instructions.py # what Debian 12's compiler makes of the source
@@ -159,8 +194,8 @@ run_sql_tests() { # VERSION
 # All steps for one version. Leaves in RELEASE.result how far it came.
 run_version() { # VERSION
     local result output summary unit_status=0 sql_status=0
-    result=$cache/$(folder_of "$1").result
-    output=$cache/$(folder_of "$1").pytest
+    result=$(notes_of "$1").result
+    output=$(notes_of "$1").pytest
     echo "no Debian folder" >"$result"
     prepare "$1"
     echo "no copy of the source" >"$result"
@@ -246,7 +281,8 @@ title_of() { # TEST
     if [ "$1" = package ]; then
         echo "Debian package ($(folder_of "$package_version"))"
     else
-        version=$(in_debian "/usr/lib/postgresql/$1/bin/postgres" --version 2>/dev/null | awk '{print $3}') || true
+        version=$(in_debian "$(server_of "$1")/bin/postgres" --version 2>/dev/null | awk '{print $3}') || true
+        [ "$1" != assert ] || version="${version:-15}, assertions on"
         echo "PostgreSQL ${version:-$1} ($(folder_of "$1"))"
     fi
 }
@@ -255,7 +291,7 @@ run_tests() { # TEST...
     local test log result lines=() failed=0
     for test in "$@"; do
         say "$(title_of "$test") ..."
-        log=$cache/$(folder_of "$test").log
+        log=$(notes_of "$test").log
         # A process of its own, so that its first failing command ends it.
         if bash "${BASH_SOURCE[0]}" --inside-one "$test" >"$log" 2>&1; then
             result=$(<"${log%.log}.result")
