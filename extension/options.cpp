@@ -228,6 +228,8 @@ TableOptions readTableOptions(Oid tableId)
 TableOptions readOptions(Oid tableId, Oid userId)
 {
     TableOptions options;
+    // A search may take its time in silence; that its cluster is gone must be noticed all the same.
+    options.cluster.settings.keepsAlive = true;
     const Oid serverId = readTable(options, tableId);
     read(options, UserMappingRelationId,
          callServer([&] { return server::userMappingOptions(serverId, userId); }));

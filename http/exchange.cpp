@@ -31,6 +31,8 @@ void apply(const Settings &settings, CURL *easy)
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeoutMs));
     if (settings.timeoutMs > 0)
         curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.timeoutMs));
+    if (settings.keepsAlive)
+        curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     if (!settings.caFile.empty())
         curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.c_str());
     if (!settings.verifiesTls) {

@@ -16,6 +16,7 @@ struct Settings {
     bool verifiesTls = true;
     std::string clientCertificate; // files in PEM
     std::string clientKey;
+    bool keepsAlive = false;          // TCP asks a silent peer whether it is still there
     std::optional<std::string> proxy; // empty: none; absent: what the environment says
     std::string userName;             // for basic authentication
     std::string password;

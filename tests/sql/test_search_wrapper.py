@@ -1,6 +1,7 @@
 """The search wrapper: what it asks the cluster for, what it refuses and why, how it ends, what it tells."""
 import json
 import re
+import time
 
 import psycopg2
 import pytest
@@ -345,6 +346,7 @@ def test_plans(docs):
 
 
 def test_waits_are_shown(docs, scripted, cluster):
+    """The wait event, and the timer of the kernel's that asks a silent cluster whether it is still there."""
     docs.make_documents(scripted.port)
     docs.make()
     other, seen = Database(cluster, 0), []
@@ -352,6 +354,17 @@ def test_waits_are_shown(docs, scripted, cluster):
         "SELECT wait_event_type, state FROM pg_stat_activity WHERE pid = %s", (docs.pid,))), response(hits())(peer))
     docs.run("SELECT docname FROM docs")
     assert seen == [("Extension", "active")]
+    timers = []
+
+    def look(peer):
+        time.sleep(0.3)  # until other timers have gone
+        lines = [line.split() for line in open("/proc/net/tcp", encoding="ascii").readlines()[1:]]
+        timers.extend(line[5].split(":")[0] for line in lines if line[2].endswith(f":{scripted.port:04X}") and line[3] == "01")
+        response(hits())(peer)
+
+    scripted.script = look
+    docs.run("SELECT docname FROM docs")
+    assert timers == ["02"]
     other.connection.close()
 
 
