@@ -1,6 +1,7 @@
 """The search wrapper: what it asks the cluster for, what it refuses and why, how it ends, what it tells."""
 import json
 import re
+import threading
 import time
 
 import psycopg2
@@ -398,6 +399,31 @@ def test_types_and_encodings(cluster, encoding):
         with new_database(owner, "typed", f"ENCODING '{encoding}' LC_COLLATE 'C' LC_CTYPE 'C'") as db:
             check_types(db, encoding)
         owner.connection.close()
+
+
+# ---- other sessions -----------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("off", ["enable_nestloop", "enable_hashjoin"])
+def test_rows_that_others_change_meanwhile(docs, cluster, off):
+    """A row that was locked late is joined again as it is then: with the document, as with a local copy of it."""
+    other = Database(cluster, 0)
+    docs.run("CREATE TABLE loans (name text, n int); CREATE TABLE kept AS SELECT docname, score FROM docs")
+    waiting = "SELECT wait_event_type = 'Lock' FROM pg_stat_activity WHERE pid = %s"
+    for change in ("n = n + 1", "n = 1000", "name = 'b009'"):
+        outcomes = []
+        for relation in ("kept", "docs"):
+            docs.run(f"TRUNCATE loans; INSERT INTO loans VALUES ('b001', 1), ('b002', 2); SET {off} = off")
+            other.run("BEGIN")
+            other.run(f"UPDATE loans SET {change} WHERE name = 'b001'")
+            locked = threading.Thread(target=lambda text=relation: outcomes.append(docs.outcome(
+                f"SELECT name, n, score FROM loans JOIN {text} ON docname = name WHERE n < 9 FOR UPDATE OF loans")))
+            locked.start()
+            wait_until(lambda: other.value(waiting, (docs.pid,)))
+            other.run("COMMIT")
+            locked.join()
+        assert sorted(outcomes[0]) == sorted(outcomes[1]), change
+    docs.run("DROP TABLE loans, kept")
+    other.connection.close()
 
 
 # ---- rights -------------------------------------------------------------------------------------------------
