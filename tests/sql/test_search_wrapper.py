@@ -106,6 +106,16 @@ def test_order(docs):
         assert docs.run(f"SELECT docname FROM docs WHERE param = ANY ({param}) ORDER BY score DESC LIMIT 1") == [("b001",)]
 
 
+def test_place(docs, scripted):
+    """A path prefix is kept, and names of indices cannot leave their place in it."""
+    scripted.script = response(hits())
+    docs.make_documents(address=f"http://127.0.0.1:{scripted.port}/prefix/")
+    docs.make(indexlist="<b\u00f6-{now/d}>,-a*,c?d#e")
+    docs.run("SELECT docname FROM docs LIMIT 1")
+    assert scripted.requests[-1].path == (
+        "/prefix/%3Cb%C3%B6-%7Bnow%2Fd%7D%3E,-a*,c%3Fd%23e/_search?allow_no_indices=false")
+
+
 def test_many_ids(docs, search):
     """As many ids as a statement has, a thousand at a time, whoever finds them."""
     docs.run("CREATE TEMP TABLE names AS SELECT 'b' || lpad(n::text, greatest(3, length(n::text)), '0') AS name FROM generate_series(0, 99999) n")
