@@ -117,19 +117,20 @@ mount_inside() {
 
 # Builds the server with assertions, as long as its version is not there yet.
 build_assertions() {
-    local source=/usr/src/assert version
+    local source=/usr/src/assert options="--enable-cassert --with-libxml --without-readline" version made
     printf 'deb-src %s %s main\n' "$(mirrors | head -n 1)" "$(folder_of assert)" \
         >"$debian/etc/apt/sources.list.d/source.list"
     in_debian apt-get -q update
-    install_inside dpkg-dev gcc make bison flex perl libicu-dev zlib1g-dev
+    install_inside dpkg-dev gcc make bison flex perl pkgconf libicu-dev libxml2-dev zlib1g-dev
     version=$(in_debian apt-cache showsrc --only-source postgresql-15 | awk '/^Version:/ {print $2; exit}')
-    [ "$(cat "$debian/opt/assert/version" 2>/dev/null)" != "$version" ] || return 0
+    made="$version $options"
+    [ "$(cat "$debian/opt/assert/made" 2>/dev/null)" != "$made" ] || return 0
     rm -rf "${debian:?}$source" "$debian/opt/assert"
     mkdir -p "$debian$source"
     in_debian env --chdir=$source apt-get -q source "postgresql-15=$version"
-    in_debian bash -c "cd $source/*/ && ./configure --prefix=/opt/assert --enable-cassert --without-readline \
+    in_debian bash -c "cd $source/*/ && ./configure --prefix=/opt/assert $options \
         CFLAGS='-O1 -g' && make -j$(nproc) && make install"
-    echo "$version" >"$debian/opt/assert/version"
+    echo "$made" >"$debian/opt/assert/made"
 }
 
 # Makes the folder in which a version is built and tested the current one, and completes it.

@@ -72,6 +72,7 @@ REQUESTS = [
     ("docname FROM docs WHERE docname = (SELECT max(docname) FROM docs WHERE docname < 'b000')",
      [search(more=AS_IT_COMES)]),
     ("docname FROM docs WHERE doctype = 'essay'", [search(ALL, types("essay"), source='{"includes":["type"]}', more=AS_IT_COMES)]),
+    ("docname FROM plain WHERE doctype = 'essay'", [search(source='{"includes":["type"]}', more=AS_IT_COMES)]),
     ("docname FROM docs WHERE doctype = 'essay' LIMIT 4",
      [search(ALL, types("essay"), size=100, source='{"includes":["type"]}', more=AS_IT_COMES)]),
     (f"doctype, score FROM docs WHERE {QUERY} AND docname = 'b001'",
@@ -87,6 +88,7 @@ REQUESTS = [
 
 @pytest.mark.parametrize("statement, expected", REQUESTS)
 def test_requests(docs, search, statement, expected):
+    docs.make("docname text, doctype text", "plain")
     docs.run("SELECT " + statement)
     assert [json.loads(body) for body in bodies(search) if "scroll" not in body] == list(map(json.loads, expected))
     assert search.open_scrolls() == 0
@@ -101,6 +103,9 @@ def test_order(docs):
     for more in ("", 'AND docname = ANY ((SELECT "all" FROM ids)::text[])'):
         assert docs.run(f"SELECT docname, score FROM docs WHERE param = '{ranked}' {more} ORDER BY score DESC LIMIT 1") == [
             ("b001", 6.0)]
+    for order, first in (("score", 1.0), ("docname DESC", "b249"), ("score DESC, docname DESC LIMIT 1 OFFSET 1", 1.0)):
+        row, = docs.run(f"SELECT docname, score FROM docs WHERE param = '{ranked}' ORDER BY {order} " + "LIMIT 1" * ("LIMIT" not in order))
+        assert first in row, order
     for sort in ("asc", "desc"):
         param = f"ARRAY['{ranked}', 'sort=[{{\"_score\":\"{sort}\"}}]']"
         assert docs.run(f"SELECT docname FROM docs WHERE param = ANY ({param}) ORDER BY score DESC LIMIT 1") == [("b001",)]
