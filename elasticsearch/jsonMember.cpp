@@ -1,7 +1,6 @@
-// One member of an object.
+// The members of an object.
 #include "elasticsearch/jsonMember.h"
 
-#include "elasticsearch/jsonCursor.h"
 #include "elasticsearch/jsonString.h"
 
 namespace zq::elasticsearch
@@ -29,25 +28,14 @@ Scalar takeScalar(JsonCursor &cursor, std::string &value)
 Scalar topLevelScalar(std::string_view object, std::string_view name, std::string &value)
 {
     Scalar found = Scalar::Missing;
-    try {
-        JsonStructure structure;
-        structure.extend(object.data(), object.size());
-        JsonCursor cursor(object, structure, 0);
-        cursor.take('{');
-        std::string_view memberName;
-        for (bool isFirst = true; cursor.nextMember(isFirst, memberName); isFirst = false)
-            if (memberName == name) {
-                found = takeScalar(cursor, value);
-            } else {
-                std::string passed;
-                takeScalar(cursor, passed);
-            }
-    } catch (const JsonError &) {
-        return Scalar::Malformed;
-    } catch (const JsonNeedsMore &) {
-        return Scalar::Malformed;
-    }
-    return found;
+    std::string passed;
+    const bool isObject = forEachMember(object, [&](std::string_view memberName, JsonCursor &cursor) {
+        if (memberName == name)
+            found = takeScalar(cursor, value);
+        else
+            takeScalar(cursor, passed);
+    });
+    return isObject ? found : Scalar::Malformed;
 }
 
 } // namespace zq::elasticsearch

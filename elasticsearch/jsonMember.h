@@ -1,11 +1,34 @@
-// One member of an object.
+// The members of an object that lies in one piece.
 #pragma once
+
+#include "elasticsearch/jsonCursor.h"
 
 #include <string>
 #include <string_view>
 
 namespace zq::elasticsearch
 {
+
+// Calls take(name, cursor), which must read the value, for each member of the object; returns whether it was
+// one to its end.
+template <typename Take>
+bool forEachMember(std::string_view object, Take &&take)
+{
+    try {
+        JsonStructure structure;
+        structure.extend(object.data(), object.size());
+        JsonCursor cursor(object, structure, 0);
+        cursor.take('{');
+        std::string_view name;
+        for (bool isFirst = true; cursor.nextMember(isFirst, name); isFirst = false)
+            take(name, cursor);
+        return true;
+    } catch (const JsonError &) {
+        return false;
+    } catch (const JsonNeedsMore &) {
+        return false;
+    }
+}
 
 enum class Scalar { There, Missing, Malformed };
 

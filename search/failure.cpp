@@ -1,6 +1,6 @@
 // What a failed exchange with a search cluster is as an error of the server.
 #include "search/failure.h"
-#include "elasticsearch/jsonCursor.h"
+#include "elasticsearch/jsonMember.h"
 #include "elasticsearch/jsonString.h"
 #include "server/encoding.h"
 
@@ -8,8 +8,8 @@ namespace qm::search
 {
 
 using server::FdwError;
+using zq::elasticsearch::forEachMember;
 using zq::elasticsearch::JsonCursor;
-using zq::elasticsearch::JsonStructure;
 
 namespace
 {
@@ -21,27 +21,6 @@ std::string textOf(std::string_view raw)
 {
     std::string decoded;
     return zq::elasticsearch::decodeJsonText(raw, decoded) ? decoded : std::string(raw);
-}
-
-// Calls take(name, cursor), which must read the value, for each member of the object; returns whether it was
-// one.
-template <typename Take>
-bool forEachMember(std::string_view object, Take &&take)
-{
-    try {
-        JsonStructure structure;
-        structure.extend(object.data(), object.size());
-        JsonCursor cursor(object, structure, 0);
-        cursor.take('{');
-        std::string_view name;
-        for (bool isFirst = true; cursor.nextMember(isFirst, name); isFirst = false)
-            take(name, cursor);
-        return true;
-    } catch (const zq::elasticsearch::JsonError &) {
-        return false;
-    } catch (const zq::elasticsearch::JsonNeedsMore &) {
-        return false;
-    }
 }
 
 // No cluster tells more causes of causes than that.
