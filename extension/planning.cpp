@@ -30,9 +30,6 @@ struct Estimates {
 // How many documents a query finds, of all there are, as long as nobody knows better.
 constexpr double QuerySelectivity = 0.005;
 
-// More than any plan costs that does what the query wants.
-constexpr Cost Prohibitive = 1e15;
-
 Estimates &estimatesOf(RelOptInfo *relation) { return *static_cast<Estimates *>(relation->fdw_private); }
 
 [[noreturn]] void refuseParam()
@@ -198,7 +195,7 @@ void addPaths(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
     // planner finds one where no other will do, and is refused then.
     PathCost cost = costOf(relation, relation->rows);
     if (estimates.isJoinedByParam)
-        cost = {Prohibitive, Prohibitive};
+        cost = {server::ProhibitiveCost, server::ProhibitiveCost};
     addPath(root, relation, relation->rows, cost, relation->lateral_relids);
 
     List *done = NIL; // each set of outer relations once
@@ -217,7 +214,9 @@ void addPaths(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
         parameters->ppi_rows = rows;
         const bool isEnforced = !estimates.isJoinedByParam || givesParam(scanned, parameters->ppi_clauses);
         addPath(root, relation, rows,
-                isEnforced ? costOf(relation, rows) : PathCost{Prohibitive, Prohibitive}, outer);
+                isEnforced ? costOf(relation, rows)
+                           : PathCost{server::ProhibitiveCost, server::ProhibitiveCost},
+                outer);
     }
 }
 

@@ -109,9 +109,9 @@ Outcome exchange(const Settings &settings, const Request &request, curl_write_ca
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, target);
     Outcome outcome{runTransfer(easy), 0};
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &outcome.status);
-    double ready = 0; // seconds, after which the connection could take the request; TLS included
-    curl_easy_getinfo(easy, CURLINFO_PRETRANSFER_TIME, &ready);
-    outcome.isConnected = ready > 0;
+    long sentBytes = 0;
+    curl_easy_getinfo(easy, CURLINFO_REQUEST_SIZE, &sentBytes);
+    outcome.wasSent = sentBytes > 0;
     return outcome;
 }
 

@@ -20,8 +20,8 @@ struct Request {
 
 struct Outcome {
     CURLcode code;
-    long status; // of HTTP; 0 without a response
-    bool isConnected = false;
+    long status;          // of HTTP; 0 without a response
+    bool wasSent = false; // the request, or a part of it
 };
 
 // Sends the request once, on a connection of its own, and hands the body of the response to `write`, with

@@ -160,9 +160,9 @@ FdwError transferFailure(const http::Request &request, const http::Outcome &outc
 {
     const std::string what = std::string(curl_easy_strerror(outcome.code)) + " (libcurl " +
                              std::to_string(static_cast<int>(outcome.code)) + ")";
-    return FdwError(outcome.isConnected ? ERRCODE_FDW_ERROR : ERRCODE_FDW_UNABLE_TO_ESTABLISH_CONNECTION,
-                    outcome.isConnected ? "the exchange with the search cluster broke off"
-                                        : "could not connect to the search cluster")
+    return FdwError(outcome.wasSent ? ERRCODE_FDW_ERROR : ERRCODE_FDW_UNABLE_TO_ESTABLISH_CONNECTION,
+                    outcome.wasSent ? "the exchange with the search cluster broke off"
+                                    : "could not connect to the search cluster")
         .detailed(describe(request) + ": " + what)
         .hinted(hintFor(outcome.code));
 }

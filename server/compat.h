@@ -74,14 +74,19 @@ struct ErrorTexts {
     pg_unreachable();
 }
 
+// More than any plan costs that does what the query wants, also one of disabled kinds of nodes.
+constexpr Cost ProhibitiveCost = 1e15;
+
 // A path over a whole foreign table, without a sort order, for rows of the `outer` relations (null: of none).
-// Version 17 added a list of clauses, version 18 a count of disabled nodes.
+// Version 17 added a list of clauses, version 18 a count of disabled nodes, which it compares before costs.
 inline ForeignPath *createForeignScanPath(PlannerInfo *root, RelOptInfo *relation, double rows,
                                           Cost startupCost, Cost totalCost, Relids outer)
 {
 #if PG_VERSION_NUM >= 180000
-    return create_foreignscan_path(root, relation, nullptr, rows, 0, startupCost, totalCost, NIL, outer,
-                                   nullptr, NIL, NIL);
+    constexpr int MoreThanAnyPlanHas = 1000000;
+    const int disabledNodes = totalCost >= ProhibitiveCost ? MoreThanAnyPlanHas : 0;
+    return create_foreignscan_path(root, relation, nullptr, rows, disabledNodes, startupCost, totalCost, NIL,
+                                   outer, nullptr, NIL, NIL);
 #elif PG_VERSION_NUM >= 170000
     return create_foreignscan_path(root, relation, nullptr, rows, startupCost, totalCost, NIL, outer, nullptr,
                                    NIL, NIL);
