@@ -7,7 +7,7 @@ import time
 import psycopg2
 import pytest
 
-from conftest import Database, SearchServer, bodies, memory, new_database, unpacked, wait_until
+from conftest import Database, SearchServer, bodies, memory, new_database, sockets, unpacked, wait_until
 from scriptedserver import response, hits, named, silence
 
 COLUMNS = ("docname text, score real, doctype text OPTIONS (search 'keyword'), docindex text, doccontent jsonb, "
@@ -119,6 +119,20 @@ def test_place(docs, scripted):
     docs.run("SELECT docname FROM docs LIMIT 1")
     assert scripted.requests[-1].path == (
         "/prefix/%3Cb%C3%B6-%7Bnow%2Fd%7D%3E,-a*,c%3Fd%23e/_search?allow_no_indices=false")
+
+
+def test_proxy(docs, scripted):
+    """Requests go to the proxy for a cluster that nobody else knows, with the credentials for that."""
+    scripted.script = response(hits())
+    docs.make_documents(address="http://cluster.invalid:9200", proxy=f"http://127.0.0.1:{scripted.port}")
+    docs.run("CREATE USER MAPPING FOR PUBLIC SERVER documents OPTIONS (apikey 'k')")
+    docs.make()
+    assert docs.run("SELECT docname FROM docs LIMIT 1") == []
+    peer, = scripted.requests
+    assert peer.path.startswith("http://cluster.invalid:9200/books/") and peer.headers["Authorization"] == "ApiKey k"
+    docs.run("ALTER SERVER documents OPTIONS (SET proxy 'http://nobody.invalid:1')")
+    told = report(docs, "SELECT docname FROM docs LIMIT 1")
+    assert agrees(told, ("HV00N", "could not connect", "(libcurl 5)", '"proxy"'))
 
 
 def test_many_ids(docs, search):
@@ -309,6 +323,25 @@ def test_no_context_stays(cluster, version):
         db.run("BEGIN; DECLARE c CURSOR FOR SELECT * FROM docs; FETCH 3 FROM c")
         db.connection.close()
         wait_until(lambda: server.open_scroll_contexts() == 0)
+
+
+@pytest.mark.parametrize("where", ["first", "next", "delete"])
+def test_cancel(docs, scripted, where):
+    """Wherever the cluster falls silent, a query ends soon after its time, and its connection with it."""
+    pages = {"first": CONTEXT, "next": CONTEXT, "delete": "{}"}
+    scripted.script = lambda peer: (silence if peer.purpose == where else response(pages[peer.purpose]))(peer)
+    docs.make_documents(scripted.port)
+    docs.make("docname text", batchsize=1)
+    docs.run("SELECT docname FROM docs LIMIT 0; SET statement_timeout = 400")
+    before, start = sockets(docs.pid), time.monotonic()
+    # What is deleted at the end of a query that has its rows takes none of them back.
+    statement = "SELECT docname FROM docs WHERE length(docname) > 0" + " LIMIT 1" * (where == "delete")
+    assert docs.outcome(statement)[0] == (("a",) if where == "delete" else "57014")
+    assert time.monotonic() - start < 1.9
+    wait_until(lambda: sockets(docs.pid) == before)
+    docs.run("RESET statement_timeout")
+    scripted.script = response(hits())
+    assert docs.run(statement) == []
 
 
 @pytest.mark.unsanitized
