@@ -80,6 +80,17 @@ private:
     std::string decodedName;
 };
 
+// Calls take(name) for each member of the object that comes next; it must read the value. Throws what the
+// cursor throws.
+template <typename Take>
+void forEachMember(JsonCursor &cursor, Take &&take)
+{
+    cursor.take('{');
+    std::string_view name;
+    for (bool isFirst = true; cursor.nextMember(isFirst, name); isFirst = false)
+        take(name);
+}
+
 inline void JsonCursor::skipBlanks()
 {
     while (at < text.size() && (text[at] == ' ' || text[at] == '\n' || text[at] == '\r' || text[at] == '\t'))

@@ -18,10 +18,7 @@ bool forEachMember(std::string_view object, Take &&take)
         JsonStructure structure;
         structure.extend(object.data(), object.size());
         JsonCursor cursor(object, structure, 0);
-        cursor.take('{');
-        std::string_view name;
-        for (bool isFirst = true; cursor.nextMember(isFirst, name); isFirst = false)
-            take(name, cursor);
+        forEachMember(cursor, [&](std::string_view name) { take(name, cursor); });
         return true;
     } catch (const JsonError &) {
         return false;

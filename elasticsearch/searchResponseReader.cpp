@@ -12,16 +12,6 @@ namespace zq::elasticsearch
 namespace
 {
 
-// Calls take(name) for each member of the object that comes next; it must read the value.
-template <typename Take>
-void forEachMember(JsonCursor &cursor, Take &&take)
-{
-    cursor.take('{');
-    std::string_view name;
-    for (bool isFirst = true; cursor.nextMember(isFirst, name); isFirst = false)
-        take(name);
-}
-
 // The cluster keeps the number of shards, and that of clusters, in 32 bits.
 constexpr std::int64_t MostShards = INT32_MAX;
 

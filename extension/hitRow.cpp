@@ -67,7 +67,7 @@ RawValue HitRow::rawValue(const HitStream &hits, const Column &column)
     case Role::DocName:
         return {decoded(hits, HitMember::Id, id), true};
     case Role::DocIndex:
-        return {decoded(hits, HitMember::Index, index), true};
+        return {decoded(hits, HitMember::Index, index), !hits.member(HitMember::Index).empty()};
     case Role::Score: {
         const std::string_view score = fixedScore.empty() ? hits.member(HitMember::Score) : fixedScore;
         return {score, !score.empty()};

@@ -283,6 +283,17 @@ def test_failures(docs, scripted, fault, expected):
     assert not fault or docs.run("SELECT docname FROM docs") == []
 
 
+def test_missing_values(docs, scripted):
+    """What a hit does not have is NULL, whatever the hit before it had."""
+    docs.make_documents(scripted.port)
+    docs.make()
+    whole = '"_index":"i","_id":"a","_score":1.5,"_source":{"type":"t"},"highlight":{"x":[]}'
+    scripted.script = response(hits(whole, '"_id":"b","_source":{}', whole.replace('"a"', '"c"')))
+    values = (1.5, "t", "i", {"type": "t"}, {"x": []}, None)
+    assert docs.run("SELECT * FROM docs") == [
+        ("a", *values), ("b", None, None, None, {}, None, None), ("c", *values)]
+
+
 def test_warnings(docs, scripted):
     docs.make_documents(scripted.port)
     docs.make(partialresults="warning")
