@@ -23,7 +23,7 @@ constexpr const char *NotWhole = "a whole number is needed";
 constexpr const char *NotNumber = "a number is needed";
 constexpr const char *NotBoolean = "true or false is needed";
 constexpr const char *NotDate = "a date of ISO 8601 is needed";
-constexpr const char *NotEpoch = "a date of ISO 8601 or a number of the column's format is needed";
+constexpr const char *NotEpoch = "a number of the column's format or a date of ISO 8601 is needed";
 constexpr const char *NotScalar = "a single value is needed, and this is an object";
 constexpr const char *OutOfRange = "it is out of the range of the column's type";
 constexpr const char *TooLong = "it is longer than the column's type takes";
@@ -95,18 +95,14 @@ bool fits(std::int64_t number, Oid type)
 // The days of PostgreSQL's calendar and its microseconds begin with the year 2000.
 constexpr std::int64_t DaysTo2000 = POSTGRES_EPOCH_JDATE - UNIX_EPOCH_JDATE;
 
-bool readDate(std::string_view text, DateFormat format, std::int64_t &microseconds)
+// A column with a format reads numbers, also those in strings, by it.
+bool readDate(std::string_view text, bool isString, DateFormat format, std::int64_t &microseconds)
 {
     constexpr std::int64_t MicrosecondsPerMillisecond = 1000;
-    switch (format) {
-    case DateFormat::EpochMillis:
-        return readEpoch(text, MicrosecondsPerMillisecond, microseconds);
-    case DateFormat::EpochSecond:
-        return readEpoch(text, MicrosecondsPerSecond, microseconds);
-    case DateFormat::Iso:
-        break;
-    }
-    return readIsoDate(text, microseconds);
+    const std::int64_t unit =
+        format == DateFormat::EpochMillis ? MicrosecondsPerMillisecond : MicrosecondsPerSecond;
+    return (format != DateFormat::Iso && readEpoch(text, unit, microseconds)) ||
+           (isString && readIsoDate(text, microseconds));
 }
 
 // The server would cut off blanks at the end, and find texts equal that are different ones in the source.
@@ -118,7 +114,7 @@ bool isTooLong(const FieldType &type, std::string_view text)
                type.typmod - header;
 }
 
-const char *readAs(const Column &column, bool isString, FieldValue &value)
+const char *readAs(const Column &column, bool isString, ScalarValue &value)
 {
     switch (column.field->kind) {
     case FieldKind::Whole:
@@ -133,12 +129,10 @@ const char *readAs(const Column &column, bool isString, FieldValue &value)
         return value.number == 1 || value.text == "false" || (isString && value.text.empty()) ? nullptr
                                                                                               : NotBoolean;
     case FieldKind::Date:
-    case FieldKind::Timestamp: {
-        const bool isIso = column.options.dateFormat == DateFormat::Iso;
-        if ((isIso && !isString) || !readDate(value.text, column.options.dateFormat, value.number))
-            return isIso ? NotDate : NotEpoch;
-        return nullptr;
-    }
+    case FieldKind::Timestamp:
+        if (readDate(value.text, isString, column.options.dateFormat, value.number))
+            return nullptr;
+        return column.options.dateFormat == DateFormat::Iso ? NotDate : NotEpoch;
     case FieldKind::Text:
         return isTooLong(*column.field, value.text) ? TooLong : nullptr;
     case FieldKind::Json:
@@ -165,7 +159,7 @@ void FieldReader::read(const Column &column, const std::vector<std::string_view>
         return;
     if (column.field->kind == FieldKind::Json && !column.field->isArray) {
         // Whatever stands there; several places make an array.
-        FieldValue value{false, found[0], 0};
+        ScalarValue value{false, found[0], 0};
         if (found.size() > 1) {
             std::string &all = newText();
             all.clear();
@@ -182,7 +176,7 @@ void FieldReader::read(const Column &column, const std::vector<std::string_view>
         return;
     // For a search null is no value at all, wherever it stands.
     const auto end = std::remove_if(target.values.begin(), target.values.end(),
-                                    [](const FieldValue &value) { return value.isNull; });
+                                    [](const ScalarValue &value) { return value.isNull; });
     target.values.erase(end, target.values.end());
     target.isMissing = target.values.empty();
     if (target.values.size() > 1)
@@ -225,7 +219,7 @@ void FieldReader::add(const Column &column, std::string_view json, FieldValues &
 
 void FieldReader::addScalar(const Column &column, std::string_view json, FieldValues &target)
 {
-    FieldValue value{json == "null", json, 0};
+    ScalarValue value{json == "null", json, 0};
     const bool isString = json.size() > 1 && json.front() == '"';
     const char *problem = nullptr;
     if (!value.isNull && column.field->kind != FieldKind::Json) {
@@ -282,7 +276,7 @@ Datum timestampOf(const FieldType &type, std::int64_t microseconds)
                                timestamp, Int32GetDatum(type.typmod));
 }
 
-Datum datumOf(FieldType &type, const FieldValue &value)
+Datum datumOf(FieldType &type, const ScalarValue &value)
 {
     switch (type.kind) {
     case FieldKind::Whole:

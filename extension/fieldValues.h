@@ -13,7 +13,7 @@ namespace qm::extension
 {
 
 // One value, read as what its column takes.
-struct FieldValue {
+struct ScalarValue {
     bool isNull = false;
     std::string_view text;   // of texts and numbers that the server reads, and of JSON
     std::int64_t number = 0; // whole numbers; 0 or 1; microseconds since 1970
@@ -21,7 +21,7 @@ struct FieldValue {
 
 // What a hit brings for a column that shows a field.
 struct FieldValues {
-    std::vector<FieldValue> values;
+    std::vector<ScalarValue> values;
     bool isMissing = true;         // the document has no such field, or null in its place
     const char *problem = nullptr; // why the values do not fit the column; null when they do
 };

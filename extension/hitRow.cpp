@@ -119,7 +119,7 @@ void HitRow::readFields(const HitStream &hits)
         values.clear();
     for (std::size_t i = 0; i < hits.fieldCount(); ++i) {
         const auto field = hits.field(i);
-        found[field.path].push_back(field.json);
+        found[field.path].push_back(field.value);
     }
     fields.clear();
     for (std::size_t i = 0; i < fieldColumns.size(); ++i)
