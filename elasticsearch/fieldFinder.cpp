@@ -112,26 +112,28 @@ void FieldFinder::readMembers(JsonCursor &cursor, std::vector<FoundField> &found
     const std::vector<Known> &known = nodes[level.node].known;
     const std::string_view text = cursor.wholeText();
     std::size_t at = cursor.position();
-    for (;;) {
-        const Known *likely = level.following < known.size() ? &known[level.following] : nullptr;
+    std::size_t following = level.following;
+    for (std::size_t commas = level.isFirst ? 0 : 1;; commas = 1) {
         NodeNumber target = Nowhere;
-        if (likely && likely->isAt(text, level.isFirst ? at : at + 1) && (level.isFirst || text[at] == ',')) {
-            ++level.following;
-            at += likely->size() + (level.isFirst ? 0 : 1);
-            target = likely->target();
+        if (following < known.size() && known[following].isAt(text, at + commas) &&
+            (commas == 0 || text[at] == ',')) {
+            at += commas + known[following].size();
+            target = known[following++].target();
         } else {
             cursor.goTo(at);
-            if (!cursor.nextName(level.isFirst)) {
+            if (!cursor.nextName(commas == 0)) {
                 leave(cursor, found);
                 return;
             }
-            target = takeName(cursor, level);
+            target = takeName(cursor, level.node, following);
             at = cursor.position();
         }
-        level.isFirst = false;
         at = cursor.tokenFrom(at);
-        if (target != Nowhere && enters(target, text[at], at, found)) {
+        if (target != Nowhere && leadsOn(target, text[at])) {
+            level.isFirst = false;
+            level.following = following;
             cursor.goTo(at + 1);
+            enter(target, text[at], at, found);
             return;
         }
         const std::size_t begin = at;
@@ -141,16 +143,16 @@ void FieldFinder::readMembers(JsonCursor &cursor, std::vector<FoundField> &found
     }
 }
 
-// Opens the value at that place if it begins with a bracket and a path goes on in it.
-inline bool FieldFinder::enters(NodeNumber number, char first, std::size_t begin,
-                                std::vector<FoundField> &found)
+// Whether a path goes on in a value that begins so.
+inline bool FieldFinder::leadsOn(NodeNumber node, char first) const
 {
-    const Node &node = nodes[number];
-    if (node.children.empty() || (first != '{' && first != '['))
-        return false;
-    open.push_back({number, true, first == '[', 0, {found.size(), node.paths.size()}});
-    note(node, begin, begin, found); // the end is not known yet
-    return true;
+    return (first == '{' || first == '[') && !nodes[node].children.empty();
+}
+
+void FieldFinder::enter(NodeNumber node, char first, std::size_t begin, std::vector<FoundField> &found)
+{
+    open.push_back({node, true, first == '[', 0, {found.size(), nodes[node].paths.size()}});
+    note(nodes[node], begin, begin, found); // the end is not known yet
 }
 
 inline void FieldFinder::note(const Node &node, std::size_t begin, std::size_t end,
@@ -160,36 +162,37 @@ inline void FieldFinder::note(const Node &node, std::size_t begin, std::size_t e
         found.push_back({path, static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end - begin)});
 }
 
-// Takes what stands before a member's value.
-FieldFinder::NodeNumber FieldFinder::takeName(JsonCursor &cursor, Level &level)
+// Takes what stands before a member's value, and puts the place of what is likely to come next into
+// `following`.
+FieldFinder::NodeNumber FieldFinder::takeName(JsonCursor &cursor, NodeNumber node, std::size_t &following)
 {
-    const std::vector<Known> &known = nodes[level.node].known;
+    const std::vector<Known> &known = nodes[node].known;
     for (std::size_t i = 0; i < known.size(); ++i) {
-        level.following = level.following < known.size() ? level.following : 0;
-        const Known &likely = known[level.following++];
+        following = following < known.size() ? following : 0;
+        const Known &likely = known[following++];
         if (likely.isAt(cursor.wholeText(), cursor.position())) {
             cursor.goTo(cursor.position() + likely.size());
             return likely.target();
         }
     }
-    return learnName(cursor, level);
+    return learnName(cursor, node, following);
 }
 
-FieldFinder::NodeNumber FieldFinder::learnName(JsonCursor &cursor, Level &level)
+FieldFinder::NodeNumber FieldFinder::learnName(JsonCursor &cursor, NodeNumber node, std::size_t &following)
 {
     const std::size_t begin = cursor.position();
-    const NodeNumber target = targetOf(level.node, cursor.name());
+    const NodeNumber target = targetOf(node, cursor.name());
     cursor.take(':');
     cursor.peek();
     const std::string_view token = cursor.wholeText().substr(begin, cursor.position() - begin);
     if (token.size() > MostKnownBytes)
         return target;
-    std::vector<Known> &known = nodes[level.node].known;
+    std::vector<Known> &known = nodes[node].known;
     if (known.size() < MostKnown)
-        known.emplace(known.begin() + static_cast<std::ptrdiff_t>(level.following), token, target);
+        known.emplace(known.begin() + static_cast<std::ptrdiff_t>(following), token, target);
     else
-        known[level.following % MostKnown] = Known(token, target);
-    ++level.following;
+        known[following % MostKnown] = Known(token, target);
+    ++following;
     return target;
 }
 

@@ -95,9 +95,10 @@ private:
     NodeNumber targetOf(NodeNumber node, std::string_view name) const;
     void readMembers(JsonCursor &cursor, std::vector<FoundField> &found);
     void readElements(JsonCursor &cursor, std::vector<FoundField> &found);
-    NodeNumber takeName(JsonCursor &cursor, Level &level);
-    NodeNumber learnName(JsonCursor &cursor, Level &level);
-    bool enters(NodeNumber number, char first, std::size_t begin, std::vector<FoundField> &found);
+    bool leadsOn(NodeNumber node, char first) const;
+    void enter(NodeNumber node, char first, std::size_t begin, std::vector<FoundField> &found);
+    NodeNumber takeName(JsonCursor &cursor, NodeNumber node, std::size_t &following);
+    NodeNumber learnName(JsonCursor &cursor, NodeNumber node, std::size_t &following);
     static void note(const Node &node, std::size_t begin, std::size_t end, std::vector<FoundField> &found);
     void leave(const JsonCursor &cursor, std::vector<FoundField> &found);
 
