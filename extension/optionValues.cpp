@@ -66,6 +66,23 @@ double OptionValue::asCost() const
     return cost;
 }
 
+double OptionValue::asPositive() const
+{
+    char *end = nullptr;
+    const double number = std::strtod(value, &end);
+    if (end == value || *end != '\0' || !std::isfinite(number) || number <= 0)
+        refuse("a positive number");
+    return number;
+}
+
+std::string OptionValue::asFieldName() const
+{
+    const std::size_t length = std::strlen(value);
+    if (length == 0 || value[0] == '.' || value[length - 1] == '.' || std::strstr(value, ".."))
+        refuse("the name of a field, with dots between the names of objects");
+    return utf8();
+}
+
 int OptionValue::asChoice(std::initializer_list<const char *> choices) const
 {
     std::string all;
@@ -73,7 +90,8 @@ int OptionValue::asChoice(std::initializer_list<const char *> choices) const
     for (const char *choice : choices) {
         if (std::strcmp(value, choice) == 0)
             return place;
-        all += (place++ == 0 ? "" : " or ") + std::string(choice);
+        const bool isLast = choice == *(choices.end() - 1);
+        all += (place++ == 0 ? "" : isLast ? " or " : ", ") + std::string(choice);
     }
     refuse(all);
 }

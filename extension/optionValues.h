@@ -23,6 +23,9 @@ public:
     std::int32_t asNumber(std::int32_t least, std::int32_t most) const;
     std::int32_t asMilliseconds() const { return asNumber(1, INT32_MAX); }
     double asCost() const;
+    double asPositive() const;
+    // A dotted path in a source, not empty.
+    std::string asFieldName() const;
     // The place of the value among the choices.
     int asChoice(std::initializer_list<const char *> choices) const;
     // A number and a unit, as Elasticsearch writes times.

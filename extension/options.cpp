@@ -18,11 +18,16 @@ using server::FdwError;
 namespace
 {
 
+// Where the values of options of all catalogs go.
+struct AnyOptions : TableOptions {
+    ColumnOptions column;
+};
+
 struct Known {
     const char *name;
     Oid catalog;
     const char *preset; // what counts as long as it is not set; null: nothing
-    void (*read)(TableOptions &options, const OptionValue &value);
+    void (*read)(AnyOptions &options, const OptionValue &value);
     const char *help;
     bool namesFile = false; // which only superusers may do
 };
@@ -31,95 +36,119 @@ struct Known {
 // table.
 constexpr Known AllOptions[] = {
     {"address", ForeignServerRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) { options.cluster.url = value.asClusterUrl(); },
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.url = value.asClusterUrl(); },
      "URL of the cluster: scheme, host, port and, behind a proxy, a path prefix"},
     {"connecttimeout", ForeignServerRelationId, "10000",
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.connectTimeoutMs = value.asMilliseconds();
      },
      "milliseconds to connect in"},
     {"timeout", ForeignServerRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.timeoutMs = value.asMilliseconds();
      },
      "milliseconds that a request may take; without it, as long as statement_timeout lets it"},
     {"cafile", ForeignServerRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
-         options.cluster.settings.caFile = value.asFile();
-     },
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.settings.caFile = value.asFile(); },
      "absolute path of a file of certificate authorities (PEM) in place of the system's", true},
     {"tlsverify", ForeignServerRelationId, "true",
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.verifiesTls = value.asBoolean();
      },
      "whether the cluster must prove itself with a certificate"},
     {"proxy", ForeignServerRelationId, "",
-     [](TableOptions &options, const OptionValue &value) {
-         options.cluster.settings.proxy = value.asProxy();
-     },
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.settings.proxy = value.asProxy(); },
      "URL of an HTTP proxy; without it none is used, whatever the environment says"},
     {"requestcost", ForeignServerRelationId, "100",
-     [](TableOptions &options, const OptionValue &value) { options.requestCost = value.asCost(); },
+     [](AnyOptions &options, const OptionValue &value) { options.requestCost = value.asCost(); },
      "planner's cost of a request"},
     {"rowcost", ForeignServerRelationId, "0.05",
-     [](TableOptions &options, const OptionValue &value) { options.rowCost = value.asCost(); },
+     [](AnyOptions &options, const OptionValue &value) { options.rowCost = value.asCost(); },
      "planner's cost of fetching a row"},
 
     {"username", UserMappingRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.userName = value.asUserName();
      },
      "user of the cluster, for basic authentication"},
     {"password", UserMappingRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
-         options.cluster.settings.password = value.utf8();
-     },
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.settings.password = value.utf8(); },
      "password of that user"},
     {"apikey", UserMappingRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.authorization = "Authorization: ApiKey " + value.asApiKey();
      },
      "encoded API key, in place of user and password"},
     {"clientcert", UserMappingRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.clientCertificate = value.asFile();
      },
      "absolute path of a client certificate (PEM)", true},
     {"clientkey", UserMappingRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.clientKey = value.asFile();
      },
      "absolute path of the key that belongs to it (PEM)", true},
 
     {"indexlist", ForeignTableRelationId, nullptr,
-     [](TableOptions &options, const OptionValue &value) { options.indices = value.asIndices(); },
+     [](AnyOptions &options, const OptionValue &value) { options.indices = value.asIndices(); },
      "index, alias or data stream, or several separated by commas; * stands for any characters"},
     {"batchsize", ForeignTableRelationId, "1000",
-     [](TableOptions &options, const OptionValue &value) { options.batchSize = value.asNumber(1, 10000); },
+     [](AnyOptions &options, const OptionValue &value) { options.batchSize = value.asNumber(1, 10000); },
      "hits a page of a large result, 1 to 10000"},
     {"compressionlevel", ForeignTableRelationId, "5",
-     [](TableOptions &options, const OptionValue &value) {
-         options.compressionLevel = value.asNumber(-2, 9);
-     },
+     [](AnyOptions &options, const OptionValue &value) { options.compressionLevel = value.asNumber(-2, 9); },
      "of bytea columns: -2 as they are, -1 zlib's default, 0 to 9 zlib's levels"},
     {"scrolltimeout", ForeignTableRelationId, "5m",
-     [](TableOptions &options, const OptionValue &value) { options.scrollTimeout = value.asTimeValue(); },
+     [](AnyOptions &options, const OptionValue &value) { options.scrollTimeout = value.asTimeValue(); },
      "how long the cluster keeps a large result between two pages"},
     {"partialresults", ForeignTableRelationId, "error",
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.partialResults =
              value.asChoice({"error", "warning"}) == 0 ? PartialResults::Error : PartialResults::Warning;
      },
      "error or warning: what to do when shards failed or the search timed out"},
     {"estimatedrows", ForeignTableRelationId, "100000",
-     [](TableOptions &options, const OptionValue &value) {
+     [](AnyOptions &options, const OptionValue &value) {
          options.estimatedRows = value.asNumber(1, 2000000000);
      },
      "planner's idea of the number of documents, until ANALYZE has counted them"},
 
+    {"badvalues", ForeignTableRelationId, "error",
+     [](AnyOptions &options, const OptionValue &value) {
+         options.nullsBadValues = value.asChoice({"error", "null"}) == 1;
+     },
+     "error or null: what to make of a field's value that does not fit its column"},
+
+    {"field", AttributeRelationId, nullptr,
+     [](AnyOptions &options, const OptionValue &value) { options.column.field = value.asFieldName(); },
+     "path of the field in the source, where it is not the column's name"},
+    {"format", AttributeRelationId, nullptr,
+     [](AnyOptions &options, const OptionValue &value) {
+         constexpr DateFormat Formats[] = {DateFormat::EpochMillis, DateFormat::EpochSecond};
+         options.column.dateFormat = Formats[value.asChoice({"epoch_millis", "epoch_second"})];
+     },
+     "epoch_millis or epoch_second: the field holds its dates as numbers"},
     {"search", AttributeRelationId, nullptr,
-     [](TableOptions &, const OptionValue &value) { value.asChoice({"keyword"}); },
+     [](AnyOptions &options, const OptionValue &value) {
+         constexpr int AfterNone = 1;
+         options.column.mapped = static_cast<MappedType>(
+             AfterNone +
+             value.asChoice({"keyword", "byte", "short", "integer", "long", "unsigned_long", "half_float",
+                             "float", "double", "scaled_float", "date", "boolean", "ip"}));
+     },
      "type of the field in the index's mapping, by which the search may look for its values"},
+    {"searchfield", AttributeRelationId, nullptr,
+     [](AnyOptions &options, const OptionValue &value) { options.column.searchField = value.asFieldName(); },
+     "path of the field that the search looks in, where it is another than the column shows"},
+    {"ignoreabove", AttributeRelationId, nullptr,
+     [](AnyOptions &options, const OptionValue &value) {
+         options.column.ignoreAbove = value.asNumber(0, INT32_MAX);
+     },
+     "the mapping's ignore_above: longer texts are not indexed"},
+    {"scalingfactor", AttributeRelationId, nullptr,
+     [](AnyOptions &options, const OptionValue &value) { options.column.scalingFactor = value.asPositive(); },
+     "the mapping's scaling_factor of a scaled_float"},
 };
 
 std::vector<OptionValue> valuesOf(List *definitions)
@@ -143,7 +172,7 @@ const Known *find(Oid catalog, const char *name)
 
 // Reads the presets of a catalog and then what is set. What DDL has let in is known; a later version's may
 // not be.
-void read(TableOptions &options, Oid catalog, List *definitions)
+void read(AnyOptions &options, Oid catalog, List *definitions)
 {
     for (const Known &known : AllOptions)
         if (known.catalog == catalog && known.preset)
@@ -193,6 +222,16 @@ void requireIndices(const TableOptions &options)
             .hinted("Name the index, or \"_all\" for all of them.");
 }
 
+void checkColumn(const ColumnOptions &options)
+{
+    if (options.mapped == MappedType::ScaledFloat && options.scalingFactor == 0)
+        throw FdwError(ERRCODE_FDW_OPTION_NAME_NOT_FOUND,
+                       "option \"search\" 'scaled_float' takes effect only with option \"scalingfactor\"");
+    if (options.mapped == MappedType::None && !options.searchField.empty())
+        throw FdwError(ERRCODE_FDW_OPTION_NAME_NOT_FOUND,
+                       "option \"searchfield\" takes effect only with option \"search\"");
+}
+
 void checkCredentials(const http::Settings &settings)
 {
     if (!settings.password.empty() && settings.userName.empty())
@@ -205,7 +244,7 @@ void checkCredentials(const http::Settings &settings)
 }
 
 // Reads what a table and its server say; returns the server.
-Oid readTable(TableOptions &options, Oid tableId)
+Oid readTable(AnyOptions &options, Oid tableId)
 {
     const ForeignTable *table = callServer([&] { return GetForeignTable(tableId); });
     const ForeignServer *server = callServer([&] { return GetForeignServer(table->serverid); });
@@ -220,14 +259,14 @@ Oid readTable(TableOptions &options, Oid tableId)
 
 TableOptions readTableOptions(Oid tableId)
 {
-    TableOptions options;
+    AnyOptions options;
     readTable(options, tableId);
     return options;
 }
 
 TableOptions readOptions(Oid tableId, Oid userId)
 {
-    TableOptions options;
+    AnyOptions options;
     // A search may take its time in silence; that its cluster is gone must be noticed all the same.
     options.cluster.settings.keepsAlive = true;
     const Oid serverId = readTable(options, tableId);
@@ -237,9 +276,17 @@ TableOptions readOptions(Oid tableId, Oid userId)
     return options;
 }
 
+ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute)
+{
+    AnyOptions options;
+    read(options, AttributeRelationId,
+         callServer([&] { return GetForeignColumnOptions(tableId, attribute); }));
+    return options.column;
+}
+
 void validateOptions(List *definitions, Oid catalog)
 {
-    TableOptions options;
+    AnyOptions options;
     for (const OptionValue &value : valuesOf(definitions)) {
         const Known *known = find(catalog, value.optionName());
         if (!known)
@@ -255,6 +302,8 @@ void validateOptions(List *definitions, Oid catalog)
         requireAddress(options);
     if (catalog == ForeignTableRelationId)
         requireIndices(options);
+    if (catalog == AttributeRelationId)
+        checkColumn(options.column);
     if (catalog == UserMappingRelationId)
         checkCredentials(options.cluster.settings);
 }

@@ -25,6 +25,38 @@ struct TableOptions {
     std::string scrollTimeout;
     PartialResults partialResults = PartialResults::Error;
     double estimatedRows = 0;
+    bool nullsBadValues = false; // a field's value that does not fit is NULL
+};
+
+// How a date is written in a source: in ISO 8601, or as a number of what went by since 1970.
+enum class DateFormat { Iso, EpochMillis, EpochSecond };
+
+// What the mapping of the indices makes of a field; None: the search is not asked for it.
+enum class MappedType {
+    None,
+    Keyword,
+    Byte,
+    Short,
+    Integer,
+    Long,
+    UnsignedLong,
+    HalfFloat,
+    Float,
+    Double,
+    ScaledFloat,
+    Date,
+    Boolean,
+    Ip
+};
+
+// The options of a column. Texts are in UTF-8.
+struct ColumnOptions {
+    std::string field; // path in the source; empty: the column's name
+    DateFormat dateFormat = DateFormat::Iso;
+    MappedType mapped = MappedType::None;
+    std::string searchField;              // path in the index; empty: that in the source
+    std::int32_t ignoreAbove = INT32_MAX; // UTF-16 units of a keyword that is still indexed
+    double scalingFactor = 0;
 };
 
 // Reads the options of a table and its server, but not of a user mapping: what planning needs. Throws
@@ -33,6 +65,9 @@ TableOptions readTableOptions(Oid tableId);
 
 // Reads all of them, those of the user's mapping or else of the public one included.
 TableOptions readOptions(Oid tableId, Oid userId);
+
+// Reads those of a column.
+ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute);
 
 // Checks the options of an object as DDL hands them over: names, values, and that what is required is there.
 // Throws FdwError.
