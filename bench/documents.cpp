@@ -6,6 +6,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
 
 namespace veltrane::bench
 {
@@ -19,10 +20,15 @@ struct KindEntry {
     std::size_t bytes;
 };
 
-constexpr std::array<KindEntry, 4> Kinds = {{{DocumentKind::Small, "300B", 300},
+constexpr std::array<KindEntry, 5> Kinds = {{{DocumentKind::Small, "300B", 300},
                                              {DocumentKind::Medium, "2KB", 2000},
                                              {DocumentKind::Large, "20KB", 20000},
-                                             {DocumentKind::Dense, "dense", 2000}}};
+                                             {DocumentKind::Dense, "dense", 2000},
+                                             {DocumentKind::Fields, "fields", 2000}}};
+
+// By which the seeds of the kinds are apart. Whatever its value, documents must stay what they are when a
+// kind is added.
+constexpr std::uint64_t SeedDistance = 4;
 
 const KindEntry &entryOf(DocumentKind kind) { return Kinds[static_cast<std::size_t>(kind)]; }
 
@@ -187,7 +193,91 @@ std::string makeDevice(Generator &generator, std::uint64_t number, std::size_t s
     return source += '}';
 }
 
+// Appends the inside of a JSON string of about so many bytes.
+void appendText(std::string &source, Generator &generator, std::size_t size)
+{
+    appendSentences(source, generator, source.size() + size);
+}
+
+// A day and a time, without quotes.
+void appendTime(std::string &source, Generator &generator)
+{
+    source.append("20");
+    appendDigits(source, generator.below(25), 2);
+    for (const auto &[separator, least, count] :
+         {std::tuple("-", 1, 12), std::tuple("-", 1, 28), std::tuple("T", 0, 24), std::tuple(":", 0, 60)}) {
+        source.append(separator);
+        appendDigits(source, static_cast<std::uint64_t>(least) + generator.below(count), 2);
+    }
+    source.append(":00Z");
+}
+
+// What a document says of a book's price and place.
+void appendTrade(std::string &source, Generator &generator)
+{
+    source.append(R"(,"price":)");
+    appendDecimal(source, 100 + generator.below(90000));
+    source.append(R"(,"currency":"EUR","stock":{)");
+    for (const std::string_view town : Towns) {
+        source.append("\"").append(town).append("\":");
+        source.append(std::to_string(generator.below(400))).append(",");
+    }
+    source.back() = '}';
+    source.append(R"(,"successor":null,"tags":[)");
+    for (std::uint64_t count = 1 + generator.below(5); count > 0; --count)
+        source.append("\"").append(generator.choose(Labels)).append("\",");
+    source.back() = ']';
+    source.append(R"(,"dimensions":[)").append(std::to_string(90 + generator.below(200))).append(",");
+    source.append(std::to_string(60 + generator.below(150))).append(",");
+    source.append(std::to_string(5 + generator.below(60))).append(R"(],"location":{"lat":)");
+    appendDecimal(source, generator.below(9000));
+    source.append(R"(,"lon":-)");
+    appendDecimal(source, generator.below(18000));
+    source.append("}");
+}
+
+std::string makeRecord(Generator &generator, std::uint64_t number, std::size_t size)
+{
+    std::string source = R"({"sku":"KX-)";
+    appendDigits(source, number, 6);
+    source.append(R"(","title":")");
+    appendText(source, generator, 20 + generator.below(40));
+    source.append(R"(","language":"en","author":{"born":)")
+        .append(std::to_string(1800 + generator.below(190)));
+    source.append(R"(,"name":")").append(1, static_cast<char>('A' + generator.below(26))).append(". ");
+    source.append(generator.choose(Surnames)).append(R"("},"genre":")").append(generator.choose(Genres));
+    source.append(R"(","year":)").append(std::to_string(1800 + generator.below(220)));
+    source.append(R"(,"pages":)").append(std::to_string(30 + generator.below(1200)));
+    source.append(R"(,"isbn":"978-)");
+    appendDigits(source, generator.below(10000000000), 10);
+    source.append(R"(","publisher":")").append(generator.choose(Surnames)).append(" & ");
+    source.append(generator.choose(Surnames)).append(R"(","summary":")");
+    appendText(source, generator, 200 + generator.below(100));
+    source.append("\"");
+    appendTrade(source, generator);
+    source.append(R"(,"weight":)").append(std::to_string(generator.below(3000)));
+    source.append(R"(,"rating":)");
+    appendDecimal(source, generator.below(500));
+    source.append(R"(,"reviews":)").append(std::to_string(generator.below(20000)));
+    source.append(R"(,"active":)").append(generator.oneIn(5) ? "false" : "true").append(R"(,"created":")");
+    appendTime(source, generator);
+    source.append(R"(","updated":")");
+    appendTime(source, generator);
+    source.append(R"(","shelf":")").append(generator.choose(Towns)).append("-");
+    source.append(std::to_string(generator.below(90))).append(R"(","description":")");
+    constexpr std::size_t Closing = 2, HalfAWord = 3;
+    appendSentences(source, generator, size - Closing - HalfAWord);
+    return source += R"("})";
+}
+
 } // namespace
+
+const std::vector<std::string> &tenFields()
+{
+    static const std::vector<std::string> paths = {"sku",   "title", "author.name", "year",    "publisher",
+                                                   "price", "tags",  "active",      "created", "shelf"};
+    return paths;
+}
 
 const char *nameOf(DocumentKind kind) { return entryOf(kind).name; }
 
@@ -208,9 +298,16 @@ std::string makeId(std::uint64_t number)
 
 std::string makeSource(DocumentKind kind, std::uint64_t number)
 {
-    Generator generator(number * std::size(Kinds) + static_cast<std::uint64_t>(kind));
+    Generator generator(number * SeedDistance + static_cast<std::uint64_t>(kind));
     const std::size_t size = entryOf(kind).bytes;
-    return kind == DocumentKind::Dense ? makeDevice(generator, number, size) : makeText(generator, size);
+    switch (kind) {
+    case DocumentKind::Dense:
+        return makeDevice(generator, number, size);
+    case DocumentKind::Fields:
+        return makeRecord(generator, number, size);
+    default:
+        return makeText(generator, size);
+    }
 }
 
 std::string makeResponse(DocumentKind kind, std::uint64_t first, std::uint64_t count, std::uint64_t total,

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace veltrane::bench
 {
@@ -13,9 +14,10 @@ enum class DocumentKind {
     Medium, // 2 KB, mostly text
     Large,  // 20 KB, mostly text
     Dense,  // 2 KB of numbers, short strings and nesting
+    Fields, // 2 KB in 24 members of many types
 };
 
-// The name of a kind in tables and index names: "300B", "2KB", "20KB", "dense".
+// The name of a kind in tables and index names: "300B", "2KB", "20KB", "dense", "fields".
 const char *nameOf(DocumentKind kind);
 // The kind of that name. Throws std::invalid_argument for any other.
 DocumentKind kindNamed(const std::string &name);
@@ -24,6 +26,9 @@ DocumentKind kindNamed(const std::string &name);
 std::string makeId(std::uint64_t number);
 // The `_source` object of the document of that number.
 std::string makeSource(DocumentKind kind, std::uint64_t number);
+
+// Ten paths of fields that each document of the kind Fields has, in its order.
+const std::vector<std::string> &tenFields();
 
 // One response as a search server gives it: the hits `first` to `first + count - 1` of a search that matches
 // `total` documents, in the layout and with the members of an Elasticsearch 7 response. `scrollId` may be

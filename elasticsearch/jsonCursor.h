@@ -5,6 +5,7 @@
 #include "elasticsearch/jsonStructure.h"
 
 #include <cstddef>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -47,10 +48,17 @@ public:
 
     // Takes what leads to the next member of an object whose brace was taken: a comma, unless it is the
     // first, the name and the colon. Takes the closing brace and returns false when there is none. The name
-    // is decoded, unless it cannot be; it is good until this is called again.
+    // is that of name().
     bool nextMember(bool isFirst, std::string_view &name);
     // The same for the elements of an array.
-    bool nextElement(bool isFirst);
+    bool nextElement(bool isFirst) { return nextIn(']', isFirst); }
+
+    // The parts of it: what leads to the next member's name, and the name. It is decoded, unless it cannot
+    // be, and good until the next one is asked for.
+    bool nextName(bool isFirst) { return nextIn('}', isFirst); }
+    std::string_view name();
+    // Takes the bytes, if it is they that come next.
+    bool takeIfNext(std::string_view bytes);
 
     // A string; returns what stands between the quotes, whose escapes are valid but not decoded.
     std::string_view string();
@@ -61,12 +69,17 @@ public:
     // An object or array, as it stands. Of what is inside only strings and the balance of the brackets are
     // looked at.
     std::string_view container();
+    // Any value, as it stands. Of a string only the end is looked for, a container is one of container().
+    std::string_view passOver();
+    // What was read from that position on.
+    std::string_view from(std::size_t begin) const { return {text.data() + begin, at - begin}; }
 
 private:
-    std::string_view from(std::size_t begin) const { return {text.data() + begin, at - begin}; }
     void skipBlanks();
     void skipDigits();
+    bool nextIn(char closing, bool isFirst);
     bool takeMember(bool isFirst, std::string_view &name);
+    std::size_t closingQuote(std::size_t begin) const;
     void checkString(std::size_t begin, std::size_t end);
     void decodeName(std::string_view &name);
     void skipNumber();
@@ -112,14 +125,21 @@ inline void JsonCursor::take(char byte)
     ++at;
 }
 
-inline bool JsonCursor::takeMember(bool isFirst, std::string_view &name)
+inline bool JsonCursor::nextIn(char closing, bool isFirst)
 {
-    if (peek() == '}') {
+    if (peek() == closing) {
         ++at;
         return false;
     }
     if (!isFirst)
         take(',');
+    return true;
+}
+
+inline bool JsonCursor::takeMember(bool isFirst, std::string_view &name)
+{
+    if (!nextName(isFirst))
+        return false;
     name = string();
     take(':');
     return true;
@@ -134,27 +154,51 @@ inline bool JsonCursor::nextMember(bool isFirst, std::string_view &name)
     return true;
 }
 
-inline bool JsonCursor::nextElement(bool isFirst)
+inline std::string_view JsonCursor::name()
 {
-    if (peek() == ']') {
-        ++at;
+    std::string_view name = string();
+    if (hasEscapes)
+        decodeName(name);
+    return name;
+}
+
+inline bool JsonCursor::takeIfNext(std::string_view bytes)
+{
+    skipBlanks();
+    if (text.size() - at < bytes.size() || std::memcmp(text.data() + at, bytes.data(), bytes.size()) != 0)
         return false;
-    }
-    if (!isFirst)
-        take(',');
+    at += bytes.size();
     return true;
+}
+
+inline std::size_t JsonCursor::closingQuote(std::size_t begin) const
+{
+    const std::size_t end = structure->nextClosingQuote(begin);
+    if (end == JsonStructure::NoPosition)
+        throw JsonNeedsMore();
+    return end;
 }
 
 inline std::string_view JsonCursor::string()
 {
     take('"');
     const std::size_t begin = at;
-    const std::size_t end = structure->nextClosingQuote(begin);
-    if (end == JsonStructure::NoPosition)
-        throw JsonNeedsMore();
+    const std::size_t end = closingQuote(begin);
     checkString(begin, end);
     at = end + 1;
     return {text.data() + begin, end - begin};
+}
+
+inline std::string_view JsonCursor::passOver()
+{
+    const char first = peek();
+    const std::size_t begin = at;
+    if (first == '{' || first == '[')
+        return container();
+    if (first != '"')
+        return scalar();
+    at = closingQuote(begin + 1) + 1;
+    return from(begin);
 }
 
 } // namespace zq::elasticsearch

@@ -45,7 +45,6 @@ struct KnownMember {
 
 constexpr KnownMember HitStrings[] = {{"_index", HitMember::Index}, {"_id", HitMember::Id}};
 constexpr KnownMember HitContainers[] = {
-    {"_source", HitMember::Source},
     {"highlight", HitMember::Highlight},
     {"sort", HitMember::Sort},
     {"fields", HitMember::Fields},
@@ -76,10 +75,17 @@ void SearchResponseReader::clear()
     place = Place::Start;
     isFirst = true;
     hasHits = false;
-    hits.clear();
+    forgetHits();
     found = {};
     errorSpan = shardsSpan = aggregationsSpan = {};
     problemText.clear();
+}
+
+void SearchResponseReader::forgetHits()
+{
+    hits.clear();
+    fields.clear();
+    fieldEnds.clear();
 }
 
 bool SearchResponseReader::read(const char *data, std::size_t length)
@@ -175,7 +181,7 @@ void SearchResponseReader::readResponseMember(JsonCursor &cursor)
     }
     if (name == "hits") {
         cursor.take('{');
-        hits.clear();
+        forgetHits();
         hasHits = found.hasTotal = found.totalIsLowerBound = false;
         found.total = 0;
         enter(Place::Hits);
@@ -208,7 +214,7 @@ void SearchResponseReader::readHitsMember(JsonCursor &cursor)
     }
     if (name == "hits") {
         cursor.take('[');
-        hits.clear();
+        forgetHits();
         enter(Place::HitArray);
         return;
     }
@@ -302,6 +308,8 @@ void SearchResponseReader::readHit(JsonCursor &cursor)
             hit[static_cast<std::size_t>(known->member)] = spanOf(cursor.string());
         else if (name == "_score")
             keep(HitMember::Score, cursor.scalar());
+        else if (name == "_source")
+            keep(HitMember::Source, readSource(cursor));
         else if (const KnownMember *container = find(HitContainers, name))
             keep(container->member, cursor.peek() == 'n' ? cursor.scalar() : cursor.container());
         else
@@ -310,7 +318,23 @@ void SearchResponseReader::readHit(JsonCursor &cursor)
     if (hit[static_cast<std::size_t>(HitMember::Id)].length == 0)
         throw JsonError("hit without an _id", begin);
     hits.push_back(hit);
+    if (!finder.looksForNothing())
+        fieldEnds.push_back(fields.size());
     isFirst = false;
+}
+
+// What was found before in this hit does not count: it was of another `_source`, or the hit was cut off.
+std::string_view SearchResponseReader::readSource(JsonCursor &cursor)
+{
+    fields.resize(fieldEnds.empty() ? 0 : fieldEnds.back());
+    const char first = cursor.peek();
+    if (first == 'n')
+        return cursor.scalar();
+    if (first != '{' || finder.looksForNothing())
+        return cursor.container();
+    const std::size_t begin = cursor.position();
+    finder.read(cursor, fields);
+    return cursor.from(begin);
 }
 
 } // namespace zq::elasticsearch

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "elasticsearch/byteBuffer.h"
+#include "elasticsearch/fieldFinder.h"
 #include "elasticsearch/jsonCursor.h"
 
 #include <array>
@@ -36,11 +37,18 @@ struct ResponseSummary {
 // The members of a hit that are kept.
 enum class HitMember { Index, Id, Score, Source, Highlight, Sort, Fields, InnerHits, Explanation, Count };
 
+// A value of a field that was looked for, as it stands in the response, strings with their quotes.
+struct FieldValue {
+    std::uint32_t path;
+    std::string_view value;
+};
+
 // Reads one response after the other, each while it arrives. A member of an object counts where it stands,
 // names are told from values, however they are escaped, and of two members of one name the last counts.
 // Outside of the containers
 // `_source`, `highlight` and those of the same rank in a hit the grammar of JSON is held to all through;
-// inside of them strings and the balance of the brackets. Only allocation failures are thrown.
+// inside of them strings and the balance of the brackets, and in a `_source` what FieldFinder tells. Only
+// allocation failures are thrown.
 class SearchResponseReader
 {
 public:
@@ -48,6 +56,10 @@ public:
     // at the end of what is there by an exception.
     explicit SearchResponseReader(const BlockScanner &scanner = blockScanners().front(),
                                   std::size_t stride = std::size_t{512} << 10);
+
+    // What is looked for in the `_source` of each hit from now on: fields by their paths, as FieldFinder
+    // finds them. To be called before there is anything of a response.
+    void lookFor(const std::vector<std::string> &paths) { finder = FieldFinder(paths); }
 
     // Starts over with another response; the memory serves again.
     void clear();
@@ -75,8 +87,23 @@ public:
     {
         return viewOf(hits[hit][static_cast<std::size_t>(member)]);
     }
+    // The values of the hit's fields that were looked for, in the order of its `_source`: how many were
+    // found, and each, with the number of its path.
+    std::size_t fieldCount(std::size_t hit) const
+    {
+        return finder.looksForNothing() ? 0 : fieldEnds[hit] - firstField(hit);
+    }
+    FieldValue field(std::size_t hit, std::size_t i) const
+    {
+        const FoundField &field = fields[firstField(hit) + i];
+        return {field.path, viewOf({field.begin, field.length})};
+    }
     // The bytes held.
-    std::size_t heldBytes() const { return buffer.size() + hits.size() * sizeof(Hit); }
+    std::size_t heldBytes() const
+    {
+        return buffer.size() + hits.size() * sizeof(Hit) + fields.size() * sizeof(FoundField) +
+               fieldEnds.size() * sizeof(std::size_t);
+    }
 
 private:
     // A part of the text, which is bounded by 4 GiB; of length 0 when there is none.
@@ -91,11 +118,14 @@ private:
 
     std::string_view viewOf(Span span) const { return text().substr(span.begin, span.length); }
     Span spanOf(std::string_view view) const;
+    std::size_t firstField(std::size_t hit) const { return hit == 0 ? 0 : fieldEnds[hit - 1]; }
     void advance();
     void readStep(JsonCursor &cursor);
     void readResponseMember(JsonCursor &cursor);
     void readHitsMember(JsonCursor &cursor);
     void readHit(JsonCursor &cursor);
+    std::string_view readSource(JsonCursor &cursor);
+    void forgetHits();
     void readTotal(JsonCursor &cursor);
     void readShards(JsonCursor &cursor);
     void readClusters(JsonCursor &cursor);
@@ -110,6 +140,9 @@ private:
     bool isFirst = true;  // of the members or elements at that place
     bool hasHits = false; // their list came to its end
     std::vector<Hit> hits;
+    FieldFinder finder;
+    std::vector<FoundField> fields;     // of all hits, and perhaps of a part of the next
+    std::vector<std::size_t> fieldEnds; // where those of each hit end; empty when nothing is looked for
     ResponseSummary found;
     Span errorSpan;
     Span shardsSpan;

@@ -2,6 +2,7 @@
 #include "server/errorBoundary.h"
 
 #include "extension/columns.h"
+#include "server/encoding.h"
 
 #include <algorithm>
 #include <cstring>
@@ -15,6 +16,9 @@ using server::FdwError;
 
 namespace
 {
+
+// The field that the column doctype shows.
+constexpr const char *TypeField = "type";
 
 struct KnownColumn {
     const char *name;
@@ -44,17 +48,32 @@ const KnownColumn *find(const char *name)
 Column readColumn(Form_pg_attribute attribute)
 {
     const char *name = NameStr(attribute->attname);
-    const KnownColumn *known = find(name);
-    if (!known)
-        throw FdwError(ERRCODE_FDW_INVALID_COLUMN_NAME,
-                       std::string("column \"") + name + "\" is none of a search")
-            .hinted("The columns are docname, docindex, score, doctype, doccontent, highlights and param.");
+    const ColumnOptions options = readColumnOptions(attribute->attrelid, attribute->attnum);
     const Oid baseType = callServer([&] { return getBaseType(attribute->atttypid); });
+    Column column = {attribute->attnum,
+                     roleOf(name, options.field),
+                     attribute->atttypid,
+                     baseType,
+                     attribute->attnotnull,
+                     name,
+                     options,
+                     options.field,
+                     {}};
+    if (column.role == Role::Field) {
+        column.field = readFieldType(attribute);
+        if (column.path.empty())
+            column.path = callServer([&] { return server::serverToUtf8(name); });
+        return column;
+    }
+    if (column.role == Role::DocType)
+        column.path = TypeField;
+    const KnownColumn *known = find(name);
     if (std::find(std::begin(known->oids), std::end(known->oids), baseType) == std::end(known->oids))
         throw FdwError(ERRCODE_FDW_INVALID_DATA_TYPE,
                        std::string("column \"") + name + "\" should be of type " + known->types)
-            .hinted("ALTER FOREIGN TABLE changes the type of a column.");
-    return {attribute->attnum, known->role, attribute->atttypid, baseType, attribute->attnotnull, name};
+            .hinted("ALTER FOREIGN TABLE changes the type of a column. A column for a field of that name has "
+                    "another name and the option \"field\".");
+    return column;
 }
 
 bool isMember(int attribute, const Bitmapset *attributes)
@@ -64,12 +83,10 @@ bool isMember(int attribute, const Bitmapset *attributes)
 
 } // namespace
 
-bool findRole(const char *name, Role &role)
+Role roleOf(const char *name, const std::string &field)
 {
     const KnownColumn *known = find(name);
-    if (known)
-        role = known->role;
-    return known != nullptr;
+    return known && field.empty() ? known->role : Role::Field;
 }
 
 std::vector<Column> readColumns(tupleDesc *descriptor, const Bitmapset *attributes)

@@ -30,6 +30,14 @@ TextList evaluate(ExprState *state, ExprContext *context, bool isArray)
     return isNull ? TextList{nullptr, 0} : textsOf(value, isArray);
 }
 
+// [server side] The value of an expression for a comparison with a column of the type.
+SearchValues searchValues(ExprState *state, ExprContext *context, Oid columnType)
+{
+    bool isNull = false;
+    const Datum value = ExecEvalExpr(state, context, &isNull);
+    return searchValuesOf(value, isNull, exprType(reinterpret_cast<Node *>(state->expr)), columnType);
+}
+
 // Takes each value once, in order.
 std::vector<std::string> withoutRepetitions(std::vector<std::string> values)
 {
@@ -38,12 +46,6 @@ std::vector<std::string> withoutRepetitions(std::vector<std::string> values)
                                     [&](const std::string &value) { return !seen.insert(value).second; });
     values.erase(end, values.end());
     return values;
-}
-
-// What no document can be called finds nothing.
-bool canBeId(const std::string &id)
-{
-    return !id.empty() && id.size() <= LongestId && zq::elasticsearch::isValidUtf8(id);
 }
 
 // The ids that are in both.
@@ -61,21 +63,30 @@ void intersect(std::optional<std::vector<std::string>> &ids, std::vector<std::st
 
 } // namespace
 
+bool canBeId(const std::string &id)
+{
+    return !id.empty() && id.size() <= LongestId && zq::elasticsearch::isValidUtf8(id);
+}
+
 void addCondition(ConditionValues &values, Role role, std::vector<std::string> texts)
 {
-    if (role != Role::Param) {
-        const auto end = std::remove_if(texts.begin(), texts.end(), [&](const std::string &text) {
-            return role == Role::DocName ? !canBeId(text) : !zq::elasticsearch::isValidUtf8(text);
-        });
-        texts.erase(end, texts.end());
-        texts = withoutRepetitions(std::move(texts));
-    }
-    if (role == Role::DocName)
-        intersect(values.ids, std::move(texts));
-    else if (role == Role::Param)
+    if (role == Role::Param) {
         values.params = std::move(texts);
-    else
-        values.docTypes.push_back(std::move(texts));
+        return;
+    }
+    // What no document can be called finds nothing.
+    const auto end =
+        std::remove_if(texts.begin(), texts.end(), [](const std::string &text) { return !canBeId(text); });
+    texts.erase(end, texts.end());
+    intersect(values.ids, withoutRepetitions(std::move(texts)));
+}
+
+void addFilter(ConditionValues &values, const Filter &filter)
+{
+    if (filter.reach == Filter::Reach::Nothing)
+        values.findsNothing = true;
+    else if (filter.reach == Filter::Reach::Some)
+        values.filters.push_back(filter.json);
 }
 
 TextList textsOf(Datum value, bool isArray)
@@ -98,26 +109,38 @@ TextList textsOf(Datum value, bool isArray)
     return {texts, kept};
 }
 
-ConditionValues evaluateConditions(List *conditions, List *expressions, ExprContext *context)
+ConditionValues evaluateConditions(List *conditions, List *expressions, ExprContext *context,
+                                   const std::vector<Column> &columns)
 {
     server::MemoryContextScope scope(context->ecxt_per_tuple_memory);
     ConditionValues values;
-    int expression = 0;
+    int next = 0;
+    const auto takeExpression = [&] { return static_cast<ExprState *>(list_nth(expressions, next++)); };
     ListCell *cell;
     foreach (cell, conditions) {
-        auto *numbers = static_cast<List *>(lfirst(cell));
+        const Condition condition = unpackCondition(static_cast<List *>(lfirst(cell)));
+        if (condition.role == Role::Field) {
+            addFilter(values,
+                      filterOfTree(condition.tree, columns, [&](const Column &column, Comparator comparator) {
+                          ExprState *state = takeExpression();
+                          const SearchValues found =
+                              callServer([&] { return searchValues(state, context, column.type); });
+                          return fieldFilter(column, comparator, found);
+                      }));
+            continue;
+        }
         std::vector<std::string> texts;
-        for (int i = 1; i < list_length(numbers); ++i) {
-            auto *state = static_cast<ExprState *>(list_nth(expressions, expression++));
-            const bool isArray = list_nth_int(numbers, i) != 0;
-            const TextList found = callServer([&] { return evaluate(state, context, isArray); });
+        ListCell *isArray;
+        foreach (isArray, condition.arrays) {
+            ExprState *state = takeExpression();
+            const TextList found =
+                callServer([&] { return evaluate(state, context, lfirst_int(isArray) != 0); });
             texts.insert(texts.end(), found.begin(), found.end());
         }
-        addCondition(values, static_cast<Role>(linitial_int(numbers)), std::move(texts));
+        addCondition(values, condition.role, std::move(texts));
     }
-    values.findsNothing = (values.ids && values.ids->empty()) || (values.params && values.params->empty()) ||
-                          std::any_of(values.docTypes.begin(), values.docTypes.end(),
-                                      [](const auto &types) { return types.empty(); });
+    values.findsNothing = values.findsNothing || (values.ids && values.ids->empty()) ||
+                          (values.params && values.params->empty());
     return values;
 }
 

@@ -1,6 +1,7 @@
 // Which conditions the search carries out. All of this is on the server's side of the error boundary.
 #include "extension/conditions.h"
-#include "extension/options.h"
+#include "extension/fieldConditions.h"
+#include "extension/scannedColumn.h"
 
 namespace qm::extension
 {
@@ -9,58 +10,14 @@ namespace
 
 constexpr Oid TextEqualOperator = 98;
 
-// Types that are compared as text: a relabelling between them changes nothing.
-Node *withoutRelabelling(Node *expression)
-{
-    while (IsA(expression, RelabelType)) {
-        auto *relabel = reinterpret_cast<RelabelType *>(expression);
-        const Oid inner = exprType(reinterpret_cast<Node *>(relabel->arg));
-        if (relabel->resulttype != TEXTOID && relabel->resulttype != VARCHAROID)
-            return expression;
-        if (inner != TEXTOID && inner != VARCHAROID)
-            return expression;
-        expression = reinterpret_cast<Node *>(relabel->arg);
-    }
-    return expression;
-}
-
-// The role of the relation's column that the expression is; false when it is none.
+// The column of a role other than Field that the expression is.
 bool isColumn(const ScannedRelation &scanned, Node *expression, Role &role)
 {
-    expression = withoutRelabelling(expression);
-    if (!IsA(expression, Var))
+    const Var *column = columnIn(scanned, expression);
+    if (!column)
         return false;
-    const auto *var = reinterpret_cast<Var *>(expression);
-    if (var->varlevelsup != 0 || static_cast<Index>(var->varno) != scanned.relation->relid ||
-        var->varattno <= 0)
-        return false;
-    return findRole(get_attname(scanned.tableId, var->varattno, false), role);
-}
-
-bool isKeyword(Oid tableId)
-{
-    const AttrNumber attribute = get_attnum(tableId, "doctype");
-    ListCell *cell;
-    foreach (cell, GetForeignColumnOptions(tableId, attribute)) {
-        auto *option = static_cast<DefElem *>(lfirst(cell));
-        if (strcmp(option->defname, "search") == 0)
-            return strcmp(defGetString(option), "keyword") == 0;
-    }
-    return false;
-}
-
-bool isKnownToTheSearch(const ScannedRelation &scanned, Role role)
-{
-    return role == Role::DocName || role == Role::Param ||
-           (role == Role::DocType && isKeyword(scanned.tableId));
-}
-
-// Whether the expression has the same value for all rows of the relation.
-bool isFixed(const ScannedRelation &scanned, Node *expression)
-{
-    return !bms_is_member(static_cast<int>(scanned.relation->relid),
-                          server::pullVarnos(scanned.root, expression)) &&
-           !contain_volatile_functions(expression) && !contain_subplans(expression);
+    role = plannedColumn(scanned, column).role;
+    return role == Role::DocName || role == Role::Param;
 }
 
 bool comparesAsText(Oid operatorId, Oid collation)
@@ -136,14 +93,14 @@ bool collect(const ScannedRelation &scanned, Node *clause, Condition &condition)
 bool readCondition(const ScannedRelation &scanned, Expr *clause, Condition &condition)
 {
     condition = {};
-    return collect(scanned, reinterpret_cast<Node *>(clause), condition) &&
-           isKnownToTheSearch(scanned, condition.role);
+    auto *node = reinterpret_cast<Node *>(clause);
+    return collect(scanned, node, condition) || readFieldCondition(scanned, node, condition);
 }
 
 bool isSteering(const ScannedRelation &scanned, Node *expression)
 {
-    Role role;
-    return isColumn(scanned, expression, role) && isKnownToTheSearch(scanned, role);
+    const Var *column = columnIn(scanned, expression);
+    return column && (plannedColumn(scanned, column).role == Role::Param || isSearched(scanned, column));
 }
 
 bool requiresParam(const ScannedRelation &scanned, Node *clause)

@@ -16,14 +16,6 @@ using server::guardEntry;
 namespace
 {
 
-// The values of one condition: known ones, in UTF-8, and how the server writes those that are known when the
-// scan starts only.
-struct ShownValues {
-    Role role;
-    std::vector<std::string> constants;
-    std::string expressions;
-};
-
 // [server side] How the server writes an expression of the plan, in UTF-8.
 const char *deparsed(ForeignScanState *node, ExplainState *state, Node *expression)
 {
@@ -45,30 +37,82 @@ bool isConstantArray(const Node *expression)
            reinterpret_cast<const Const *>(expression)->consttype == TEXTARRAYOID;
 }
 
-std::vector<ShownValues> shownValues(ForeignScanState *node, ExplainState *state, const PlanData &plan)
+// What is known of the conditions without a scan: values where they are constants, and how the server writes
+// the expressions where they are known when the scan starts only.
+class ShownConditions
 {
-    List *expressions = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_exprs;
-    std::vector<ShownValues> conditions;
-    int next = 0;
-    ListCell *cell;
-    foreach (cell, plan.conditions) {
-        auto *numbers = static_cast<List *>(lfirst(cell));
-        ShownValues shown{static_cast<Role>(linitial_int(numbers)), {}, {}};
-        for (int i = 1; i < list_length(numbers); ++i) {
-            auto *expression = static_cast<Node *>(list_nth(expressions, next++));
-            if (isConstantText(expression) || isConstantArray(expression)) {
-                const Datum value = reinterpret_cast<Const *>(expression)->constvalue;
-                const TextList texts =
-                    callServer([&] { return textsOf(value, isConstantArray(expression)); });
-                shown.constants.insert(shown.constants.end(), texts.begin(), texts.end());
-            } else {
-                const char *text = callServer([&] { return deparsed(node, state, expression); });
-                shown.expressions += (shown.expressions.empty() ? "" : ", ") + std::string(text);
-            }
-        }
-        conditions.push_back(std::move(shown));
+public:
+    ShownConditions(ForeignScanState *node, ExplainState *state, std::vector<Column> columns)
+        : node(node), state(state), columns(std::move(columns)),
+          expressions(reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_exprs)
+    {
     }
-    return conditions;
+
+    void add(const Condition &condition);
+
+    ConditionValues values;
+    std::string unknownQuery;
+    bool hasUnknownIds = false;
+
+private:
+    Node *takeExpression() { return static_cast<Node *>(list_nth(expressions, next++)); }
+    std::string unknown(Node *expression)
+    {
+        return "<" + std::string(callServer([&] { return deparsed(node, state, expression); })) + ">";
+    }
+    Filter fieldFilterOf(const Column &column, Comparator comparator);
+    void addTexts(const Condition &condition);
+
+    ForeignScanState *const node;
+    ExplainState *const state;
+    const std::vector<Column> columns;
+    List *const expressions;
+    int next = 0;
+};
+
+Filter ShownConditions::fieldFilterOf(const Column &column, Comparator comparator)
+{
+    Node *expression = takeExpression();
+    if (!IsA(expression, Const))
+        return unknownFilter(column, comparator, unknown(expression));
+    const auto *constant = reinterpret_cast<const Const *>(expression);
+    const SearchValues found = callServer([&] {
+        return searchValuesOf(constant->constvalue, constant->constisnull, constant->consttype, column.type);
+    });
+    return fieldFilter(column, comparator, found);
+}
+
+void ShownConditions::addTexts(const Condition &condition)
+{
+    std::vector<std::string> constants;
+    std::string unknowns;
+    for (int i = 0; i < list_length(condition.arrays); ++i) {
+        Node *expression = takeExpression();
+        if (isConstantText(expression) || isConstantArray(expression)) {
+            const Datum value = reinterpret_cast<Const *>(expression)->constvalue;
+            const TextList texts = callServer([&] { return textsOf(value, isConstantArray(expression)); });
+            constants.insert(constants.end(), texts.begin(), texts.end());
+        } else {
+            unknowns += (unknowns.empty() ? "" : ", ") + unknown(expression);
+        }
+    }
+    if (unknowns.empty()) {
+        addCondition(values, condition.role, constants);
+    } else if (condition.role == Role::Param) {
+        unknownQuery = unknowns;
+    } else {
+        hasUnknownIds = true;
+        values.filters.push_back(R"({"ids":{"values":[)" + unknowns + "]}}");
+    }
+}
+
+void ShownConditions::add(const Condition &condition)
+{
+    if (condition.role != Role::Field)
+        return addTexts(condition);
+    addFilter(values, filterOfTree(condition.tree, columns, [&](const Column &column, Comparator comparator) {
+                  return fieldFilterOf(column, comparator);
+              }));
 }
 
 // The request that the scan begins with as far as it is known, with expressions between angle brackets where
@@ -77,33 +121,19 @@ http::Request shownRequest(ForeignScanState *node, ExplainState *state, const Ta
 {
     const PlanData plan = callServer(
         [&] { return unpackPlanData(reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_private); });
-    ConditionValues values;
-    std::vector<std::string> filters;
-    std::string unknownQuery;
-    bool hasUnknownIds = false;
-    for (const ShownValues &shown : shownValues(node, state, plan)) {
-        const std::string unknown = "<" + shown.expressions + ">";
-        if (shown.expressions.empty()) {
-            addCondition(values, shown.role, shown.constants);
-        } else if (shown.role == Role::Param) {
-            unknownQuery = unknown;
-        } else if (shown.role == Role::DocName) {
-            hasUnknownIds = true;
-            filters.push_back(R"({"ids":{"values":[)" + unknown + "]}}");
-        } else {
-            filters.push_back(R"({"terms":{"type":[)" + unknown + "]}}");
-        }
-    }
-    const Parameters parameters = readParameters(values.params.value_or(std::vector<std::string>()));
-    tupleDesc *descriptor = RelationGetDescr(node->ss.ss_currentRelation);
     Bitmapset *attributes = callServer([&] { return attributeSetOf(plan); });
-    search::SearchRequest request =
-        requestOfScan(options, readColumns(descriptor, attributes), parameters, values);
-    if (!unknownQuery.empty())
-        request.query = unknownQuery;
-    request.filters.insert(request.filters.end(), filters.begin(), filters.end());
+    const std::vector<Column> columns =
+        readColumns(RelationGetDescr(node->ss.ss_currentRelation), attributes);
+    ShownConditions shown(node, state, columns);
+    ListCell *cell;
+    foreach (cell, plan.conditions)
+        shown.add(unpackCondition(static_cast<List *>(lfirst(cell))));
+    const Parameters parameters = readParameters(shown.values.params.value_or(std::vector<std::string>()));
+    search::SearchRequest request = requestOfScan(options, columns, parameters, shown.values);
+    if (!shown.unknownQuery.empty())
+        request.query = shown.unknownQuery;
     search::Paging paging = pagingOfScan(options, plan, parameters);
-    if (hasUnknownIds) {
+    if (shown.hasUnknownIds) {
         if (request.ids)
             request.filters.push_back(search::idFilter(*request.ids));
         request.ids.reset();

@@ -18,6 +18,8 @@ public:
     // `parent` must outlive this.
     HitRow(std::vector<Column> columns, MemoryContext parent);
 
+    // Values of fields that do not fit their columns are NULL, not an error.
+    void setNullsBadValues(bool isSet) { nullsBadValues = isSet; }
     const std::vector<Column> &columns() const { return wanted; }
 
     // What `param` shows; NULL when it is not set.
@@ -31,17 +33,24 @@ public:
     void make(const search::HitStream &hits, int attributes, Datum *values, bool *nulls);
 
 private:
-    RawValue rawValue(const search::HitStream &hits, const Column &column);
+    void readMember(const search::HitStream &hits, const Column &column, RawValue &target);
+    void readFields(const search::HitStream &hits);
+    void makeValues(const search::HitStream &hits, Datum *values, bool *nulls);
+    void dropBadValue(const search::HitStream &hits, std::size_t place, const std::string &reason);
 
-    const std::vector<Column> wanted;
+    std::vector<Column> wanted;
+    std::vector<std::size_t> fieldColumns; // the places among them of those that show a field
     const MemoryContext context;
+    bool nullsBadValues = false;
     Packing packing;
     std::string param;
     bool hasParam = false;
     std::string fixedScore;
-    std::vector<RawValue> raw;
+    std::vector<RawValue> raw;                        // one for each column
+    std::vector<std::vector<std::string_view>> found; // the values of each field as they stand
 
     // What the raw values refer to.
+    FieldReader fields;
     std::string id;
     std::string index;
     std::string docType;

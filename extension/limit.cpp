@@ -18,10 +18,8 @@ bool isScore(const ScannedRelation &scanned, const Node *expression)
     if (!IsA(expression, Var))
         return false;
     const auto *var = reinterpret_cast<const Var *>(expression);
-    Role role;
     return var->varlevelsup == 0 && static_cast<Index>(var->varno) == scanned.relation->relid &&
-           var->varattno > 0 && findRole(get_attname(scanned.tableId, var->varattno, false), role) &&
-           role == Role::Score;
+           var->varattno > 0 && scanned.columns[var->varattno - 1].role == Role::Score;
 }
 
 // Whether the search returns its hits in the order that the query wants: any, or by descending score alone. A

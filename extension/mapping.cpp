@@ -2,7 +2,7 @@
 #include "server/errorBoundary.h"
 
 #include "elasticsearch/jsonRead.h"
-#include "extension/fieldTypes.h"
+#include "extension/mappedTypes.h"
 #include "extension/mapping.h"
 
 #include <algorithm>

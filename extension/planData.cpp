@@ -37,6 +37,17 @@ PlanData unpackPlanData(List *packed)
             int64At(numbers, 3) != 0};
 }
 
+List *packCondition(const Condition &condition)
+{
+    return list_make3(list_make1_int(static_cast<int>(condition.role)), condition.arrays, condition.tree);
+}
+
+Condition unpackCondition(List *packed)
+{
+    return {static_cast<Role>(linitial_int(static_cast<List *>(linitial(packed)))), NIL,
+            static_cast<List *>(lsecond(packed)), static_cast<List *>(lthird(packed))};
+}
+
 Bitmapset *attributeSetOf(const PlanData &data)
 {
     Bitmapset *set = nullptr;

@@ -9,8 +9,7 @@ namespace qm::extension
 // What a scan has to know beside the values of its conditions, which are the plan's fdw_exprs.
 struct PlanData {
     List *attributes;    // integers: the attributes that the query uses, as pull_varattnos numbers them
-    List *conditions;    // of integers: the role, then for each value whether it is an array; values in the
-                         // order of fdw_exprs
+    List *conditions;    // packed ones; their values are the plan's fdw_exprs, in this order
     int64 limit;         // rows that are enough; -1: all are wanted
     bool limitIsByScore; // they are those of the highest scores
     int64 rowsHint;      // rows that the query is likely to read first; 0: all
@@ -20,6 +19,10 @@ struct PlanData {
 // [server side] To and from a list of nodes that can be copied.
 List *packPlanData(const PlanData &data);
 PlanData unpackPlanData(List *packed);
+
+// [server side] A condition without its values.
+List *packCondition(const Condition &condition);
+Condition unpackCondition(List *packed);
 
 // [server side] The attributes as a set, as pull_varattnos makes it.
 Bitmapset *attributeSetOf(const PlanData &data);

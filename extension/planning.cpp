@@ -6,6 +6,7 @@
 #include "extension/options.h"
 #include "extension/planData.h"
 #include "extension/planning.h"
+#include "server/memory.h"
 
 #include <cmath>
 
@@ -25,12 +26,18 @@ struct Estimates {
     double batchSize;
     double tuples;        // documents of the indices
     bool isJoinedByParam; // a join condition gives the parameters of the search
+    PlannedColumn *columns;
 };
 
 // How many documents a query finds, of all there are, as long as nobody knows better.
 constexpr double QuerySelectivity = 0.005;
 
 Estimates &estimatesOf(RelOptInfo *relation) { return *static_cast<Estimates *>(relation->fdw_private); }
+
+ScannedRelation scannedRelation(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
+{
+    return {root, relation, tableId, estimatesOf(relation).columns};
+}
 
 [[noreturn]] void refuseParam()
 {
@@ -66,7 +73,7 @@ double estimateRows(const ScannedRelation &scanned, List *clauses, double tuples
     foreach (cell, clauses) {
         auto *restriction = static_cast<RestrictInfo *>(lfirst(cell));
         Condition condition;
-        if (!readCondition(scanned, restriction->clause, condition) || condition.role == Role::DocType)
+        if (!readCondition(scanned, restriction->clause, condition) || condition.role == Role::Field)
             others = lappend(others, restriction);
         else if (condition.role == Role::DocName)
             ids = ids < 0 ? countValues(scanned.root, condition)
@@ -79,6 +86,25 @@ double estimateRows(const ScannedRelation &scanned, List *clauses, double tuples
     return clamp_row_est(rows * clauselist_selectivity(scanned.root, others, 0, JOIN_INNER, nullptr));
 }
 
+// One for each attribute, in the current memory context.
+PlannedColumn *planColumns(Oid tableId)
+{
+    PlannedColumn *columns = nullptr;
+    server::withTupleDesc(tableId, [&](tupleDesc *descriptor) {
+        const auto count = static_cast<Size>(descriptor->natts);
+        columns = callServer(
+            [&] { return static_cast<PlannedColumn *>(palloc0(count * sizeof(PlannedColumn) + 1)); });
+        for (int index = 0; index < descriptor->natts; ++index) {
+            const Form_pg_attribute attribute = TupleDescAttr(descriptor, index);
+            if (attribute->attisdropped)
+                continue;
+            const ColumnOptions options = readColumnOptions(tableId, attribute->attnum);
+            columns[index] = {roleOf(NameStr(attribute->attname), options.field), options.mapped};
+        }
+    });
+    return columns;
+}
+
 void estimateSize(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
 {
     Estimates &estimates = estimatesOf(relation);
@@ -86,7 +112,8 @@ void estimateSize(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
         estimates.tuples = relation->tuples;
     relation->tuples = estimates.tuples;
     set_baserel_size_estimates(root, relation);
-    relation->rows = estimateRows({root, relation, tableId}, relation->baserestrictinfo, estimates.tuples);
+    relation->rows =
+        estimateRows(scannedRelation(root, relation, tableId), relation->baserestrictinfo, estimates.tuples);
 }
 
 // ---- paths -----------------------------------------------------------------------------------------------
@@ -186,7 +213,7 @@ void addPath(PlannerInfo *root, RelOptInfo *relation, double rows, PathCost cost
 
 void addPaths(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
 {
-    const ScannedRelation scanned = {root, relation, tableId};
+    const ScannedRelation scanned = scannedRelation(root, relation, tableId);
     Estimates &estimates = estimatesOf(relation);
     List *joinClauses = steeringJoinClauses(scanned);
     estimates.isJoinedByParam = givesParam(scanned, joinClauses);
@@ -234,12 +261,11 @@ struct Sorted {
 
 void take(Sorted &sorted, const Condition &condition, Expr *clause)
 {
-    List *numbers = lcons_int(static_cast<int>(condition.role), list_copy(condition.arrays));
-    sorted.conditions = lappend(sorted.conditions, numbers);
+    sorted.conditions = lappend(sorted.conditions, packCondition(condition));
     sorted.expressions = list_concat(sorted.expressions, list_copy(condition.values));
     if (condition.role == Role::Param)
         ++sorted.paramConditions;
-    if (condition.role == Role::DocType) { // a superset
+    if (condition.role == Role::Field) { // a superset
         sorted.local = lappend(sorted.local, clause);
         sorted.isExact = false;
     } else {
@@ -318,12 +344,14 @@ void getForeignRelSize(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
 {
     guardEntry([&] {
         const TableOptions options = readTableOptions(tableId);
+        PlannedColumn *columns = planColumns(tableId);
         callServer([&] {
             auto *estimates = static_cast<Estimates *>(palloc0(sizeof(Estimates)));
             estimates->requestCost = options.requestCost;
             estimates->rowCost = options.rowCost;
             estimates->batchSize = options.batchSize;
             estimates->tuples = options.estimatedRows;
+            estimates->columns = columns;
             relation->fdw_private = estimates;
             estimateSize(root, relation, tableId);
         });
@@ -339,7 +367,7 @@ void getForeignPaths(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
 ForeignScan *getForeignPlan(PlannerInfo *root, RelOptInfo *relation, Oid tableId, ForeignPath *path,
                             List *targetList, List *scanClauses, Plan *)
 {
-    return makePlan({root, relation, tableId}, path, targetList, scanClauses);
+    return makePlan(scannedRelation(root, relation, tableId), path, targetList, scanClauses);
 }
 
 } // namespace qm::extension

@@ -10,29 +10,53 @@ namespace qm::extension
 namespace
 {
 
-// The field that the column doctype shows, and is searched by.
-constexpr const char *TypeField = "type";
-
 bool has(const std::vector<Column> &columns, Role role)
 {
     return std::any_of(
         columns.begin(), columns.end(), [&](const Column &column) { return column.role == role; });
 }
 
+std::vector<std::string> fieldsOf(const std::vector<Column> &columns)
+{
+    std::vector<std::string> paths;
+    for (const Column &column : columns)
+        if (column.role == Role::Field)
+            paths.push_back(column.path);
+    return paths;
+}
+
+// The paths in the source of what the columns show of it.
+std::vector<std::string> sourcePaths(const std::vector<Column> &columns)
+{
+    std::vector<std::string> paths;
+    for (const Column &column : columns)
+        if (!column.path.empty())
+            paths.push_back(column.path);
+    std::sort(paths.begin(), paths.end());
+    paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
+    return paths;
+}
+
+[[noreturn]] void refuseFilter(const char *column)
+{
+    throw server::FdwError(ERRCODE_FEATURE_NOT_SUPPORTED,
+                           std::string("source filters shape \"doccontent\" and would shape \"") + column +
+                               "\" too")
+        .hinted("Leave one of the two columns out, or take one of them from a look-up of its own.");
+}
+
 search::SourceChoice sourceOfScan(const std::vector<Column> &columns, const Parameters &parameters)
 {
-    search::SourceChoice source;
-    const bool isFiltered = !parameters.sourceIncludes.empty() || !parameters.sourceExcludes.empty();
     if (has(columns, Role::DocContent)) {
-        if (isFiltered && has(columns, Role::DocType))
-            throw server::FdwError(ERRCODE_FEATURE_NOT_SUPPORTED,
-                                   "source filters shape \"doccontent\" and would shape \"doctype\" too")
-                .hinted("Leave one of the two columns out, or take the type from a look-up of its own.");
-        source = {true, parameters.sourceIncludes, parameters.sourceExcludes};
-    } else if (has(columns, Role::DocType)) {
-        source = {true, {TypeField}, {}};
+        const bool isFiltered = !parameters.sourceIncludes.empty() || !parameters.sourceExcludes.empty();
+        const auto other = std::find_if(columns.begin(), columns.end(),
+                                        [](const Column &column) { return !column.path.empty(); });
+        if (isFiltered && other != columns.end())
+            refuseFilter(other->name);
+        return {true, parameters.sourceIncludes, parameters.sourceExcludes};
     }
-    return source;
+    const std::vector<std::string> paths = sourcePaths(columns);
+    return {!paths.empty(), paths, {}};
 }
 
 } // namespace
@@ -43,12 +67,12 @@ search::SearchRequest requestOfScan(const TableOptions &options, const std::vect
     search::SearchRequest request;
     request.indices = options.indices;
     request.query = parameters.query;
-    for (const std::vector<std::string> &types : values.docTypes)
-        request.filters.push_back(search::termsFilter(TypeField, types));
+    request.filters = values.filters;
     request.highlight = has(columns, Role::Highlights) ? parameters.highlight : "";
     request.sort = parameters.sort;
     request.minScore = parameters.minScore;
     request.source = sourceOfScan(columns, parameters);
+    request.fields = fieldsOf(columns);
     request.needsScores = has(columns, Role::Score) || !parameters.minScore.empty();
     request.ids = values.ids;
     request.scrollTimeout = options.scrollTimeout;

@@ -51,10 +51,12 @@ Datum datumOf(const Column &column, std::string_view utf8, Packing &packing)
 
 } // namespace
 
-search::Value makeValue(const Column &column, const RawValue &raw, Packing &packing)
+search::Value makeValue(Column &column, const RawValue &raw, Packing &packing)
 {
     search::Value value = search::Null;
-    if (raw.isThere)
+    if (column.role == Role::Field)
+        value = makeFieldValue(*column.field, raw.field);
+    else if (raw.isThere)
         value = {datumOf(column, raw.utf8, packing), false};
     if (column.type != column.baseType)
         domain_check(value.datum, value.isNull, column.type, nullptr, nullptr);

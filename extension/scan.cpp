@@ -71,13 +71,14 @@ void Scan::begin()
 {
     hasBegun = true;
     const ConditionValues values =
-        evaluateConditions(plan.conditions, expressions, node->ss.ps.ps_ExprContext);
+        evaluateConditions(plan.conditions, expressions, node->ss.ps.ps_ExprContext, row.columns());
     if (values.findsNothing)
         return;
     const TableOptions options =
         readOptions(RelationGetRelid(node->ss.ss_currentRelation), server::userOfScan(node));
     const Parameters parameters = readParameters(values.params.value_or(std::vector<std::string>()));
     row.setCompressionLevel(parameters.compressionLevel.value_or(options.compressionLevel));
+    row.setNullsBadValues(options.nullsBadValues);
     row.setParam(values.params ? &values.params->front() : nullptr);
     if (values.ids)
         ids.emplace(values.ids->begin(), values.ids->end());

@@ -91,6 +91,7 @@ http::Request firstRequest(const Cluster &cluster, const SearchRequest &request,
 HitStream::HitStream(const Cluster &cluster, SearchRequest request, Paging paging)
     : cluster(cluster), request(std::move(request)), paging(paging)
 {
+    reader.lookFor(this->request.fields);
 }
 
 HitStream::~HitStream()

@@ -63,6 +63,9 @@ public:
     {
         return reader.member(current, member);
     }
+    // The values in the hit's source of the request's fields; the text as above.
+    std::size_t fieldCount() const { return reader.fieldCount(current); }
+    zq::elasticsearch::FieldValue field(std::size_t i) const { return reader.field(current, i); }
     // Ends the stream: deletes an open scroll context.
     void close() noexcept;
 

@@ -26,6 +26,7 @@ struct SearchRequest {
     std::string sort;                 // a JSON array; empty: by score
     std::string minScore;             // a JSON number; empty: none
     SourceChoice source;
+    std::vector<std::string> fields; // paths of the source whose values are wanted one by one
     bool needsScores = false;
     std::optional<std::vector<std::string>> ids; // the documents of these only
     std::string scrollTimeout;                   // an Elasticsearch time value

@@ -16,6 +16,8 @@ namespace
 
 using namespace zq::elasticsearch;
 
+constexpr std::size_t UsualChunk = 16384, SmallChunk = 1024;
+
 // Takes of each hit what the classic reader hands out.
 void takeHits(const std::string &name, const SearchResponseReader &reader, const Page &page)
 {
@@ -32,10 +34,22 @@ void takeHits(const std::string &name, const SearchResponseReader &reader, const
         throw std::runtime_error(name + " found no scores");
 }
 
-Contestant exact(std::size_t chunk)
+// Of each hit all fields that were looked for, too.
+void takeFields(const std::string &name, const SearchResponseReader &reader, const Page &page)
+{
+    std::size_t fields = 0, fieldBytes = 0;
+    for (std::size_t hit = 0; hit < reader.hitCount(); ++hit) {
+        fields += reader.fieldCount(hit);
+        for (std::size_t i = 0; i < reader.fieldCount(hit); ++i)
+            fieldBytes += reader.field(hit, i).value.size();
+    }
+    page.expectFields(name, fields, fieldBytes);
+}
+
+Contestant exact(const std::string &name, std::size_t chunk, const std::vector<std::string> &paths)
 {
     const auto reader = std::make_shared<SearchResponseReader>();
-    const std::string name = "exact";
+    reader->lookFor(paths);
     return {name, chunk, [=](const Page &page) {
                 reader->clear();
                 for (std::size_t at = 0; at < page.text.size(); at += chunk)
@@ -43,6 +57,8 @@ Contestant exact(std::size_t chunk)
                 if (!reader->finish())
                     throw std::runtime_error(name + ": " + reader->problem());
                 takeHits(name, *reader, page);
+                if (!paths.empty())
+                    takeFields(name, *reader, page);
             }};
 }
 
@@ -50,8 +66,12 @@ Contestant exact(std::size_t chunk)
 
 std::vector<Contestant> exactReaders()
 {
-    constexpr std::size_t UsualChunk = 16384, SmallChunk = 1024;
-    return {exact(UsualChunk), exact(SmallChunk)};
+    return {exact("exact", UsualChunk, {}), exact("exact", SmallChunk, {})};
+}
+
+std::vector<Contestant> exactFieldReaders()
+{
+    return {exact("exact", UsualChunk, {}), exact("exact, ten fields", UsualChunk, tenFields())};
 }
 
 } // namespace veltrane::bench

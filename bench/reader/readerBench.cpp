@@ -36,6 +36,15 @@ void Page::expect(const std::string &reader, std::size_t foundHits, std::size_t 
     }
 }
 
+void Page::expectFields(const std::string &reader, std::size_t foundFields, std::size_t foundBytes) const
+{
+    fieldBytes = fieldBytes.value_or(foundBytes);
+    if (foundFields != hits * tenFields().size() || foundBytes != fieldBytes)
+        throw std::runtime_error(reader + " found " + std::to_string(foundFields) + " fields with " +
+                                 std::to_string(foundBytes) + " bytes; the first reader " +
+                                 std::to_string(*fieldBytes));
+}
+
 namespace
 {
 
@@ -62,18 +71,21 @@ double measureSpeed(const Contestant &contestant, const Page &page)
     return bytes / elapsed;
 }
 
-void print(const Contestant &contestant, const Page &page, const std::vector<double> &speeds)
+void print(const char *measure, const Contestant &contestant, const Page &page,
+           const std::vector<double> &speeds)
 {
     std::vector<double> sorted = speeds;
     std::sort(sorted.begin(), sorted.end());
-    std::printf(R"({"measure":"reader","kind":"%s","contestant":"%s","chunk":%zu,"MBps":%.1f,"rounds":[)",
-                nameOf(page.kind), contestant.name.c_str(), contestant.chunk, sorted[sorted.size() / 2]);
+    std::printf(R"({"measure":"%s","kind":"%s","contestant":"%s","chunk":%zu,"MBps":%.1f,"rounds":[)",
+                measure, nameOf(page.kind), contestant.name.c_str(), contestant.chunk,
+                sorted[sorted.size() / 2]);
     for (std::size_t round = 0; round < speeds.size(); ++round)
         std::printf("%s%.1f", round == 0 ? "" : ",", speeds[round]);
     std::puts("]}");
 }
 
-void measure(const std::vector<Contestant> &contestants, const Page &page, std::size_t rounds)
+void measure(const char *name, const std::vector<Contestant> &contestants, const Page &page,
+             std::size_t rounds)
 {
     for (const Contestant &contestant : contestants)
         contestant.read(page); // checks it, and warms it up
@@ -85,7 +97,8 @@ void measure(const std::vector<Contestant> &contestants, const Page &page, std::
         }
     }
     for (std::size_t which = 0; which < contestants.size(); ++which)
-        print(contestants[which], page, speeds[which]);
+        print(name, contestants[which], page, speeds[which]);
+    std::fflush(stdout);
 }
 
 void measureAll(std::size_t rounds)
@@ -97,10 +110,12 @@ void measureAll(std::size_t rounds)
                 "\n",
                 __VERSION__, describeSimdjson().c_str(), RAPIDJSON_VERSION_STRING);
     for (const DocumentKind kind :
-         {DocumentKind::Small, DocumentKind::Medium, DocumentKind::Large, DocumentKind::Dense}) {
-        measure(contestants, Page(kind, kind == DocumentKind::Large ? 100 : 1000), rounds);
-        std::fflush(stdout);
-    }
+         {DocumentKind::Small, DocumentKind::Medium, DocumentKind::Large, DocumentKind::Dense})
+        measure("reader", contestants, Page(kind, kind == DocumentKind::Large ? 100 : 1000), rounds);
+    std::vector<Contestant> finders = exactFieldReaders();
+    for (const Contestant &other : simdjsonFieldReaders())
+        finders.push_back(other);
+    measure("fields", finders, Page(DocumentKind::Fields, 1000), rounds);
 }
 
 } // namespace

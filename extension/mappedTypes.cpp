@@ -1,5 +1,5 @@
 // The types of fields that a mapping may have, and what becomes of them.
-#include "extension/fieldTypes.h"
+#include "extension/mappedTypes.h"
 
 #include <algorithm>
 #include <initializer_list>
