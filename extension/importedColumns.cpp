@@ -53,9 +53,6 @@ bool isFloating(Kind kind) { return kind == Kind::Real || kind == Kind::Double; 
 bool isNumber(Kind kind) { return kind >= Kind::SmallInt && kind <= Kind::Double; }
 bool isDate(Kind kind) { return kind >= Kind::Instant; }
 
-// Without a format days and milliseconds are read, too; seconds would be taken for milliseconds.
-bool isReadAsInstant(Kind kind) { return isDate(kind) && kind < Kind::Seconds; }
-
 // What holds the values of both.
 Kind wider(Kind one, Kind other)
 {
@@ -66,11 +63,10 @@ Kind wider(Kind one, Kind other)
             return std::max(one, other);
         return isFloating(one) && isFloating(other) ? Kind::Double : Kind::Numeric;
     }
-    if (isReadAsInstant(one) && isReadAsInstant(other))
-        return Kind::Instant;
-    const auto isText = [](Kind kind) { return kind == Kind::Text || kind == Kind::OtherDate; };
+    // A day is read in whatever format the column has; but a year alone, an instant, looks like a number.
     if (isDate(one) && isDate(other))
-        return Kind::OtherDate;
+        return one == Kind::Day ? other : other == Kind::Day ? one : Kind::OtherDate;
+    const auto isText = [](Kind kind) { return kind == Kind::Text || kind == Kind::OtherDate; };
     return isText(one) && isText(other) ? Kind::Text : Kind::Json;
 }
 

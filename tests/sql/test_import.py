@@ -4,8 +4,8 @@ import re
 
 import pytest
 
-from conftest import Database, SearchServer, memory, new_database
-from scriptedserver import ScriptedServer, endless, response
+from conftest import SearchServer, memory, new_database
+from scriptedserver import endless, response
 from test_search_server import ask, send
 
 TIMESTAMPTZ = "timestamp with time zone"
@@ -201,7 +201,8 @@ def test_what_is_a_table(server, imports):
     server.close_index("shut")
     stream = []
     if server.version == 9:
-        template = {"index_patterns": ["log*"], "data_stream": {}, "template": {"mappings": mapping_of({"m": keyword()})}}
+        template = {"index_patterns": ["log*"], "data_stream": {},
+                    "template": {"mappings": mapping_of({"m": keyword()})}}
         assert send(server, "/_index_template/t", json.dumps(template).encode(), "PUT")[0] == 200
         assert send(server, "/_data_stream/logs", None, "PUT")[0] == 200
         stream = ["logs"]
@@ -221,11 +222,12 @@ def test_what_is_a_table(server, imports):
     assert [*tables["all_books"]][3:] == ["books", "books_old", "veiled"]
     assert not stream or tables["logs"] == {**FIRST, "@timestamp": (TIMESTAMPTZ, DATE), "m": ("text", KEYWORD)}
     nothing = {pattern: imports.outcome(pattern) for pattern in (
-        "nothing", "nothing*", ".dots", ".*", "veiled", "shut", "closed", "books,nobody", "_cat", "_search", "../books",
-        "books, notes", "-books", ",", *([".ds-logs*"] if stream else []))}
+        "nothing", "nothing*", ".dots", ".*", "veiled", "shut", "closed", "books,nobody", "_cat", "_search",
+        "../books", "books, notes", "-books", ",", *([".ds-logs*"] if stream else []))}
     if server.version == 6:  # nothing there tells that what was named is closed
         del nothing["shut"], nothing["closed"]
-    assert nothing == {pattern: ("HV00Q", f'no index, alias or data stream matches "{pattern}"') for pattern in nothing}
+    message = 'no index, alias or data stream matches "{}"'
+    assert nothing == {pattern: ("HV00Q", message.format(pattern)) for pattern in nothing}
 
 
 NUMBER = {kind: {"type": kind} for kind in ("byte", "short", "integer", "long", "unsigned_long", "float", "double")}
@@ -237,13 +239,16 @@ DIFFERING = {  # definitions in the two indices, None where there is none; type 
     "texts": ({"type": "text"}, keyword(), "text", {}),
     "parts": (text(("keyword", keyword())), text(("raw", keyword())), "text", {}),
     "tiny": (NUMBER["byte"], NUMBER["short"], "smallint", {}),
-    "whole": (NUMBER["long"], NUMBER["short"], "bigint", {}), "small": (NUMBER["short"], NUMBER["integer"], "integer", {}),
+    "whole": (NUMBER["long"], NUMBER["short"], "bigint", {}),
+    "small": (NUMBER["short"], NUMBER["integer"], "integer", {}),
     "large": (NUMBER["long"], NUMBER["unsigned_long"], "numeric", {}),
     "floating": (NUMBER["float"], NUMBER["double"], "double precision", {}),
     "mixed": (NUMBER["byte"], NUMBER["double"], "numeric", {}),
     "dates": ({"type": "date"}, date("yyyy-MM-dd"), TIMESTAMPTZ, {}),
     "date_formats": ({"type": "date"}, date("strict_date_optional_time"), TIMESTAMPTZ, {}),
-    "millis": (date("epoch_millis"), {"type": "date_nanos"}, TIMESTAMPTZ, {}),
+    "nanos": ({"type": "date_nanos"}, date("strict_date_time"), TIMESTAMPTZ, {}),
+    "millis": (date("epoch_millis"), {"type": "date"}, "text", {}),
+    "day_millis": (date("epoch_millis"), date("strict_date"), TIMESTAMPTZ, {"format": "epoch_millis"}),
     "seconds": (date("epoch_second"), {"type": "date"}, "text", {}),
     "day_other": (date("dd/MM/yyyy"), date("yyyy-MM-dd"), "text", {}),
     "other_text": (date("dd/MM/yyyy"), {"type": "text"}, "text", {}),
@@ -275,8 +280,8 @@ def test_indices_that_differ(server, imports):
 
 def test_names_as_they_come(db, told):
     """Names are data: whatever they hold, each is the name of one column or table, and the path in its option."""
-    odd = ['a"b', "a'b", "a\\b", 'x"); DROP TABLE books; --', "x' OPTIONS (y 'z", "two words", "SELECT", "Upper", "é€😀",
-           "a.b", "$1", "%s%n", "docname", "highlights", "tableoid", "xmin", "docname_field", "line\nbreak", "a" * 63,
+    odd = ['a"b', "a'b", "a\\b", 'x"); DROP TABLE books; --', "x' OPTIONS (y 'z", "two words", "SELECT", "Upper",
+           "é€😀", "a.b", "$1", "%s%n", "docname", "highlights", "tableoid", "xmin", "docname_field", "line\nbreak", "a" * 63,
            "b" * 64, "c" * 64 + "1", "c" * 64 + "2", "é" * 32, "p" * 40 + "." + "q" * 40]
     names = [*odd, *(f"f{number}" for number in range(5))]
     fields = index(**{name: keyword() for name in names})
@@ -302,3 +307,177 @@ def test_room_for_columns(told):
     assert len(made) == 1600 and list(made)[-1] == "f1596"
     assert told.notices == ['NOTICE: table "wide" has no room for all fields DETAIL: Left out: ' +
                             ", ".join(f"f{number}" for number in range(1597, 1700))]
+
+
+def test_names_that_a_database_cannot_hold(db, scripted):
+    with new_database(db, "western", "ENCODING 'LATIN1' LC_COLLATE 'C' LC_CTYPE 'C'") as western:
+        western.install()
+        made = Library(western, scripted.port)
+        fields = index(**{"é": keyword(), "€": keyword(), "part": text(("€", keyword())), "a.€.b": keyword()})
+        bodies = {"_mapping": {"books": fields, "büch": fields}, "_alias": {"books": {"aliases": {"日本": {}}}}}
+        scripted.script = lambda peer: response(json.dumps(bodies.get(peer.path.split("/")[-1], bodies["_alias"] if
+                                                                      "_alias/" in peer.path else {})))(peer)
+        tables = made.outcome("*")
+        columns = {**FIRST, "é": ("text", KEYWORD), "part": ("text", {})}
+        assert tables == {"books": columns, "büch": columns} and made.indices["büch"] == "büch"
+        assert [line.replace("?", "") for line in made.notices] == [
+            *(f'NOTICE: table "{table}" leaves out fields whose names this database cannot hold DETAIL: , a..b'
+              for table in ("books", "büch")),
+            "NOTICE: an index is left out because this database cannot hold its name DETAIL: "]
+
+
+def test_requests(db, scripted, told):
+    told({})
+    db.run("CREATE USER MAPPING FOR public SERVER documents OPTIONS (username 'u', password 'p')")
+    del scripted.requests[:]
+    told({"büch": index()}, pattern="bü?/*,-x,y")
+    assert [peer.path for peer in scripted.requests] == [
+        "/b%C3%BC%3F%2F*,-x,y/_mapping", "/b%C3%BC%3F%2F*,-x,y/_settings/index.hidden,index.verified_before_close,"
+        "index.mode,index.mapping.ignore_malformed,index.mapping.ignore_above?flat_settings=true", "/_data_stream",
+        "/_alias/b%C3%BC%3F%2F*,y*"]
+    assert {peer.headers["Authorization"] for peer in scripted.requests} == {"Basic dTpw"}
+
+
+BOOKS = {"books": index(k=keyword(), t=text(("keyword", keyword(ignore_above=9))), n={"type": "long"})}
+
+
+def test_what_settings_change(told):
+    """Mappings are silent about what an index has for all its fields."""
+    plain = {"k": KEYWORD, "t": {**KEYWORD, "searchfield": "t.keyword", "ignoreabove": "9"}, "n": {"search": "long"}}
+    for settings, changed in [
+            ({}, {}), ({"index.mapping.ignore_above": "5"}, {"k": {**KEYWORD, "ignoreabove": "5"}}),
+            ({"index.mapping.ignore_malformed": "true"}, {"n": {}}), ({"index.mode": "standard"}, {}),
+            ({"index.mode": "logsdb"}, {"n": {}, "k": {**KEYWORD, "ignoreabove": "8191"}})]:
+        made = told(BOOKS, settings={"books": {"settings": settings}, "gone": {"settings": {"index.hidden": True}}})
+        assert {name: options for name, (_, options) in list(made["books"].items())[3:]} == {**plain, **changed}
+    for hiding in ("index.hidden", "index.verified_before_close"):
+        assert told(BOOKS, settings={"books": {"settings": {hiding: "true"}}})[0] == "HV00Q"
+
+
+def alias(**properties):
+    return {"books": {"aliases": {"named": properties}}}
+
+
+STREAM = {"data_streams": [{"name": "stream", "indices": [{"index_name": "books", "index_uuid": "u"}]}]}
+
+
+def test_aliases_and_streams(told):
+    for aliases, streams, expected in [
+            (alias(filter={"term": {"k": "v"}}), {}, ["books", "named"]), (alias(is_hidden=True), {}, ["books"]),
+            (alias(), STREAM, ["named", "stream"]), ({"stream": alias()["books"]}, STREAM, ["named", "stream"]),
+            ({}, {"data_streams": [{**STREAM["data_streams"][0], "hidden": True}]}, None),
+            ({"gone": alias()["books"]}, {"data_streams": [{"name": "gone", "indices": []}]}, ["books"]),
+            ({}, response("{}", "405 No"), ["books"]), (response('{"a":"x"}', "404 No"), "{}", ["books"])]:
+        made = told(BOOKS, aliases, streams)
+        assert (list(made) if expected else made[0]) == (expected or "HV00Q"), (aliases, streams)
+
+
+REFUSED = "HV000", "the search cluster refused the request"
+UNREADABLE = "HV000", "the response of the search cluster cannot be read"
+TOO_DEEP = "HV000", "the mapping of an index is nested too deeply"
+TOO_MANY = "HV000", "the mapping of an index has too many fields"
+NOTHING = "HV00Q", 'no index, alias or data stream matches "*"'
+
+
+def mapped(text):
+    return '{"i":{"mappings":{"properties":' + text + "}}}"
+
+
+def test_refusals(db, told):
+    for options, expected in [("arays 'a'", ("HV00D", 'invalid option "arays"')), *(
+            (f"arrays '{names}'", ("22023", 'option "arrays" takes names of fields, separated by commas'))
+            for names in ("", " ", "a,,b", "a,"))]:
+        assert told(BOOKS, options=options) == expected
+    for status, expected in (("401 No", REFUSED), ("400 No", REFUSED), ("503 No", REFUSED), ("404 No", NOTHING)):
+        assert told(response('{"error":{"type":"t","reason":"r"}}', status)) == expected
+    for part in ("aliases", "streams", "settings"):
+        assert told(BOOKS, **{part: response("{}", "403 No")}) == REFUSED
+    db.run("ALTER SERVER documents OPTIONS (SET address 'http://127.0.0.1:1')")
+    with pytest.raises(Exception) as caught:
+        db.run("IMPORT FOREIGN SCHEMA x FROM SERVER documents INTO library")
+    diagnostics = caught.value.diag
+    assert (diagnostics.sqlstate, diagnostics.message_primary) == ("HV00N", "could not connect to the search cluster")
+    assert diagnostics.message_detail.startswith("GET http://127.0.0.1:1/x/_mapping: ")
+    assert "address" in diagnostics.message_hint
+
+
+DEEP = 1_000_000
+ODD = {  # what is told of mappings, and what that leads to: an error, or the columns beside the first
+    **{text: UNREADABLE for text in (
+        "", " ", "[]", "null", "{", '{"i":', '{"i":5}', '{"i":{"mappings":5}}', '{"i":{"mappings":{}}}x',
+        mapped('{"f":5}'), mapped('{"f":{"type":"long"}'), mapped('{"f":{"type":"text","fields":[]}}'),
+        mapped('{"f":{"properties":5}}'), mapped('{"f":{"type":tru}}'), '{"i":{"mappings":{"runtime":{"f":1}}}}',
+        '{"error":{"reason":"r"},"status":400}')},
+    **{text: NOTHING for text in ("{}", '{"i":{}}', '{"":{"mappings":{}}}')},
+    '{"i":{"mappings":{"properties":[],"_meta":{"properties":{"f":{}}}}}}': {},
+    '{"i":{"mappings":{"one":{"properties":{"f":{"type":"long"}}},"two":{"properties":{"f":{"type":"long"}}}}}}': {
+        "f": ("bigint", {"search": "long"})},
+    **{mapped(f'{{"f":{{"type":{kind}}}}}'): {"f": ("jsonb", {})} for kind in ('"unheard"', "5", "[{}]", '"\\ud800"')},
+    mapped('{"f":{"type":"scaled_float"},"f":{"type":"long"}}'): {"f": ("numeric", {})},
+    mapped('{"f":{"properties":{"g":{"type":"long"}},"type":"nested"}}'): {"f": ("jsonb", {})},
+    mapped('{"z":{"type":"long"},"":{},".a":{},"b.":{},"c..d":{},"\\u0000":{},"y":{"type":"ip"}}'): {
+        "z": ("bigint", {"search": "long"}), "y": ("inet", {"search": "ip"})},
+    mapped('{"f":' * DEEP): UNREADABLE, mapped('{"f":{"properties":' * 99 + "{}" + "}}" * 99): {},
+    mapped('{"f":{"properties":' * 100 + "{}" + "}}" * 100): TOO_DEEP,
+    mapped('{"f":{"type":"long","meta":' + "[" * DEEP + "]" * DEEP + "}}"): {"f": ("bigint", {"search": "long"})},
+    mapped("{" + ",".join(f'"{number}":{{}}' for number in range(100_002)) + "}"): TOO_MANY,
+    json.dumps({name: index(**{f"{name}{number}": {} for number in range(60_000)}) for name in "ij"}): TOO_MANY,
+}
+
+
+def test_mappings_that_are_none(told):
+    for text, expected in ODD.items():
+        wanted = {**FIRST, **expected} if isinstance(expected, dict) else expected
+        made = told(text, {"i": {"aliases": {"both": {}}}, "j": {"aliases": {"both": {}}}})
+        assert (made["i"] if isinstance(expected, dict) else made) == wanted, text[:99]
+    for text in ("", "[]", '{"books":[]}', '{"books":{"aliases":{"a":5}}}'):
+        assert told(BOOKS, aliases=text) == UNREADABLE, text
+    for text in ("", "[]", '{"data_streams":{}}', '{"data_streams":[5]}', '{"data_streams":[{"indices":[5]}]}'):
+        assert told(BOOKS, streams=text) == UNREADABLE, text
+    for text in ("", "[]", '{"books":5}', '{"books":{"settings":[]}}'):
+        assert told(BOOKS, settings=text) == UNREADABLE, text
+
+
+@pytest.mark.unsanitized
+def test_responses_without_end(db, told):
+    start = b'HTTP/1.1 200 OK\r\n\r\n{"i":{"mappings":{"properties":{"a'
+    assert told(endless(b"x", start)) == ("HV000", "the response of the search cluster is larger than 1023 MiB")
+    assert memory(db.pid, "VmHWM") // 1024 < 2000
+    db.run("SET statement_timeout = 300")
+    assert told(lambda peer: peer.wait_for_close(10)) == ("57014", "canceling statement due to statement timeout")
+
+
+# ---- What the tables give ----------------------------------------------------------------------------------
+
+VALUES = {"text": ["whale", "Whale", "a text beyond every bound " * 20, ""], "boolean": [True, False, "true"],
+          "inet": ["10.0.0.1", "::1", "192.168.0.1"], "date": ["2024-02-29", "1969-12-31", "1600-02-29"],
+          "numeric": [0.1, 2.5, 1, 100.004], "real": [0.1, 2.5, -3, 2049], "double precision": [0.1, 1e300, -3],
+          **dict.fromkeys(("smallint", "integer", "bigint"), [1, 0, 100, 5])}
+INSTANTS = {None: ["2024-02-29T23:59:59.999Z", "2024-02-29", "2024", "1969-12-31T23:59:59+02:00"],
+            "epoch_millis": [1, 1709251199999, 0], "epoch_second": [1, 1709251199, 0]}
+
+
+def test_conditions_on_what_was_imported(db, server, imports):
+    """What the options say of the search is so: with each a condition finds what it finds in a copy."""
+    fields = {path: given for path, given in FIELDS.items() if given[2]}
+    server.create_index("rich", mappings=mapping_of({path: given[0] for path, given in fields.items()}))
+    for number in range(4):
+        source = {}
+        for path, (_, column, options) in fields.items():
+            values = INSTANTS[options.get("format")] if column == TIMESTAMPTZ else VALUES[column]
+            source[path] = values[number % len(values)]
+        server.put("rich", f"d{number}", source)
+    db.run("SET client_min_messages = warning; IMPORT FOREIGN SCHEMA rich FROM SERVER documents INTO library;"
+           " CREATE TABLE library.copy AS SELECT * FROM library.rich")
+    assert db.value("SELECT count(*) FROM library.copy") == 4
+    server.take_journal()
+    for path in fields:
+        column = f'"{RENAMED.get(path, path)}"'
+        for operator in "=", "<", ">=":
+            def pairs(table):
+                return sorted(db.run(
+                    f"SELECT c.docname, t.docname FROM library.copy c CROSS JOIN LATERAL (SELECT docname FROM"
+                    f" library.{table} WHERE {column} {operator} c.{column} OFFSET 0) t"))
+            assert pairs("rich") == pairs("copy"), (path, operator)
+        asked = "".join(request.body.decode() for request in server.take_journal())
+        assert f'"{fields[path][2].get("searchfield", path)}":' in asked, path
