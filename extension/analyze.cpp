@@ -30,9 +30,8 @@ constexpr double BytesOfADocument = 1000;
 constexpr const char *RandomQuery =
     R"({"function_score":{"query":{"match_all":{}},"random_score":{},"boost_mode":"replace"}})";
 
-search::HitStream sampleOf(Relation relation, const std::vector<Column> &columns, int rows)
+search::HitStream sampleOf(const TableOptions &options, const std::vector<Column> &columns, int rows)
 {
-    const TableOptions options = readOptions(RelationGetRelid(relation), GetUserId());
     Parameters parameters;
     parameters.query = RandomQuery;
     search::SearchRequest request = requestOfScan(options, columns, parameters, {});
@@ -54,9 +53,11 @@ int sample(Relation relation, HeapTuple *rows, int wanted, double *documents)
 {
     tupleDesc *descriptor = RelationGetDescr(relation);
     const MemoryContext caller = CurrentMemoryContext;
+    const TableOptions options = readOptions(RelationGetRelid(relation), GetUserId());
     HitRow row(allColumns(relation), caller);
+    row.setNullsBadValues(options.nullsBadValues);
     row.setScore("1"); // as every document has that no query finds
-    search::HitStream hits = sampleOf(relation, row.columns(), std::min(wanted, ResultWindow));
+    search::HitStream hits = sampleOf(options, row.columns(), std::min(wanted, ResultWindow));
     std::vector<Datum> values(static_cast<std::size_t>(descriptor->natts) + 1);
     const auto nulls = std::make_unique<bool[]>(values.size());
     int count = 0;
@@ -81,7 +82,7 @@ int acquireSampleRows(Relation relation, int, HeapTuple *rows, int wanted, doubl
 bool analyzeForeignTable(Relation relation, AcquireSampleRowsFunc *acquire, BlockNumber *pages)
 {
     guardEntry([&] {
-        search::HitStream count = sampleOf(relation, {}, 1);
+        search::HitStream count = sampleOf(readOptions(RelationGetRelid(relation), GetUserId()), {}, 1);
         count.next();
         count.close();
         const double blocks = static_cast<double>(count.matching()) * BytesOfADocument / BLCKSZ;

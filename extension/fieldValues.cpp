@@ -71,18 +71,21 @@ bool isNumber(std::string_view text)
     return at == text.size();
 }
 
-// Also 5.0 and 1e3 are whole, as far as a double is exact: Elasticsearch reads them as doubles, too.
-bool readWhole(std::string_view text, std::int64_t &number)
+// Also 5.0 and 1e3 are whole, as far as a double is exact: Elasticsearch reads them as doubles, too. Returns
+// why it is no such number, or null.
+const char *readWhole(std::string_view text, std::int64_t &number)
 {
-    constexpr double MostExact = 9007199254740992; // 2^53
+    constexpr double MostExact = 9007199254740991; // 2^53 - 1
     const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (problem == std::errc() && end == text.data() + text.size())
-        return true;
-    if (problem == std::errc::result_out_of_range || !isNumber(text))
-        return false;
+        return nullptr;
+    if (!isNumber(text))
+        return NotWhole;
     const double value = std::strtod(std::string(text).c_str(), nullptr);
-    number = std::abs(value) <= MostExact ? static_cast<std::int64_t>(value) : 0;
-    return std::abs(value) <= MostExact && static_cast<double>(number) == value;
+    if (std::abs(value) > MostExact)
+        return OutOfRange;
+    number = static_cast<std::int64_t>(value);
+    return static_cast<double>(number) == value ? nullptr : NotWhole;
 }
 
 bool fits(std::int64_t number, Oid type)
@@ -118,8 +121,8 @@ const char *readAs(const Column &column, bool isString, ScalarValue &value)
 {
     switch (column.field->kind) {
     case FieldKind::Whole:
-        if (!readWhole(value.text, value.number))
-            return isNumber(value.text) ? OutOfRange : NotWhole;
+        if (const char *problem = readWhole(value.text, value.number))
+            return problem;
         return fits(value.number, column.field->elementBase) ? nullptr : OutOfRange;
     case FieldKind::Number:
         return isNumber(value.text) ? nullptr : NotNumber;
