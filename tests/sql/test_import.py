@@ -281,8 +281,8 @@ def test_indices_that_differ(server, imports):
 def test_names_as_they_come(db, told):
     """Names are data: whatever they hold, each is the name of one column or table, and the path in its option."""
     odd = ['a"b', "a'b", "a\\b", 'x"); DROP TABLE books; --', "x' OPTIONS (y 'z", "two words", "SELECT", "Upper",
-           "é€😀", "a.b", "$1", "%s%n", "docname", "highlights", "tableoid", "xmin", "docname_field", "line\nbreak", "a" * 63,
-           "b" * 64, "c" * 64 + "1", "c" * 64 + "2", "é" * 32, "p" * 40 + "." + "q" * 40]
+           "é€😀", "a.b", "$1", "%s%n", "docname", "highlights", "tableoid", "xmin", "docname_field",
+           "line\nbreak", "a" * 63, "b" * 64, "c" * 64 + "1", "c" * 64 + "2", "é" * 32, "p" * 40 + "." + "q" * 40]
     names = [*odd, *(f"f{number}" for number in range(5))]
     fields = index(**{name: keyword() for name in names})
     one, long, other = "it's", "l" * 70 + "1", "l" * 70 + "2"
@@ -412,7 +412,8 @@ ODD = {  # what is told of mappings, and what that leads to: an error, or the co
     '{"i":{"mappings":{"properties":[],"_meta":{"properties":{"f":{}}}}}}': {},
     '{"i":{"mappings":{"one":{"properties":{"f":{"type":"long"}}},"two":{"properties":{"f":{"type":"long"}}}}}}': {
         "f": ("bigint", {"search": "long"})},
-    **{mapped(f'{{"f":{{"type":{kind}}}}}'): {"f": ("jsonb", {})} for kind in ('"unheard"', "5", "[{}]", '"\\ud800"')},
+    **{mapped(f'{{"f":{{"type":{kind}}}}}'): {"f": ("jsonb", {})} for kind in (
+        '"unheard"', "5", "[{}]", '"\\ud800"')},
     mapped('{"f":{"type":"scaled_float"},"f":{"type":"long"}}'): {"f": ("numeric", {})},
     mapped('{"f":{"properties":{"g":{"type":"long"}},"type":"nested"}}'): {"f": ("jsonb", {})},
     mapped('{"z":{"type":"long"},"":{},".a":{},"b.":{},"c..d":{},"\\u0000":{},"y":{"type":"ip"}}'): {
