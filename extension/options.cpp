@@ -243,15 +243,29 @@ void checkCredentials(const http::Settings &settings)
                        "options \"clientcert\" and \"clientkey\" take effect only together");
 }
 
+void readServer(AnyOptions &options, Oid serverId)
+{
+    const ForeignServer *server = callServer([&] { return GetForeignServer(serverId); });
+    read(options, ForeignServerRelationId, server->options);
+    requireAddress(options);
+}
+
+void readUser(AnyOptions &options, Oid serverId, Oid userId)
+{
+    // A search may take its time in silence; that its cluster is gone must be noticed all the same.
+    options.cluster.settings.keepsAlive = true;
+    read(options, UserMappingRelationId,
+         callServer([&] { return server::userMappingOptions(serverId, userId); }));
+    checkCredentials(options.cluster.settings);
+}
+
 // Reads what a table and its server say; returns the server.
 Oid readTable(AnyOptions &options, Oid tableId)
 {
     const ForeignTable *table = callServer([&] { return GetForeignTable(tableId); });
-    const ForeignServer *server = callServer([&] { return GetForeignServer(table->serverid); });
     read(options, ForeignTableRelationId, table->options);
-    read(options, ForeignServerRelationId, server->options);
     requireIndices(options);
-    requireAddress(options);
+    readServer(options, table->serverid);
     return table->serverid;
 }
 
@@ -267,13 +281,17 @@ TableOptions readTableOptions(Oid tableId)
 TableOptions readOptions(Oid tableId, Oid userId)
 {
     AnyOptions options;
-    // A search may take its time in silence; that its cluster is gone must be noticed all the same.
-    options.cluster.settings.keepsAlive = true;
     const Oid serverId = readTable(options, tableId);
-    read(options, UserMappingRelationId,
-         callServer([&] { return server::userMappingOptions(serverId, userId); }));
-    checkCredentials(options.cluster.settings);
+    readUser(options, serverId, userId);
     return options;
+}
+
+search::Cluster readCluster(Oid serverId, Oid userId)
+{
+    AnyOptions options;
+    readServer(options, serverId);
+    readUser(options, serverId, userId);
+    return options.cluster;
 }
 
 ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute)

@@ -69,6 +69,9 @@ TableOptions readOptions(Oid tableId, Oid userId);
 // Reads those of a column.
 ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute);
 
+// Reads those of a foreign server and of the user's mapping or else of the public one.
+search::Cluster readCluster(Oid serverId, Oid userId);
+
 // Checks the options of an object as DDL hands them over: names, values, and that what is required is there.
 // Throws FdwError.
 void validateOptions(List *definitions, Oid catalog);

@@ -3,6 +3,7 @@
 
 #include "extension/analyze.h"
 #include "extension/explain.h"
+#include "extension/importSchema.h"
 #include "extension/options.h"
 #include "extension/planning.h"
 #include "extension/scan.h"
@@ -27,6 +28,7 @@ Datum veltranesearch_handler(PG_FUNCTION_ARGS)
     routine->EndForeignScan = qm::extension::endForeignScan;
     routine->ExplainForeignScan = qm::extension::explainForeignScan;
     routine->AnalyzeForeignTable = qm::extension::analyzeForeignTable;
+    routine->ImportForeignSchema = qm::extension::importForeignSchema;
     PG_RETURN_POINTER(routine);
 }
 

@@ -77,18 +77,39 @@ def put_mapping(exchange, expression, kind=None):
 def told_settings(index):
     told = {"creation_date": str(index.created), "uuid": index.uuid, "provided_name": index.name,
             "number_of_shards": "1", "number_of_replicas": "1",
-            "version": {"created": f"{int(index.cluster.dialect.number[0]):d}080099"}}
-    for name, value in index.settings.items():
-        place, (*parents, last) = told, name.split(".")
-        for parent in parents:
-            place = place.setdefault(parent, {})
-        place[last] = value
+            "version": {"created": f"{int(index.cluster.dialect.number[0]):d}080099"}, **tree(index.settings)}
+    if index.closed and index.cluster.dialect.marks_closed:
+        told["verified_before_close"] = "true"
     return {"settings": {"index": told}}
 
 
+def leaves(value, path=""):
+    """{dotted path: value} of all that is no object."""
+    if not isinstance(value, dict):
+        return {path: value}
+    return {name: leaf for key, inner in value.items()
+            for name, leaf in leaves(inner, f"{path}.{key}" if path else key).items()}
+
+
+def tree(flat):
+    """Objects in objects, of what has dotted paths."""
+    told = {}
+    for path, value in flat.items():
+        place, (*parents, last) = told, path.split(".")
+        for parent in parents:
+            place = place.setdefault(parent, {})
+        place[last] = value
+    return told
+
+
 @endpoint("flat_settings", *INDEX_OPTIONS)
-def settings(exchange, expression="_all"):
-    return response({index.name: told_settings(index) for index in exchange.select(expression, BY_NAME)})
+def settings(exchange, expression="_all", wanted="*"):
+    test, told = names.any_of(wanted), {}
+    for index in exchange.select(expression, BY_NAME):
+        found = {name: value for name, value in leaves(told_settings(index)["settings"]).items() if test(name)}
+        if found:
+            told[index.name] = {"settings": found if exchange.flag("flat_settings") else tree(found)}
+    return response(told)
 
 
 @endpoint(*INDEX_OPTIONS)
@@ -141,13 +162,14 @@ def delete_alias(exchange, expression, alias):
 
 @endpoint(*INDEX_OPTIONS)
 def aliases(exchange, expression="_all", pattern=None):
-    test = names.matcher(pattern or "*")
+    test = names.any_of(pattern or "*")
     found = {index.name: {"aliases": {alias: {} for alias in exchange.cluster.aliases_of(index) if test(alias)}}
              for index in exchange.select(expression, ANY)}
     if pattern is not None:
         found = {name: told for name, told in found.items() if told["aliases"]}
-        if not found and "*" not in pattern:
-            return 404, jsontext.write({"error": f"alias [{pattern}] missing", "status": 404})
+        missing = [part for part in pattern.split(",") if "*" not in part and part not in exchange.cluster.aliases]
+        if missing:
+            return 404, jsontext.write({"error": f"alias [{','.join(missing)}] missing", "status": 404, **found})
     return response(found)
 
 
@@ -158,9 +180,26 @@ def all_aliases_named(exchange, pattern):
 
 @endpoint("expand_wildcards")
 def streams(exchange, expression="*"):
-    test = names.matcher(expression)
+    test = names.any_of(expression)
     return response({"data_streams": [
         {"name": name, "timestamp_field": {"name": "@timestamp"}, "generation": len(members), "status": "GREEN",
          "indices": [{"index_name": member, "index_uuid": exchange.cluster.indices[member].uuid}
                      for member in members]}
         for name, members in sorted(exchange.cluster.streams.items()) if test(name)]})
+
+
+@endpoint()
+def put_stream(exchange, name):
+    template = next((template for template in exchange.cluster.templates.values()
+                     if "data_stream" in template and names.any_of(",".join(template["index_patterns"]))(name)), None)
+    if template is None:
+        raise illegal_argument(f"no matching index template found for data stream [{name}]")
+    made = template.get("template", {})
+    exchange.cluster.create_stream(name, made.get("mappings"), made.get("settings"))
+    return response(DONE)
+
+
+@endpoint()
+def put_template(exchange, name):
+    exchange.cluster.templates[name] = exchange.json()
+    return response(DONE)

@@ -22,6 +22,7 @@ class Cluster:
         self.indices = {}
         self.aliases = {}  # {name: [names of its indices]}
         self.streams = {}  # {name: [names of its backing indices]}
+        self.templates = {}  # {name: what was put}, for data streams
         self.scrolls = Scrolls(dialect)
         self.searches = 0
         self.partial = None

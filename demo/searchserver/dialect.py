@@ -21,7 +21,8 @@ class Dialect(NamedTuple):
     empty_type: str  # the empty segment in "books//_search", once a type's, is "taken", "deprecated" or "refused"
     ids_in_urls: bool  # scroll ids are taken from the URL, too, not only from a body
     uuids_in_ids: bool  # scroll ids name the session of each context
-    resolves: bool  # there is "_resolve/index"
+    resolves: bool  # there are "_resolve/index" and "_data_stream"
+    marks_closed: bool  # closed indices have a setting that says so
     case_insensitive: bool  # queries for terms, prefixes and patterns have the option "case_insensitive"
     fetches_fields: bool  # searches have the option "fields"
     doc_value_queries: bool  # fields that are not indexed are searched by their doc values
@@ -37,7 +38,8 @@ class Dialect(NamedTuple):
 SEVEN = Dialect(
     number="7.8.0", lucene="8.5.1", oldest_peer="6.8.0", oldest_index="6.0.0-beta1", plain_total=False, types=True,
     typed_mappings=False, empty_type="deprecated", ids_in_urls=True, uuids_in_ids=True, resolves=False,
-    case_insensitive=False, fetches_fields=False, doc_value_queries=False, tells_long_keywords=False,
+    marks_closed=True, case_insensitive=False, fetches_fields=False, doc_value_queries=False,
+    tells_long_keywords=False,
     date_intervals=("interval", "fixed_interval", "calendar_interval"), max_buckets=10000, too_many_buckets=503,
     dated_streams=False, content_type="application/json; charset=UTF-8", product=None)
 
@@ -50,7 +52,7 @@ EIGHT = SEVEN._replace(
 DIALECTS = {
     6: SEVEN._replace(number="6.8.0", lucene="7.7.0", oldest_peer="5.6.0", oldest_index="5.0.0", plain_total=True,
                       typed_mappings=True, empty_type="taken", uuids_in_ids=False, date_intervals=("interval",),
-                      max_buckets=None),
+                      max_buckets=None, marks_closed=False),
     7: SEVEN,
     8: EIGHT,
     # Scroll ids in URLs are deprecated there. They are treated as refused, so that nobody comes to rely on them.

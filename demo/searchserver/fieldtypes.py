@@ -8,11 +8,14 @@ from .strings import Boolean, ConstantKeyword, Flattened, Keyword, Text
 
 TYPES = {
     "keyword": Keyword, "wildcard": Keyword, "constant_keyword": ConstantKeyword, "version": Keyword, "text": Text,
-    "match_only_text": Text, "flattened": Flattened, "boolean": Boolean, "byte": Whole, "short": Whole,
-    "integer": Whole, "long": Whole, "unsigned_long": UnsignedLong, "half_float": Floating, "float": Floating,
-    "double": Floating, "scaled_float": Scaled, "date": Date, "date_nanos": Date, "ip": Address,
+    "match_only_text": Text, "search_as_you_type": Text, "flattened": Flattened, "boolean": Boolean,
+    "byte": Whole, "short": Whole, "integer": Whole, "long": Whole, "unsigned_long": UnsignedLong,
+    "half_float": Floating, "float": Floating, "double": Floating, "scaled_float": Scaled,
+    "date": Date, "date_nanos": Date, "ip": Address,
     "binary": Unsearchable, "geo_point": Unsearchable, "geo_shape": Unsearchable,
     **dict.fromkeys(Range.MEMBERS, Range),
+    **dict.fromkeys(("point", "shape", "histogram", "dense_vector", "sparse_vector", "rank_feature", "rank_features",
+                     "join", "percolator", "completion", "token_count", "murmur3", "annotated_text"), Unsearchable),
 }
 
 

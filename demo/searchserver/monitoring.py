@@ -86,11 +86,8 @@ def node_stats(exchange, metric="indices", part=None):
 
 @endpoint("expand_wildcards")
 def resolve(exchange, expression):
-    cluster, tests = exchange.cluster, [names.matcher(part) for part in expression.split(",")]
+    cluster, wanted = exchange.cluster, names.any_of(expression)
     hidden = "hidden" in exchange.parameters.get("expand_wildcards", "")
-
-    def wanted(name):
-        return any(test(name) for test in tests)
 
     streams = {member: name for name, members in cluster.streams.items() for member in members}
     indices = []

@@ -33,6 +33,12 @@ def matcher(pattern):
     return re.compile(".*".join(map(re.escape, pattern.split("*"))), re.DOTALL).fullmatch
 
 
+def any_of(expression):
+    """The test of a list of patterns."""
+    tests = [matcher(part) for part in expression.split(",")]
+    return lambda name: any(test(name) for test in tests)
+
+
 def groups(cluster):
     """{name: its indices} of all that has a name, an index being a group of its own."""
     found = {name: [index] for name, index in cluster.indices.items()}

@@ -29,13 +29,17 @@ def respond(cluster, request):
     return status, exchange.headers, text, exchange.hits
 
 
+# What came in the course of version 7 with data streams.
+NEWER = (("_resolve",), ("_data_stream",), ("_index_template",))
+
+
 def find(exchange):
     """The handler of a request and the variable parts of its path; SearchError when there is none."""
     segments = [unquote(part) for part in exchange.path.split("/") if part]
     refused = exchange.dialect.empty_type == "refused" and "//" in exchange.path
     for pattern, methods in () if refused else ROUTES:
         parts = match(pattern, segments)
-        if parts is None or (pattern[0:1] == ("_resolve",) and not exchange.dialect.resolves):
+        if parts is None or (pattern[0:1] in NEWER and not exchange.dialect.resolves):
             continue
         if exchange.method not in methods:
             raise SearchError(405, {
@@ -86,7 +90,8 @@ ROUTES = [
     route("_alias", GET=admin.aliases),
     route("_alias/*", GET=admin.all_aliases_named),
     route("_data_stream", GET=admin.streams),
-    route("_data_stream/*", GET=admin.streams),
+    route("_data_stream/*", GET=admin.streams, PUT=admin.put_stream),
+    route("_index_template/*", PUT=admin.put_template),
     route("_cat/indices", GET=monitor.cat_indices),
     route("_cat/indices/*", GET=monitor.cat_indices),
     route("_cat/aliases", GET=monitor.cat_aliases),
@@ -105,6 +110,7 @@ ROUTES = [
     route("*/_mapping", **MAPPING),
     route("*/_mapping/*", PUT=admin.put_mapping),
     route("*/_settings", GET=admin.settings),
+    route("*/_settings/*", GET=admin.settings),
     route("*/_alias", GET=admin.aliases),
     route("*/_alias/*", **ALIAS),
     route("*/_aliases/*", **ALIAS),

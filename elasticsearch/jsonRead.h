@@ -1,0 +1,42 @@
+// Reading a whole JSON text that is to be of a certain form.
+#pragma once
+
+#include "elasticsearch/jsonCursor.h"
+#include "elasticsearch/jsonString.h"
+
+#include <string>
+#include <string_view>
+
+namespace zq::elasticsearch
+{
+
+// Calls read(cursor), which must read the one value that the text is. Throws what the cursor throws, and
+// JsonError for text behind the value.
+template <typename Read>
+void readJson(std::string_view text, Read &&read)
+{
+    JsonStructure structure;
+    structure.extend(text.data(), text.size());
+    JsonCursor cursor(text, structure, 0);
+    read(cursor);
+    if (!cursor.isAtEnd())
+        throw JsonError("text behind the value", cursor.position());
+}
+
+// Takes a value: a string decoded, another scalar as it stands; empty for an object or an array, and for a
+// string that is not valid Unicode.
+inline std::string takeText(JsonCursor &cursor)
+{
+    const char first = cursor.peek();
+    if (first == '{' || first == '[') {
+        cursor.value();
+        return "";
+    }
+    if (first != '"')
+        return std::string(cursor.scalar());
+    std::string decoded;
+    decodeJsonText(cursor.string(), decoded);
+    return decoded;
+}
+
+} // namespace zq::elasticsearch

@@ -1,0 +1,285 @@
+// What a cluster has that can be imported as a table.
+#include "server/errorBoundary.h"
+
+#include "elasticsearch/jsonRead.h"
+#include "extension/indexPattern.h"
+#include "extension/remoteTables.h"
+#include "search/failure.h"
+
+#include <algorithm>
+
+namespace qm::extension
+{
+
+using search::Response;
+using server::FdwError;
+using zq::elasticsearch::forEachMember;
+using zq::elasticsearch::JsonCursor;
+using zq::elasticsearch::takeText;
+
+namespace
+{
+
+constexpr long StatusBadRequest = 400;
+constexpr long StatusNotFound = 404;
+constexpr long StatusWrongMethod = 405;
+
+// Settings that count where a mapping is silent, and those that hide an index.
+constexpr const char *Settings =
+    "index.hidden,index.verified_before_close,index.mode,index.mapping.ignore_malformed,"
+    "index.mapping.ignore_above";
+
+// What indices of the mode for logs have by themselves.
+constexpr const char *IgnoreAboveOfLogs = "8191";
+
+// Runs read(), which reads `text`, a part of the response; what it finds wrong becomes an FdwError.
+template <typename Read>
+void reading(const Response &response, std::string_view text, Read &&read)
+{
+    try {
+        read();
+    } catch (const zq::elasticsearch::JsonError &fault) {
+        const auto before = static_cast<std::size_t>(text.data() - response.body.data());
+        throw search::unreadable(response.request, std::string(fault.what()) + " at byte " +
+                                                       std::to_string(before + fault.position + 1));
+    } catch (const zq::elasticsearch::JsonNeedsMore &) {
+        throw search::unreadable(response.request,
+                                 response.body.empty()
+                                     ? "empty response"
+                                     : "response cut off at byte " + std::to_string(response.body.size()));
+    }
+}
+
+// Calls take(cursor), which reads the value that the whole response is.
+template <typename Take>
+void readResponse(const Response &response, Take &&take)
+{
+    reading(
+        response, response.body, [&] { zq::elasticsearch::readJson(response.body, take); });
+}
+
+Response getMappings(const search::Cluster &cluster, const IndexPattern &pattern)
+{
+    Response response = search::get(cluster, "/" + pattern.pathPart() + "/_mapping");
+    if (!response.isOk() && response.outcome.status != StatusNotFound)
+        throw search::refusal(response.request, response.outcome, response.body);
+    return response;
+}
+
+// Asks what not every version knows: what is not there, there are none of.
+Response getIfKnown(const search::Cluster &cluster, const std::string &path)
+{
+    Response response = search::get(cluster, path);
+    const long status = response.outcome.status;
+    if (status == StatusBadRequest || status == StatusNotFound || status == StatusWrongMethod)
+        response.body = "{}";
+    else if (!response.isOk())
+        throw search::refusal(response.request, response.outcome, response.body);
+    return response;
+}
+
+// Calls take(name of an index, cursor) for the member `wanted` of each index.
+template <typename Take>
+void forEachIndex(JsonCursor &cursor, std::string_view wanted, Take &&take)
+{
+    forEachMember(
+        cursor,
+        [&](std::string_view index) {
+            const std::string name(index);
+            forEachMember(
+                cursor,
+                [&](std::string_view member) {
+                    if (member == wanted)
+                        take(name, cursor);
+                    else
+                        cursor.value();
+                });
+        });
+}
+
+// What an index, an alias or a data stream may be called, unless it is hidden.
+bool isNameOfTable(const std::string &name)
+{
+    const auto isBlankOrControl = [](char each) {
+        const auto byte = static_cast<unsigned char>(each);
+        return byte <= ' ' || byte == 0x7F;
+    };
+    return !name.empty() && name.front() != '.' && name.find_first_of("\\/*?\"<>|,#") == std::string::npos &&
+           std::none_of(name.begin(), name.end(), isBlankOrControl);
+}
+
+struct Stream {
+    std::string name;
+    std::vector<std::string> indices;
+    bool isHidden = false;
+};
+
+Stream readStream(JsonCursor &cursor)
+{
+    Stream stream;
+    forEachMember(cursor, [&](std::string_view member) {
+        if (member == "name") {
+            stream.name = takeText(cursor);
+        } else if (member == "hidden") {
+            stream.isHidden = takeText(cursor) == "true";
+        } else if (member == "indices") {
+            cursor.take('[');
+            for (bool isFirst = true; cursor.nextElement(isFirst); isFirst = false)
+                forEachMember(cursor, [&](std::string_view property) {
+                    const bool isName = property == "index_name";
+                    std::string value = takeText(cursor);
+                    if (isName)
+                        stream.indices.push_back(std::move(value));
+                });
+        } else {
+            cursor.value();
+        }
+    });
+    return stream;
+}
+
+void apply(const std::string &name, const std::string &value, RemoteIndex &index)
+{
+    const bool isTrue = value == "true";
+    if (name == "index.hidden") {
+        index.isOffered = index.isOffered && !isTrue;
+    } else if (name == "index.verified_before_close") {
+        index.isClosed = isTrue;
+    } else if (name == "index.mapping.ignore_malformed") {
+        index.defaults.ignoresMalformed = isTrue;
+    } else if (name == "index.mapping.ignore_above") {
+        index.defaults.ignoreAbove = value;
+    } else if (name == "index.mode" && value == "logsdb") {
+        index.defaults.ignoresMalformed = true;
+        if (index.defaults.ignoreAbove.empty())
+            index.defaults.ignoreAbove = IgnoreAboveOfLogs;
+    }
+}
+
+} // namespace
+
+RemoteTables::RemoteTables(const search::Cluster &cluster, const IndexPattern &pattern)
+    : mappings(getMappings(cluster, pattern))
+{
+    if (!mappings.isOk())
+        return;
+    takeMappings();
+    if (indices.empty())
+        return;
+    takeSettings(
+        getIfKnown(cluster, "/" + pattern.pathPart() + "/_settings/" + Settings + "?flat_settings=true"));
+    takeStreams(getIfKnown(cluster, "/_data_stream"));
+    for (const auto &[name, index] : indices)
+        if (pattern.matches(name) && index.isOffered)
+            offer(name, name);
+    for (const auto &[name, members] : streams)
+        if (pattern.matches(name))
+            offer(name, name);
+    takeAliases(getIfKnown(cluster, "/_alias/" + pattern.widePathPart()), pattern);
+}
+
+Mapping RemoteTables::mappingOf(const RemoteIndex &index) const
+{
+    Mapping mapping;
+    reading(mappings, index.mapping, [&] { mapping = readMapping(index.mapping, index.defaults); });
+    return mapping;
+}
+
+void RemoteTables::takeMappings()
+{
+    readResponse(
+        mappings,
+        [&](JsonCursor &cursor) {
+            forEachIndex(
+                cursor, "mappings",
+                [&](const std::string &name, JsonCursor &value) { indices[name].mapping = value.value(); });
+        });
+}
+
+void RemoteTables::takeSettings(const Response &response)
+{
+    readResponse(
+        response,
+        [&](JsonCursor &cursor) {
+            forEachIndex(
+                cursor, "settings",
+                [&](const std::string &name, JsonCursor &settings) {
+                    const auto index = indices.find(name);
+                    forEachMember(
+                        settings,
+                        [&](std::string_view setting) {
+                            const std::string known(setting);
+                            const std::string value = takeText(settings);
+                            if (index != indices.end())
+                                apply(known, value, index->second);
+                        });
+                });
+        });
+}
+
+void RemoteTables::takeStreams(const Response &response)
+{
+    readResponse(
+        response,
+        [&](JsonCursor &cursor) {
+            forEachMember(
+                cursor,
+                [&](std::string_view member) {
+                    if (member != "data_streams") {
+                        cursor.value();
+                        return;
+                    }
+                    cursor.take('[');
+                    for (bool isFirst = true; cursor.nextElement(isFirst); isFirst = false) {
+                        Stream stream = readStream(cursor);
+                        for (const std::string &name : stream.indices)
+                            if (const auto index = indices.find(name); index != indices.end())
+                                index->second.isOffered = false;
+                        if (!stream.isHidden)
+                            streams.emplace(stream.name, std::move(stream.indices));
+                    }
+                });
+        });
+}
+
+void RemoteTables::takeAliases(const Response &response, const IndexPattern &pattern)
+{
+    readResponse(
+        response,
+        [&](JsonCursor &cursor) {
+            forEachIndex(
+                cursor, "aliases",
+                [&](const std::string &member, JsonCursor &aliases) {
+                    forEachMember(
+                        aliases,
+                        [&](std::string_view alias) {
+                            const std::string name(alias);
+                            bool isHidden = false;
+                            forEachMember(
+                                aliases,
+                                [&](std::string_view property) {
+                                    const bool says = property == "is_hidden";
+                                    const std::string value = takeText(aliases);
+                                    isHidden = isHidden || (says && value == "true");
+                                });
+                            if (!isHidden && pattern.matches(name))
+                                offer(name, member);
+                        });
+                });
+        });
+}
+
+// Makes an index, or those of a data stream, ones of a table.
+void RemoteTables::offer(const std::string &name, const std::string &member)
+{
+    const auto stream = streams.find(member);
+    const std::vector<std::string> members =
+        stream == streams.end() ? std::vector<std::string>{member} : stream->second;
+    for (const std::string &each : members) {
+        const auto index = indices.find(each);
+        if (index != indices.end() && !index->second.isClosed && isNameOfTable(name))
+            found[name].emplace(each, &index->second);
+    }
+}
+
+} // namespace qm::extension

@@ -1,0 +1,24 @@
+// What a cluster responds to a question about itself, read as a whole.
+#pragma once
+
+#include "http/exchange.h"
+#include "search/cluster.h"
+
+#include <string>
+
+namespace qm::search
+{
+
+struct Response {
+    http::Request request;
+    http::Outcome outcome;
+    std::string body;
+
+    bool isOk() const { return outcome.status == 200; }
+};
+
+// Sends a GET of the path, which begins with a slash. The status is for the caller to judge. Throws FdwError
+// where no response comes in full, or one larger than a search's may be, and ServerError for a cancel.
+Response get(const Cluster &cluster, const std::string &path);
+
+} // namespace qm::search
