@@ -81,10 +81,8 @@ int acquireSampleRows(Relation relation, int, HeapTuple *rows, int wanted, doubl
 bool analyzeForeignTable(Relation relation, AcquireSampleRowsFunc *acquire, BlockNumber *pages)
 {
     guardEntry([&] {
-        search::HitStream count = sampleOf(relation, {}, 1);
-        count.next();
-        count.close();
-        const double blocks = static_cast<double>(count.matching()) * BytesOfADocument / BLCKSZ;
+        const auto documents = static_cast<double>(sampleOf(relation, {}, 0).count());
+        const double blocks = documents * BytesOfADocument / BLCKSZ;
         *pages = static_cast<BlockNumber>(std::clamp(blocks, 1.0, 4e9));
     });
     *acquire = acquireSampleRows;

@@ -11,7 +11,7 @@ struct PlanData {
     List *attributes;    // integers: the attributes that the query uses, as pull_varattnos numbers them
     List *conditions;    // of integers: the role, then for each value whether it is an array; values in the
                          // order of fdw_exprs
-    int64 limit;         // rows that are enough; -1: all are wanted
+    int64 limit;         // rows that are enough; -1: all are wanted; 0: their number is
     bool limitIsByScore; // they are those of the highest scores
     int64 rowsHint;      // rows that the query is likely to read first; 0: all
     bool isSmall;        // the result is likely to fit into a page

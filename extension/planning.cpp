@@ -2,6 +2,7 @@
 // it can be steered, and the plan of it.
 #include "server/errorBoundary.h"
 
+#include "extension/countPath.h"
 #include "extension/limit.h"
 #include "extension/options.h"
 #include "extension/planData.h"
@@ -339,7 +340,17 @@ void getForeignPaths(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
 ForeignScan *getForeignPlan(PlannerInfo *root, RelOptInfo *relation, Oid tableId, ForeignPath *path,
                             List *targetList, List *scanClauses, Plan *)
 {
+    if (relation->reloptkind == RELOPT_UPPER_REL)
+        return makeCountPlan(path, targetList);
     return makePlan({root, relation, tableId}, path, targetList, scanClauses);
+}
+
+bool findExactConditions(const ScannedRelation &scanned, List *&conditions, List *&expressions)
+{
+    const Sorted sorted = sortClauses(scanned, scanned.relation->baserestrictinfo);
+    conditions = sorted.conditions;
+    expressions = sorted.expressions;
+    return sorted.isExact;
 }
 
 } // namespace qm::extension
