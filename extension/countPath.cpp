@@ -23,9 +23,7 @@ bool countsAllRows(const Node *expression)
 // when they have more, or nothing at all.
 List *countColumns(const PathTarget *target)
 {
-    List *values =
-        pull_var_clause(reinterpret_cast<Node *>(target->exprs),
-                        PVC_INCLUDE_AGGREGATES | PVC_RECURSE_WINDOWFUNCS | PVC_INCLUDE_PLACEHOLDERS);
+    List *values = pull_var_clause(reinterpret_cast<Node *>(target->exprs), PVC_INCLUDE_AGGREGATES);
     ListCell *cell;
     foreach (cell, values)
         if (!countsAllRows(static_cast<Node *>(lfirst(cell))))
