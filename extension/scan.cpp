@@ -180,14 +180,14 @@ TupleTableSlot *iterateForeignScan(ForeignScanState *node)
 
 // A row of a table that changed meanwhile is looked at again with the same documents. A count has no row of a
 // table; many releases ask here for what it returns where it is in a sub-select of such a query.
-bool recheckForeignScan(ForeignScanState *node, TupleTableSlot *)
+bool recheckForeignScan(ForeignScanState *node, TupleTableSlot *slot)
 {
     if (!isCount(node))
         return true;
     const MemoryContext caller = MemoryContextSwitchTo(node->ss.ps.ps_ExprContext->ecxt_per_tuple_memory);
-    const bool isThere = !TupIsNull(iterateForeignScan(node));
+    iterateForeignScan(node);
     MemoryContextSwitchTo(caller);
-    return isThere;
+    return !TupIsNull(slot);
 }
 
 void reScanForeignScan(ForeignScanState *node)

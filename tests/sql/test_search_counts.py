@@ -31,22 +31,25 @@ COUNTS = [
     ("count(*) FROM docs WHERE docname = 'no' GROUP BY (SELECT 1)", None), ("count(*) FROM docs WHERE docname = 'no' GROUP BY ()", None),
     ("count(*) FROM docs GROUP BY GROUPING SETS ((), ())", None), ("max(docname), count(*) FROM docs", None),
     (f"count(*) FROM docs WHERE {QUERY} AND (SELECT count(name) FROM names) = 0", None), (f"count(*) {LIMITED}", None),
-    (f"count(*) {JOINED}", None), ("count(*) FROM docs WHERE random() > 2", None), ("count(*) FROM heirs", None),
+    (f"count(*) {JOINED}", None), ("count(*) FROM docs WHERE random() > 2", None), ("count(*) FROM heirs", None), ("count(*) FROM parts", None), ("count(*) FROM part", 1),
     ("CASE WHEN true THEN 1 ELSE count(*) END FROM docs", None), ("count(*) FROM docs WHERE false", None)]
 
 
 @pytest.fixture
 def related(docs):  # noqa: F811
-    """The session with names of documents, views, and a foreign table that has another one below it."""
+    """The session with names of documents, views, and foreign tables below others."""
     docs.run("CREATE TEMP TABLE names AS SELECT 'b' || to_char(n, 'FM0000') AS name FROM generate_series(250, 2497) n; "
              "INSERT INTO names SELECT DISTINCT docname FROM docs; ALTER TABLE names ADD PRIMARY KEY (name); ANALYZE names; "
              "CREATE TEMP VIEW open AS SELECT docname, param FROM docs; "
              "CREATE TEMP VIEW closed WITH (security_barrier) AS SELECT docname, param FROM docs WHERE docname < 'b2'")
     docs.make(name="heirs")
     docs.make(name="heir", indexlist="books,books")
-    docs.run("ALTER FOREIGN TABLE heir INHERIT heirs")
+    docs.run("ALTER FOREIGN TABLE heir INHERIT heirs; CREATE TABLE parts (docname text, docindex text) PARTITION BY LIST (docindex); "
+             "CREATE FOREIGN TABLE part PARTITION OF parts FOR VALUES IN ('books') SERVER documents OPTIONS (indexlist 'books'); "
+             "CREATE TABLE local_part PARTITION OF parts FOR VALUES IN ('local'); INSERT INTO parts VALUES ('x', 'local')")
+    docs.set("enable_partitionwise_aggregate", "on")
     yield docs
-    docs.run("DROP FOREIGN TABLE heirs CASCADE")
+    docs.run("DROP FOREIGN TABLE heirs CASCADE; DROP TABLE parts")
 
 
 def sizes(server):

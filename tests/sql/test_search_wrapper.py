@@ -486,7 +486,7 @@ def test_rows_that_others_change_meanwhile(docs, cluster, off, asked):
             wait_until(lambda: other.value(waiting, (docs.pid,)))
             other.run("COMMIT")
             locked.join()
-        assert sorted(outcomes[0]) == sorted(outcomes[1]), change
+        assert sorted(map(repr, outcomes[0])) == sorted(map(repr, outcomes[1])), change
     docs.run("DROP TABLE loans, kept")
     other.connection.close()
 
