@@ -190,7 +190,17 @@ REFUSALS = [
     option("table", I + "partialresults 'ignore'", 'option "partialresults" takes error or warning'),
     option("table", I + "compressionlevel '10'", 'option "compressionlevel" takes a whole number from -2 to 9'),
     option("table", I + "estimatedrows '0'", 'option "estimatedrows" takes a whole number from 1 to 2000000000'),
-    option("column", "search 'text'", 'option "search" takes keyword'),
+    option("table", I + "badvalues 'NULL'", 'option "badvalues" takes error or null'),
+    option("column", "search 'text'", 'option "search" takes keyword, byte, short, integer, long, unsigned_long, half_float, '
+           "float, double, scaled_float, date, boolean or ip"),
+    *[option("column", f"{name} '{path}'", f'option "{name}" takes the name of a field, with dots between the names of objects')
+      for name in ("field", "searchfield") for path in ("", ".a", "a.", "a..b")],
+    option("column", "format 'iso'", 'option "format" takes epoch_millis or epoch_second'),
+    option("column", "ignoreabove '-1'", 'option "ignoreabove" takes a whole number from 0 to 2147483647'),
+    *[option("column", f"scalingfactor '{factor}'", 'option "scalingfactor" takes a positive number') for factor in ("0", "inf")],
+    option("column", "search 'scaled_float'", "option \"search\" 'scaled_float' takes effect only with option \"scalingfactor\"",
+           state="HV00J"),
+    option("column", "searchfield 'a'", 'option "searchfield" takes effect only with option "search"', state="HV00J"),
     option("mapping", "username 'a:b', password 'x'", 'option "username" takes a name without colons, blanks and control '
            "characters"),
     option("mapping", "apikey 'a b'", 'option "apikey" takes an encoded key without blanks and control characters'),
