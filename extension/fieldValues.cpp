@@ -251,13 +251,6 @@ namespace
 
 // What follows is on the server's side of the error boundary.
 
-char *cStringOf(std::string_view utf8)
-{
-    const auto length = static_cast<int>(utf8.size());
-    char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
-    return converted == utf8.data() ? pnstrdup(utf8.data(), length) : converted;
-}
-
 Datum wholeOf(const FieldType &type, std::int64_t number)
 {
     switch (type.elementBase) {
@@ -295,7 +288,10 @@ Datum datumOf(FieldType &type, const ScalarValue &value)
         return DateADTGetDatum(static_cast<DateADT>(day));
     }
     default:
-        return InputFunctionCall(&type.input, cStringOf(value.text), type.inputParameter, type.typmod);
+        if (type.elementBase == TEXTOID)
+            return search::textOf(value.text);
+        return InputFunctionCall(&type.input, search::cStringOf(value.text), type.inputParameter,
+                                 type.typmod);
     }
 }
 
