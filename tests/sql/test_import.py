@@ -1,6 +1,7 @@
 """IMPORT FOREIGN SCHEMA: the tables, columns and options that mappings lead to, whatever is in them."""
 import json
 import re
+from random import Random
 
 import pytest
 
@@ -437,6 +438,25 @@ def test_mappings_that_are_none(told):
         assert told(BOOKS, streams=text) == UNREADABLE, text
     for text in ("", "[]", '{"books":5}', '{"books":{"settings":[]}}'):
         assert told(BOOKS, settings=text) == UNREADABLE, text
+
+
+def test_damaged_responses(told):
+    """Whatever bytes of a response are lost, doubled or changed: tables, or an error that says so."""
+    random, outcomes = Random(1), set()
+    whole = [json.dumps(each).encode() for each in (
+        {"books": index(**{path.replace(".", "_"): given[0] for path, given in FIELDS.items()})}, alias(filter={}),
+        STREAM, {"books": {"settings": {"index.mode": "logsdb", "index.hidden": "false"}}})]
+    for number in range(400):
+        damaged, hit = list(whole), random.randrange(4)
+        text = whole[hit]
+        first = random.randrange(len(text))
+        last = min(len(text), first + random.choice((0, 1, 9, 99)))
+        put = (b"", text[first:last] * 2, bytes([random.randrange(256)]), b'"', b"{}", b"9")
+        damaged[hit] = text[:first] + random.choice(put) + text[last:]
+        made = told(*(response(each) for each in damaged))
+        outcomes.add("tables" if isinstance(made, dict) else made[1].partition('"')[0])
+    assert outcomes <= {"tables", UNREADABLE[1], "no index, alias or data stream matches ", "option "}, outcomes
+    assert {"tables", UNREADABLE[1]} <= outcomes
 
 
 @pytest.mark.unsanitized
