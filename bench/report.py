@@ -13,7 +13,7 @@ import sys
 
 import chart
 
-KINDS = ["300B", "2KB", "20KB", "dense"]
+KINDS = ["300B", "2KB", "20KB", "dense", "fields"]
 OURS, EXACT, USUAL_CHUNK, SMALL_CHUNK = "ours", "exact", 16384, 1024
 CHUNK_NAMES = {0: "whole", USUAL_CHUNK: "16 KiB", SMALL_CHUNK: "1 KiB"}
 DEFLATE_NAMES = {5: "level 5", -2: "level -2"}
@@ -130,6 +130,21 @@ class ReaderValues:
                                                                for value in found]
 
 
+FIELDS, TEN_FIELDS = (EXACT, USUAL_CHUNK), (f"{EXACT}, ten fields", USUAL_CHUNK)
+
+
+def field_rows(reader):
+    """What ten fields of a source cost, and how the reader that finds them is beside others that do."""
+    kind = "fields"
+    ratio = reader.ratio(kind, FIELDS, TEN_FIELDS)
+    if ratio:
+        yield Row("exact reader's time, with ten fields / without", kind, ratio, aim="1.3")
+    for name, chunk in reader.rivals():
+        ratio = reader.ratio(kind, TEN_FIELDS if "ten fields" in name else FIELDS, (name, chunk))
+        if ratio:
+            yield Row(f"exact reader / {name}", kind, ratio, Target("≥", 1.0) if "ten fields" in name else None)
+
+
 QUERY_TARGETS = {5: Target("≤", 1.10), -2: Target("≤", 2.0, "1.5")}
 
 
@@ -222,7 +237,7 @@ def processor():
     return f"{len(names)} × {names[0]}" if names else platform.machine()
 
 
-SECTIONS = {"reader": "the reader", "query": "large results", "small": "small queries",
+SECTIONS = {"reader": "the reader", "fields": "fields of sources", "query": "large results", "small": "small queries",
             "growth": "growth", "batch": "batch sizes", "contents": "contents in SQL"}
 
 
@@ -261,6 +276,15 @@ def markdown(values, rows, chart_name):
             "run, RapidJSON has to be compiled for them. `byte by byte` is the plain reader that\njudges the "
             "module's in the unit tests. A ratio is the median over the rounds; so is a speed.\n",
             markdown_table(reader.speeds()),
+        ]
+    fields = ReaderValues(values.get("fields", []))
+    if fields.values:
+        parts += [
+            "## Fields of sources\n",
+            "The same of documents of 24 members, of which ten fields are wanted: one is in an object, one is an "
+            "array. Each\nreader takes the whole source too, and the values as they stand. simdjson is asked for one name "
+            "after the other, or\ngoes through the members.\n",
+            markdown_table(fields.speeds()),
         ]
     if values.get("query"):
         parts += [
@@ -325,8 +349,9 @@ def main():
     parser.add_argument("--chart", type=pathlib.Path, metavar="FILE")
     arguments = parser.parse_args()
     values = read_lines(arguments.files)
-    rows = [*ReaderValues(values.get("reader", [])).rows(), *query_rows(values.get("query", [])),
-            *small_rows(values.get("small", [])), *contents_rows(values.get("contents", []))]
+    rows = [*ReaderValues(values.get("reader", [])).rows(), *field_rows(ReaderValues(values.get("fields", []))),
+            *query_rows(values.get("query", [])), *small_rows(values.get("small", [])),
+            *contents_rows(values.get("contents", []))]
     print(ratio_table(rows) + missing(values), end="")
     if arguments.chart:
         arguments.chart.write_text(chart.page([*bar_panels(values), *line_panels(values)]), encoding="utf-8")

@@ -2,6 +2,7 @@
 #include "elasticsearch/fieldFinder.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace zq::elasticsearch
 {
@@ -62,11 +63,40 @@ FieldFinder::NodeNumber FieldFinder::targetOf(NodeNumber node, std::string_view 
     return node;
 }
 
+FieldFinder::Known::Known(std::string_view bytes, NodeNumber target) : token(bytes), leadsTo(target)
+{
+    char first[sizeof head] = {};
+    char counting[sizeof head] = {};
+    const std::size_t size = std::min(sizeof first, token.size());
+    std::memcpy(first, token.data(), size);
+    std::memset(counting, 0xFF, size);
+    head = headOf(first);
+    mask = headOf(counting);
+}
+
+inline FieldFinder::Known::Head FieldFinder::Known::headOf(const char *bytes)
+{
+    Head head;
+    std::memcpy(head.data(), bytes, sizeof head);
+    return head;
+}
+
+// Nearly every name differs in the first bytes or is no longer than these.
+inline bool FieldFinder::Known::isAt(std::string_view text, std::size_t position) const
+{
+    if (position + sizeof head > text.size())
+        return false;
+    const Head there = headOf(text.data() + position);
+    if ((((there[0] ^ head[0]) & mask[0]) | ((there[1] ^ head[1]) & mask[1])) != 0)
+        return false;
+    return token.size() <= sizeof head || text.compare(position, token.size(), token) == 0;
+}
+
 void FieldFinder::read(JsonCursor &cursor, std::vector<FoundField> &found)
 {
     open.clear();
     cursor.take('{');
-    open.push_back({0, true, 0, 0, {}});
+    open.push_back({0, true, 0});
     while (!open.empty())
         if (open.back().arrays == 0)
             readMembers(cursor, found);
@@ -74,21 +104,96 @@ void FieldFinder::read(JsonCursor &cursor, std::vector<FoundField> &found)
             readElements(cursor, found);
 }
 
-// Up to one whose value is entered, or the end.
+// Reads members up to one whose value is entered, or the end. Documents of one index mostly have the same
+// ones in the same order, and what was taken for good once needs no second look.
 void FieldFinder::readMembers(JsonCursor &cursor, std::vector<FoundField> &found)
 {
     Level &level = open.back();
-    while (cursor.nextName(level.isFirst)) {
-        level.isFirst = false;
-        const NodeNumber target = takeName(cursor, level);
-        cursor.take(':');
-        if (target == Nowhere)
-            cursor.passOver();
-        else if (enters(cursor, target, found))
+    const std::vector<Known> &known = nodes[level.node].known;
+    const std::string_view text = cursor.wholeText();
+    std::size_t at = cursor.position();
+    std::size_t following = level.following;
+    for (std::size_t commas = level.isFirst ? 0 : 1;; commas = 1) {
+        NodeNumber target = Nowhere;
+        if (following < known.size() && known[following].isAt(text, at + commas) &&
+            (commas == 0 || text[at] == ',')) {
+            at += commas + known[following].size();
+            target = known[following++].target();
+        } else {
+            cursor.goTo(at);
+            if (!cursor.nextName(commas == 0)) {
+                leave(cursor, found);
+                return;
+            }
+            target = takeName(cursor, level.node, following);
+            at = cursor.position();
+        }
+        at = cursor.tokenFrom(at);
+        if (target != Nowhere && leadsOn(target, text[at])) {
+            level.isFirst = false;
+            level.following = following;
+            cursor.goTo(at + 1);
+            enter(target, text[at], at, found);
             return;
+        }
+        const std::size_t begin = at;
+        at = cursor.endOfValue(begin);
+        if (target != Nowhere)
+            note(nodes[target], begin, at, found);
     }
-    complete(cursor, level.finds, found);
-    open.pop_back();
+}
+
+// Whether a path goes on in a value that begins so.
+inline bool FieldFinder::leadsOn(NodeNumber node, char first) const
+{
+    return (first == '{' || first == '[') && !nodes[node].children.empty();
+}
+
+void FieldFinder::enter(NodeNumber node, char first, std::size_t begin, std::vector<FoundField> &found)
+{
+    open.push_back({node, true, first == '[', 0, {found.size(), nodes[node].paths.size()}});
+    note(nodes[node], begin, begin, found); // the end is not known yet
+}
+
+inline void FieldFinder::note(const Node &node, std::size_t begin, std::size_t end,
+                              std::vector<FoundField> &found)
+{
+    for (const std::uint32_t path : node.paths)
+        found.push_back({path, static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(end - begin)});
+}
+
+// Takes what stands before a member's value, and puts the place of what is likely to come next into
+// `following`.
+FieldFinder::NodeNumber FieldFinder::takeName(JsonCursor &cursor, NodeNumber node, std::size_t &following)
+{
+    const std::vector<Known> &known = nodes[node].known;
+    for (std::size_t i = 0; i < known.size(); ++i) {
+        following = following < known.size() ? following : 0;
+        const Known &likely = known[following++];
+        if (likely.isAt(cursor.wholeText(), cursor.position())) {
+            cursor.goTo(cursor.position() + likely.size());
+            return likely.target();
+        }
+    }
+    return learnName(cursor, node, following);
+}
+
+FieldFinder::NodeNumber FieldFinder::learnName(JsonCursor &cursor, NodeNumber node, std::size_t &following)
+{
+    const std::size_t begin = cursor.position();
+    const NodeNumber target = targetOf(node, cursor.name());
+    cursor.take(':');
+    cursor.peek();
+    const std::string_view token = cursor.wholeText().substr(begin, cursor.position() - begin);
+    if (token.size() > MostKnownBytes)
+        return target;
+    std::vector<Known> &known = nodes[node].known;
+    if (known.size() < MostKnown)
+        known.emplace(known.begin() + static_cast<std::ptrdiff_t>(following), token, target);
+    else
+        known[following % MostKnown] = Known(token, target);
+    ++following;
+    return target;
 }
 
 // The same for arrays in one another.
@@ -101,79 +206,27 @@ void FieldFinder::readElements(JsonCursor &cursor, std::vector<FoundField> &foun
             level.isFirst = false;
             continue;
         }
-        const char first = cursor.peek();
+        const std::size_t begin = cursor.tokenFrom(cursor.position());
+        const char first = cursor.wholeText()[begin];
+        const bool isOpened = first == '{' || first == '[';
+        cursor.goTo(isOpened ? begin + 1 : cursor.endOfValue(begin));
         level.isFirst = first == '[';
+        level.arrays += first == '[';
         if (first == '{') {
-            cursor.take('{');
-            open.push_back({level.node, true, 0, 0, {}});
+            open.push_back({level.node, true, 0});
             return;
         }
-        if (first == '[') {
-            cursor.take('[');
-            ++level.arrays;
-        } else {
-            cursor.passOver();
-        }
     }
-    complete(cursor, level.finds, found);
-    open.pop_back();
+    leave(cursor, found);
 }
 
-// Documents of one index mostly have the same members in the same order, so a name is first compared with the
-// one that followed last time.
-FieldFinder::NodeNumber FieldFinder::takeName(JsonCursor &cursor, Level &level)
+// The innermost value came to its end.
+void FieldFinder::leave(const JsonCursor &cursor, std::vector<FoundField> &found)
 {
-    const std::vector<Known> &known = nodes[level.node].known;
-    for (std::size_t i = 0; i < known.size(); ++i) {
-        level.following = level.following < known.size() ? level.following : 0;
-        const Known &likely = known[level.following++];
-        if (cursor.takeIfNext(likely.token))
-            return likely.target;
-    }
-    return learnName(cursor, level);
-}
-
-FieldFinder::NodeNumber FieldFinder::learnName(JsonCursor &cursor, Level &level)
-{
-    cursor.peek();
-    const std::size_t begin = cursor.position();
-    const NodeNumber target = targetOf(level.node, cursor.name());
-    if (cursor.position() - begin > MostKnownBytes)
-        return target;
-    Known learnt = {std::string(cursor.from(begin)), target};
-    std::vector<Known> &known = nodes[level.node].known;
-    if (known.size() < MostKnown)
-        known.insert(known.begin() + static_cast<std::ptrdiff_t>(level.following), std::move(learnt));
-    else
-        known[level.following % MostKnown] = std::move(learnt);
-    ++level.following;
-    return target;
-}
-
-// Takes the value of a member that leads to the node, or, where a path goes on in it, its first bracket and
-// returns true.
-bool FieldFinder::enters(JsonCursor &cursor, NodeNumber number, std::vector<FoundField> &found)
-{
-    const Node &node = nodes[number];
-    const char first = cursor.peek();
-    const Finds finds = {found.size(), node.paths.size()};
-    for (const std::uint32_t path : node.paths)
-        found.push_back({path, static_cast<std::uint32_t>(cursor.position()), 0});
-    if (!node.children.empty() && (first == '{' || first == '[')) {
-        cursor.take(first);
-        open.push_back({number, true, first == '[', 0, finds});
-        return true;
-    }
-    cursor.passOver();
-    complete(cursor, finds, found);
-    return false;
-}
-
-// The value that was found comes to its end here.
-void FieldFinder::complete(const JsonCursor &cursor, Finds finds, std::vector<FoundField> &found)
-{
+    const Finds finds = open.back().finds;
     for (std::size_t place = finds.place; place < finds.place + finds.count; ++place)
         found[place].length = static_cast<std::uint32_t>(cursor.position()) - found[place].begin;
+    open.pop_back();
 }
 
 } // namespace zq::elasticsearch

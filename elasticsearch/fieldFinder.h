@@ -3,6 +3,7 @@
 
 #include "elasticsearch/jsonCursor.h"
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -25,8 +26,8 @@ struct FoundField {
 // from it are both found.
 //
 // Objects and arrays that a path leads through are held to the grammar; all other values as by
-// JsonCursor::passOver. No depth of the text is one of the stack's. Elasticsearch takes no document that has
-// a name twice in one object; here, both would be found.
+// JsonCursor::endOfValue. No depth of the text is one of the stack's. Elasticsearch takes no document that
+// has a name twice in one object; here, both would be found.
 class FieldFinder
 {
 public:
@@ -44,10 +45,26 @@ public:
 private:
     using NodeNumber = std::uint32_t;
 
-    // A name as it stood in a text, with its quotes, and where it leads.
-    struct Known {
+    // What stood between a comma or the brace of an object and the value of a member: blanks, the name, the
+    // colon.
+    class Known
+    {
+    public:
+        Known(std::string_view token, NodeNumber target);
+        // Whether it stands there; near the end of the text this may be denied.
+        bool isAt(std::string_view text, std::size_t position) const;
+        std::size_t size() const { return token.size(); }
+        NodeNumber target() const { return leadsTo; }
+
+    private:
+        using Head = std::array<std::uint64_t, 2>;
+
+        static Head headOf(const char *bytes);
+
+        Head head; // of the token
+        Head mask; // which of its bytes count
         std::string token;
-        NodeNumber target;
+        NodeNumber leadsTo;
     };
 
     // A path, or the beginning of one up to one of its dots; the first is the empty beginning.
@@ -55,7 +72,7 @@ private:
         std::string name; // the last one
         std::vector<NodeNumber> children;
         std::vector<std::uint32_t> paths; // those that end here
-        std::vector<Known> known;         // names in objects here, in their usual order
+        std::vector<Known> known;         // from objects here, in their usual order
     };
 
     // What was found with a value, among all that was found.
@@ -67,21 +84,23 @@ private:
     // What is being read: an object, or arrays in one another.
     struct Level {
         NodeNumber node;
-        bool isFirst;          // of the members or elements
-        std::size_t arrays;    // how many are open; 0: it is an object
-        std::size_t following; // place of the known name that is likely to come next
-        Finds finds;
+        bool isFirst;              // of the members or elements
+        std::size_t arrays;        // how many are open; 0: it is an object
+        std::size_t following = 0; // place of the known name that is likely to come next
+        Finds finds = {};
     };
 
     NodeNumber childOf(NodeNumber node, std::string_view name) const;
     NodeNumber add(NodeNumber node, std::string_view name);
     NodeNumber targetOf(NodeNumber node, std::string_view name) const;
-    NodeNumber takeName(JsonCursor &cursor, Level &level);
-    NodeNumber learnName(JsonCursor &cursor, Level &level);
     void readMembers(JsonCursor &cursor, std::vector<FoundField> &found);
     void readElements(JsonCursor &cursor, std::vector<FoundField> &found);
-    bool enters(JsonCursor &cursor, NodeNumber node, std::vector<FoundField> &found);
-    static void complete(const JsonCursor &cursor, Finds finds, std::vector<FoundField> &found);
+    bool leadsOn(NodeNumber node, char first) const;
+    void enter(NodeNumber node, char first, std::size_t begin, std::vector<FoundField> &found);
+    NodeNumber takeName(JsonCursor &cursor, NodeNumber node, std::size_t &following);
+    NodeNumber learnName(JsonCursor &cursor, NodeNumber node, std::size_t &following);
+    static void note(const Node &node, std::size_t begin, std::size_t end, std::vector<FoundField> &found);
+    void leave(const JsonCursor &cursor, std::vector<FoundField> &found);
 
     std::vector<Node> nodes;
     std::vector<Level> open; // no deeper than twice the names of a path

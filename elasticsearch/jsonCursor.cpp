@@ -75,62 +75,59 @@ void JsonCursor::decodeName(std::string_view &name)
         name = decodedName;
 }
 
-void JsonCursor::skipDigits()
+std::size_t JsonCursor::endOfDigits(std::size_t begin) const
 {
-    if (at < text.size() && !isDigit(text[at]))
-        throw JsonError("digit expected", at);
-    while (at < text.size() && isDigit(text[at]))
-        ++at;
-    if (at == text.size())
+    std::size_t end = begin;
+    while (end < text.size() && isDigit(text[end]))
+        ++end;
+    if (end == text.size())
         throw JsonNeedsMore(); // nothing says that the number ends here
+    if (end == begin)
+        throw JsonError("digit expected", begin);
+    return end;
 }
 
-void JsonCursor::skipNumber()
+std::size_t JsonCursor::endOfNumber(std::size_t begin) const
 {
-    if (text[at] == '-')
-        ++at;
-    const bool isZero = at < text.size() && text[at] == '0';
-    const std::size_t begin = at;
-    skipDigits();
-    if (isZero && at > begin + 1)
-        throw JsonError("number with a leading zero", begin);
-    if (text[at] == '.') {
-        ++at;
-        skipDigits();
+    const std::size_t whole = begin + (text[begin] == '-' ? 1 : 0);
+    std::size_t end = endOfDigits(whole);
+    if (text[whole] == '0' && end > whole + 1)
+        throw JsonError("number with a leading zero", whole);
+    if (text[end] == '.')
+        end = endOfDigits(end + 1);
+    if (text[end] == 'e' || text[end] == 'E') {
+        ++end;
+        if (end < text.size() && (text[end] == '+' || text[end] == '-'))
+            ++end;
+        end = endOfDigits(end);
     }
-    if (text[at] == 'e' || text[at] == 'E') {
-        ++at;
-        if (at < text.size() && (text[at] == '+' || text[at] == '-'))
-            ++at;
-        skipDigits();
-    }
+    return end;
 }
 
-void JsonCursor::skipWord(std::string_view word)
+std::size_t JsonCursor::endOfWord(std::size_t begin, std::string_view word) const
 {
-    const std::string_view found = text.substr(at, word.size());
+    const std::string_view found = text.substr(begin, word.size());
     if (found != word.substr(0, found.size()))
-        throw JsonError("unknown word", at);
+        throw JsonError("unknown word", begin);
     if (found.size() < word.size())
         throw JsonNeedsMore();
-    at += word.size();
+    return begin + word.size();
 }
 
-std::string_view JsonCursor::scalar()
+std::size_t JsonCursor::endOfScalar(std::size_t begin) const
 {
-    const char first = peek();
-    const std::size_t begin = at;
-    if (first == 't')
-        skipWord("true");
-    else if (first == 'f')
-        skipWord("false");
-    else if (first == 'n')
-        skipWord("null");
-    else if (first == '-' || isDigit(first))
-        skipNumber();
-    else
-        throw JsonError("value expected", at);
-    return from(begin);
+    switch (const char first = text[begin]) {
+    case 't':
+        return endOfWord(begin, "true");
+    case 'f':
+        return endOfWord(begin, "false");
+    case 'n':
+        return endOfWord(begin, "null");
+    default:
+        if (first != '-' && !isDigit(first))
+            throw JsonError("value expected", begin);
+        return endOfNumber(begin);
+    }
 }
 
 std::string_view JsonCursor::value()
@@ -173,12 +170,11 @@ bool JsonCursor::closesValue(std::string &open)
     return !goesOn;
 }
 
-std::string_view JsonCursor::container()
+std::size_t JsonCursor::endOfContainer(std::size_t begin) const
 {
-    const char first = peek();
-    if (first != '{' && first != '[')
-        throw JsonError("object or array expected", at);
-    const std::size_t begin = at;
+    if (text[begin] != '{' && text[begin] != '[')
+        throw JsonError("object or array expected", begin);
+    std::size_t last = begin;
     std::ptrdiff_t objects = 0;
     std::ptrdiff_t arrays = 0;
     const bool isClosed = structure->findBracket(begin, [&](std::size_t position) {
@@ -186,15 +182,14 @@ std::string_view JsonCursor::container()
         // Sums instead of branches: which bracket comes next is nothing a processor could foresee.
         objects += (bracket == '{') - (bracket == '}');
         arrays += (bracket == '[') - (bracket == ']');
-        at = position;
+        last = position;
         return objects + arrays == 0;
     });
     if (!isClosed)
         throw JsonNeedsMore();
     if (objects != 0)
-        throw JsonError("brackets that do not match", at);
-    ++at;
-    return from(begin);
+        throw JsonError("brackets that do not match", last);
+    return last + 1;
 }
 
 } // namespace zq::elasticsearch

@@ -5,7 +5,6 @@
 #include "elasticsearch/jsonStructure.h"
 
 #include <cstddef>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -57,8 +56,6 @@ public:
     // be, and good until the next one is asked for.
     bool nextName(bool isFirst) { return nextIn('}', isFirst); }
     std::string_view name();
-    // Takes the bytes, if it is they that come next.
-    bool takeIfNext(std::string_view bytes);
 
     // A string; returns what stands between the quotes, whose escapes are valid but not decoded.
     std::string_view string();
@@ -69,21 +66,29 @@ public:
     // An object or array, as it stands. Of what is inside only strings and the balance of the brackets are
     // looked at.
     std::string_view container();
-    // Any value, as it stands. Of a string only the end is looked for, a container is one of container().
-    std::string_view passOver();
-    // What was read from that position on.
-    std::string_view from(std::size_t begin) const { return {text.data() + begin, at - begin}; }
+
+    // For those who know more than the cursor. The text, another place in it, and, from a place on that need
+    // not be the cursor's: the first byte of the next token, and the end of the value that begins right
+    // there. Of a string only the end is looked for, a container is one of container().
+    std::string_view wholeText() const { return text; }
+    void goTo(std::size_t position) { at = position; }
+    std::size_t tokenFrom(std::size_t position) const;
+    std::size_t endOfValue(std::size_t begin) const;
 
 private:
+    static bool isBlank(char byte) { return byte == ' ' || byte == '\n' || byte == '\r' || byte == '\t'; }
+    std::string_view from(std::size_t begin) const { return {text.data() + begin, at - begin}; }
     void skipBlanks();
-    void skipDigits();
+    std::size_t endOfScalar(std::size_t begin) const;
+    std::size_t endOfContainer(std::size_t begin) const;
+    std::size_t endOfNumber(std::size_t begin) const;
+    std::size_t endOfDigits(std::size_t begin) const;
+    std::size_t endOfWord(std::size_t begin, std::string_view word) const;
     bool nextIn(char closing, bool isFirst);
     bool takeMember(bool isFirst, std::string_view &name);
     std::size_t closingQuote(std::size_t begin) const;
     void checkString(std::size_t begin, std::size_t end);
     void decodeName(std::string_view &name);
-    void skipNumber();
-    void skipWord(std::string_view word);
     bool closesValue(std::string &open);
 
     std::string_view text;
@@ -106,7 +111,7 @@ void forEachMember(JsonCursor &cursor, Take &&take)
 
 inline void JsonCursor::skipBlanks()
 {
-    while (at < text.size() && (text[at] == ' ' || text[at] == '\n' || text[at] == '\r' || text[at] == '\t'))
+    while (at < text.size() && isBlank(text[at]))
         ++at;
 }
 
@@ -162,15 +167,6 @@ inline std::string_view JsonCursor::name()
     return name;
 }
 
-inline bool JsonCursor::takeIfNext(std::string_view bytes)
-{
-    skipBlanks();
-    if (text.size() - at < bytes.size() || std::memcmp(text.data() + at, bytes.data(), bytes.size()) != 0)
-        return false;
-    at += bytes.size();
-    return true;
-}
-
 inline std::size_t JsonCursor::closingQuote(std::size_t begin) const
 {
     const std::size_t end = structure->nextClosingQuote(begin);
@@ -189,16 +185,35 @@ inline std::string_view JsonCursor::string()
     return {text.data() + begin, end - begin};
 }
 
-inline std::string_view JsonCursor::passOver()
+inline std::string_view JsonCursor::scalar()
 {
-    const char first = peek();
-    const std::size_t begin = at;
-    if (first == '{' || first == '[')
-        return container();
-    if (first != '"')
-        return scalar();
-    at = closingQuote(begin + 1) + 1;
+    const std::size_t begin = tokenFrom(at);
+    at = endOfScalar(begin);
     return from(begin);
+}
+
+inline std::string_view JsonCursor::container()
+{
+    const std::size_t begin = tokenFrom(at);
+    at = endOfContainer(begin);
+    return from(begin);
+}
+
+inline std::size_t JsonCursor::tokenFrom(std::size_t position) const
+{
+    while (position < text.size() && isBlank(text[position]))
+        ++position;
+    if (position == text.size())
+        throw JsonNeedsMore();
+    return position;
+}
+
+inline std::size_t JsonCursor::endOfValue(std::size_t begin) const
+{
+    const char first = text[begin];
+    if (first == '"')
+        return closingQuote(begin + 1) + 1;
+    return first == '{' || first == '[' ? endOfContainer(begin) : endOfScalar(begin);
 }
 
 } // namespace zq::elasticsearch

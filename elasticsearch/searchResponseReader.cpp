@@ -334,7 +334,7 @@ std::string_view SearchResponseReader::readSource(JsonCursor &cursor)
         return cursor.container();
     const std::size_t begin = cursor.position();
     finder.read(cursor, fields);
-    return cursor.from(begin);
+    return text().substr(begin, cursor.position() - begin);
 }
 
 } // namespace zq::elasticsearch

@@ -82,10 +82,9 @@ int acquireSampleRows(Relation relation, int, HeapTuple *rows, int wanted, doubl
 bool analyzeForeignTable(Relation relation, AcquireSampleRowsFunc *acquire, BlockNumber *pages)
 {
     guardEntry([&] {
-        search::HitStream count = sampleOf(readOptions(RelationGetRelid(relation), GetUserId()), {}, 1);
-        count.next();
-        count.close();
-        const double blocks = static_cast<double>(count.matching()) * BytesOfADocument / BLCKSZ;
+        const TableOptions options = readOptions(RelationGetRelid(relation), GetUserId());
+        const auto documents = static_cast<double>(sampleOf(options, {}, 0).count());
+        const double blocks = documents * BytesOfADocument / BLCKSZ;
         *pages = static_cast<BlockNumber>(std::clamp(blocks, 1.0, 4e9));
     });
     *acquire = acquireSampleRows;

@@ -121,9 +121,7 @@ http::Request shownRequest(ForeignScanState *node, ExplainState *state, const Ta
 {
     const PlanData plan = callServer(
         [&] { return unpackPlanData(reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fdw_private); });
-    Bitmapset *attributes = callServer([&] { return attributeSetOf(plan); });
-    const std::vector<Column> columns =
-        readColumns(RelationGetDescr(node->ss.ss_currentRelation), attributes);
+    const std::vector<Column> columns = columnsOfScan(node, plan);
     ShownConditions shown(node, state, columns);
     ListCell *cell;
     foreach (cell, plan.conditions)
@@ -144,13 +142,23 @@ http::Request shownRequest(ForeignScanState *node, ExplainState *state, const Ta
 
 void showRequest(ForeignScanState *node, ExplainState *state)
 {
-    const TableOptions options = readTableOptions(RelationGetRelid(node->ss.ss_currentRelation));
+    const TableOptions options = readTableOptions(server::entryOfScan(node)->relid);
     const http::Request first = shownRequest(node, state, options);
     const std::string line = search::describe(first);
     callServer([&] {
         ExplainPropertyText("Search", server::utf8ToMessage(line.c_str()), state);
         ExplainPropertyText("Body", server::utf8ToMessage(first.body.c_str()), state);
     });
+}
+
+// [server side] The server names a relation that it opens, and a count has none.
+void showCounted(ForeignScanState *node, ExplainState *state)
+{
+    const Oid table = server::entryOfScan(node)->relid;
+    const char *name = get_rel_name(table);
+    name = state->verbose ? quote_qualified_identifier(get_namespace_name(get_rel_namespace(table)), name)
+                          : quote_identifier(name);
+    ExplainPropertyText("Count of", name, state);
 }
 
 void showStatistics(const search::Statistics &spent, ExplainState *state)
@@ -168,6 +176,8 @@ void showStatistics(const search::Statistics &spent, ExplainState *state)
 void explainForeignScan(ForeignScanState *node, ExplainState *state)
 {
     guardEntry([&] {
+        if (!node->ss.ss_currentRelation)
+            callServer([&] { showCounted(node, state); });
         if (state->verbose)
             showRequest(node, state);
         if (!state->analyze)

@@ -10,7 +10,7 @@ namespace qm::extension
 struct PlanData {
     List *attributes;    // integers: the attributes that the query uses, as pull_varattnos numbers them
     List *conditions;    // packed ones; their values are the plan's fdw_exprs, in this order
-    int64 limit;         // rows that are enough; -1: all are wanted
+    int64 limit;         // rows that are enough; -1: all are wanted; 0: their number is
     bool limitIsByScore; // they are those of the highest scores
     int64 rowsHint;      // rows that the query is likely to read first; 0: all
     bool isSmall;        // the result is likely to fit into a page

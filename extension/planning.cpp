@@ -2,6 +2,7 @@
 // it can be steered, and the plan of it.
 #include "server/errorBoundary.h"
 
+#include "extension/countPath.h"
 #include "extension/limit.h"
 #include "extension/options.h"
 #include "extension/planData.h"
@@ -34,11 +35,6 @@ constexpr double QuerySelectivity = 0.005;
 
 Estimates &estimatesOf(RelOptInfo *relation) { return *static_cast<Estimates *>(relation->fdw_private); }
 
-ScannedRelation scannedRelation(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
-{
-    return {root, relation, tableId, estimatesOf(relation).columns};
-}
-
 [[noreturn]] void refuseParam()
 {
     ereport(ERROR, (errcode(ERRCODE_FEATURE_NOT_SUPPORTED),
@@ -48,6 +44,16 @@ ScannedRelation scannedRelation(PlannerInfo *root, RelOptInfo *relation, Oid tab
                             "in one OR, no table that is joined later.")));
     pg_unreachable();
 }
+
+} // namespace
+
+ScannedRelation scannedRelation(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
+{
+    return {root, relation, tableId, estimatesOf(relation).columns};
+}
+
+namespace
+{
 
 // ---- size ------------------------------------------------------------------------------------------------
 
@@ -367,7 +373,17 @@ void getForeignPaths(PlannerInfo *root, RelOptInfo *relation, Oid tableId)
 ForeignScan *getForeignPlan(PlannerInfo *root, RelOptInfo *relation, Oid tableId, ForeignPath *path,
                             List *targetList, List *scanClauses, Plan *)
 {
+    if (relation->reloptkind == RELOPT_UPPER_REL)
+        return makeCountPlan(path, targetList);
     return makePlan(scannedRelation(root, relation, tableId), path, targetList, scanClauses);
+}
+
+bool findExactConditions(const ScannedRelation &scanned, List *&conditions, List *&expressions)
+{
+    const Sorted sorted = sortClauses(scanned, scanned.relation->baserestrictinfo);
+    conditions = sorted.conditions;
+    expressions = sorted.expressions;
+    return sorted.isExact;
 }
 
 } // namespace qm::extension

@@ -40,6 +40,7 @@ public:
 
 private:
     void begin();
+    void takeCount(TupleTableSlot *slot);
     bool goToNextHit();
 
     ForeignScanState *const node;
@@ -56,13 +57,14 @@ private:
 
 ForeignScan *planOf(ForeignScanState *node) { return reinterpret_cast<ForeignScan *>(node->ss.ps.plan); }
 
+// Whether the scan returns the number of hits in place of them.
+bool isCount(ForeignScanState *node) { return planOf(node)->scan.scanrelid == 0; }
+
 Scan::Scan(ForeignScanState *node, MemoryContext context)
     : context(context), node(node),
       plan(callServer([&] { return unpackPlanData(planOf(node)->fdw_private); })),
       expressions(callServer([&] { return ExecInitExprList(planOf(node)->fdw_exprs, &node->ss.ps); })),
-      row(readColumns(RelationGetDescr(node->ss.ss_currentRelation),
-                      callServer([&] { return attributeSetOf(plan); })),
-          context)
+      row(columnsOfScan(node, plan), context)
 {
 }
 
@@ -74,8 +76,7 @@ void Scan::begin()
         evaluateConditions(plan.conditions, expressions, node->ss.ps.ps_ExprContext, row.columns());
     if (values.findsNothing)
         return;
-    const TableOptions options =
-        readOptions(RelationGetRelid(node->ss.ss_currentRelation), server::userOfScan(node));
+    const TableOptions options = readOptions(server::entryOfScan(node)->relid, server::userOfScan(node));
     const Parameters parameters = readParameters(values.params.value_or(std::vector<std::string>()));
     row.setCompressionLevel(parameters.compressionLevel.value_or(options.compressionLevel));
     row.setNullsBadValues(options.nullsBadValues);
@@ -112,12 +113,28 @@ search::Statistics Scan::statistics() const
 
 void Scan::next(TupleTableSlot *slot)
 {
-    if (!hasBegun)
+    const bool isFirst = !hasBegun;
+    if (isFirst)
         begin();
+    if (isCount(node)) {
+        if (isFirst)
+            takeCount(slot);
+        return;
+    }
     if (!goToNextHit())
         return;
     row.make(*hits, slot->tts_tupleDescriptor->natts, slot->tts_values, slot->tts_isnull);
     callServer([&] { ExecStoreVirtualTuple(slot); });
+}
+
+void Scan::takeCount(TupleTableSlot *slot)
+{
+    const std::int64_t count = hits ? hits->count() : 0;
+    callServer([&] {
+        slot->tts_values[0] = Int64GetDatum(count);
+        slot->tts_isnull[0] = false;
+        ExecStoreVirtualTuple(slot);
+    });
 }
 
 bool Scan::goToNextHit()
@@ -161,6 +178,18 @@ TupleTableSlot *iterateForeignScan(ForeignScanState *node)
     return slot;
 }
 
+// A row of a table that changed meanwhile is looked at again with the same documents. A count has no row of a
+// table; many releases ask here for what it returns where it is in a sub-select of such a query.
+bool recheckForeignScan(ForeignScanState *node, TupleTableSlot *slot)
+{
+    if (!isCount(node))
+        return true;
+    const MemoryContext caller = MemoryContextSwitchTo(node->ss.ps.ps_ExprContext->ecxt_per_tuple_memory);
+    iterateForeignScan(node);
+    MemoryContextSwitchTo(caller);
+    return !TupIsNull(slot);
+}
+
 void reScanForeignScan(ForeignScanState *node)
 {
     guardEntry([&] { scanOf(node)->restart(); });
@@ -175,6 +204,14 @@ void endForeignScan(ForeignScanState *node)
         MemoryContextDelete(scanOf(node)->context);
         scanOf(node) = nullptr;
     });
+}
+
+std::vector<Column> columnsOfScan(ForeignScanState *node, const PlanData &plan)
+{
+    if (isCount(node))
+        return {};
+    return readColumns(RelationGetDescr(node->ss.ss_currentRelation),
+                       callServer([&] { return attributeSetOf(plan); }));
 }
 
 search::Statistics statisticsOf(ForeignScanState *node)

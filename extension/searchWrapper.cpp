@@ -2,6 +2,7 @@
 #include "server/errorBoundary.h"
 
 #include "extension/analyze.h"
+#include "extension/countPath.h"
 #include "extension/explain.h"
 #include "extension/importSchema.h"
 #include "extension/options.h"
@@ -22,9 +23,11 @@ Datum veltranesearch_handler(PG_FUNCTION_ARGS)
     routine->GetForeignRelSize = qm::extension::getForeignRelSize;
     routine->GetForeignPaths = qm::extension::getForeignPaths;
     routine->GetForeignPlan = qm::extension::getForeignPlan;
+    qm::server::setUpperPaths<qm::extension::getForeignUpperPaths>(routine);
     routine->BeginForeignScan = qm::extension::beginForeignScan;
     routine->IterateForeignScan = qm::extension::iterateForeignScan;
     routine->ReScanForeignScan = qm::extension::reScanForeignScan;
+    routine->RecheckForeignScan = qm::extension::recheckForeignScan;
     routine->EndForeignScan = qm::extension::endForeignScan;
     routine->ExplainForeignScan = qm::extension::explainForeignScan;
     routine->AnalyzeForeignTable = qm::extension::analyzeForeignTable;

@@ -143,10 +143,8 @@ bool HitStream::beginPart()
             state = State::Done;
             return false;
         }
-        const std::vector<std::string> part = idsFrom(*request.ids, idsTaken);
-        filter = idFilter(part);
-        idsTaken += part.size();
-        searchOnce(std::min(static_cast<std::int64_t>(part.size()), wanted()));
+        const std::int64_t taken = takeIds();
+        searchOnce(std::min(taken, wanted()));
     } else if (state != State::NotBegun) {
         state = State::Done;
         return false;
@@ -158,6 +156,34 @@ bool HitStream::beginPart()
         openScroll();
     }
     return true;
+}
+
+// Makes the next ids the filter; returns how many they are.
+std::int64_t HitStream::takeIds()
+{
+    const std::vector<std::string> part = idsFrom(*request.ids, idsTaken);
+    filter = idFilter(part);
+    idsTaken += part.size();
+    return static_cast<std::int64_t>(part.size());
+}
+
+// No document has two ids: what the parts find adds up.
+std::int64_t HitStream::count()
+{
+    std::int64_t sum = 0;
+    do {
+        if (request.ids)
+            takeIds();
+        const http::Request search = searchFor(cluster, request, filter, 0);
+        exchange(search);
+        checkTotal(search);
+        if (received > 0)
+            throw unreadable(search, "hits where none were asked for");
+        if (reader.summary().total > INT64_MAX - sum)
+            throw unreadable(search, "a total that cannot be");
+        sum += reader.summary().total;
+    } while (request.ids && idsTaken < request.ids->size());
+    return sum;
 }
 
 void HitStream::endPart()

@@ -35,7 +35,7 @@ struct Statistics {
 // How the hits are fetched.
 struct Paging {
     std::int64_t pageSize = 1000;  // hits a page
-    std::int64_t limit = -1;       // so many hits are enough; -1: all are wanted
+    std::int64_t limit = -1;       // so many hits are enough; -1: all are wanted; 0: a count
     bool limitIsByScore = false;   // and they are those of the highest scores
     bool isSmall = false;          // the result is likely to fit into a page
     bool toleratesPartial = false; // a response that lacks hits is worth a warning only
@@ -66,6 +66,8 @@ public:
     // The values in the hit's source of the request's fields; the text as above.
     std::size_t fieldCount() const { return reader.fieldCount(current); }
     zq::elasticsearch::FieldValue field(std::size_t i) const { return reader.field(current, i); }
+    // In place of the hits their number, for which none is fetched.
+    std::int64_t count();
     // Ends the stream: deletes an open scroll context.
     void close() noexcept;
 
@@ -80,6 +82,7 @@ private:
 
     bool fetch();
     bool beginPart();
+    std::int64_t takeIds();
     void searchOnce(std::int64_t size);
     void openScroll();
     bool nextPage();

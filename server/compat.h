@@ -96,6 +96,38 @@ inline ForeignPath *createForeignScanPath(PlannerInfo *root, RelOptInfo *relatio
 #endif
 }
 
+// A path that makes the one row of an aggregate over a relation. Before version 12 there was one function for
+// all paths.
+inline ForeignPath *createForeignUpperPath(PlannerInfo *root, RelOptInfo *relation, PathTarget *target,
+                                           Cost startupCost, Cost totalCost, List *privateData)
+{
+#if PG_VERSION_NUM >= 180000
+    return create_foreign_upper_path(root, relation, target, 1, 0, startupCost, totalCost, NIL, nullptr, NIL,
+                                     privateData);
+#elif PG_VERSION_NUM >= 170000
+    return create_foreign_upper_path(root, relation, target, 1, startupCost, totalCost, NIL, nullptr, NIL,
+                                     privateData);
+#elif PG_VERSION_NUM >= 120000
+    return create_foreign_upper_path(root, relation, target, 1, startupCost, totalCost, NIL, nullptr,
+                                     privateData);
+#else
+    return create_foreignscan_path(root, relation, target, 1, startupCost, totalCost, NIL, nullptr, nullptr,
+                                   privateData);
+#endif
+}
+
+// Makes the function a wrapper's GetForeignUpperPaths, which is told more from version 11 on.
+template <void (*callback)(PlannerInfo *, UpperRelationKind, RelOptInfo *, RelOptInfo *)>
+void setUpperPaths(FdwRoutine *routine)
+{
+#if PG_VERSION_NUM >= 110000
+    routine->GetForeignUpperPaths = [](PlannerInfo *root, UpperRelationKind stage, RelOptInfo *input,
+                                       RelOptInfo *output, void *) { callback(root, stage, input, output); };
+#else
+    routine->GetForeignUpperPaths = callback;
+#endif
+}
+
 // The relations whose columns the expression uses.
 inline Relids pullVarnos([[maybe_unused]] PlannerInfo *root, Node *expression)
 {
@@ -164,6 +196,18 @@ inline bool limitKeepsTies([[maybe_unused]] const Query *query)
 #endif
 }
 
+// What the query says of the table that is scanned, also where the scan returns something else than its rows.
+// From version 16 on outer joins have numbers as well.
+inline RangeTblEntry *entryOfScan(ForeignScanState *node)
+{
+#if PG_VERSION_NUM >= 160000
+    const Bitmapset *relations = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fs_base_relids;
+#else
+    const Bitmapset *relations = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->fs_relids;
+#endif
+    return rt_fetch(bms_next_member(relations, -1), node->ss.ps.state->es_range_table);
+}
+
 // The user whose rights the scan has: not the caller's where it is within a view. From version 16 on the plan
 // knows it.
 inline Oid userOfScan(ForeignScanState *node)
@@ -171,8 +215,7 @@ inline Oid userOfScan(ForeignScanState *node)
 #if PG_VERSION_NUM >= 160000
     const Oid user = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->checkAsUser;
 #else
-    const Index relation = reinterpret_cast<ForeignScan *>(node->ss.ps.plan)->scan.scanrelid;
-    const Oid user = rt_fetch(relation, node->ss.ps.state->es_range_table)->checkAsUser;
+    const Oid user = entryOfScan(node)->checkAsUser;
 #endif
     return OidIsValid(user) ? user : GetUserId();
 }

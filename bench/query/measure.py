@@ -18,6 +18,9 @@ PAGE = 1000
 KINDS = ("300B", "2KB", "20KB", "dense")
 RAW = -2  # the compression level that leaves contents as they are
 MATCH_ALL = """param = 'query={"match_all":{}}'"""
+# The fields that the measure of the reader takes of such documents, too.
+FIELDS = {"sku": "text", "title": "text", "author.name": "text", "year": "int", "publisher": "text", "price": "float8",
+          "tags": "text[]", "active": "bool", "created": "timestamptz", "shelf": "text"}
 COUNT = "SELECT count(doccontent) FROM {}"
 COPY = "COPY (SELECT docname, doccontent FROM {}) TO '/dev/null'"
 
@@ -132,6 +135,25 @@ class Measuring:
                     show("small", query=name, kind=kind, level=level, **times,
                          deflate_milliseconds=round(deflate * 1000, 4), jit=jit)
 
+    def columns(self):
+        """Ten fields as typed columns, the same out of the whole source as jsonb, and rows that show neither."""
+        documents = 10_000 if self.quick else 100_000
+        index = f"fields-{documents}"
+        say(f"columns: {index}")
+        paths = {field: "{" + field.replace(".", ",") + "}" for field in FIELDS}
+        statements = {"ids": "count(docname)", "columns": ", ".join(f'count("{field}")' for field in FIELDS),
+                      "jsonb": ", ".join(f"count(doccontent#>>'{path}')" for path in paths.values())}
+        with self.programs.page_server() as port, ExitStack() as stack:
+            backend = self.backend(stack)
+            backend.make_field_table("fielded", port, index, FIELDS)
+            found = [backend.run(f"SELECT {statements[name]} FROM fielded") for name in ("columns", "jsonb")]
+            if found[0] != found[1] or found[0][0][0] != documents:
+                raise RuntimeError(f"{index}: {found}")
+            actions = {name: lambda text=f"SELECT {what} FROM fielded": backend.seconds(text)
+                       for name, what in statements.items()}
+            times = in_turn(self.rounds, {"fetch": lambda: self.programs.fetch_seconds(port, index, documents, PAGE), **actions})
+            show("columns", documents=documents, **times)
+
     def growth(self):
         """Time and memory as the result grows."""
         with self.programs.page_server() as port:
@@ -172,7 +194,7 @@ class Measuring:
 
 
 def main():
-    sections = ("query", "small", "growth", "batch")
+    sections = ("query", "columns", "small", "growth", "batch")
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, metavar="DIR", help="a build with the module and bench/")
     parser.add_argument("--quick", action="store_true", help="fewer documents and rounds")

@@ -64,8 +64,8 @@ std::string termAggReader(std::string_view input)
 
 std::string searchResponse(std::string_view input)
 {
-    ExactReaders readers(1);
-    return exactDifferenceIn(readers, chunksOf(input));
+    ExactReaders readers(1), finders(1, {"a", "a.b", "type", "text", "k.k", ""});
+    return exactDifferenceIn(readers, chunksOf(input)) + exactDifferenceIn(finders, chunksOf(input));
 }
 
 std::string idDecoder(std::string_view input)

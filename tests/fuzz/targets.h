@@ -10,7 +10,8 @@
 // whole.
 std::string searchReader(std::string_view input);
 std::string termAggReader(std::string_view input);
-// The exact reader against its reference reader; the input is as above. The text is taken for a source too.
+// The exact reader against its reference reader, with fields to look for and without; the input is as above.
+// The text is taken for a source too.
 std::string searchResponse(std::string_view input);
 // The decoders of strings; the input is what stands between the quotes.
 std::string idDecoder(std::string_view input);

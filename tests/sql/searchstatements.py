@@ -141,6 +141,14 @@ class SearchStatements(Statements):
                            "FETCH FIRST 3 ROWS WITH TIES" if "docname" not in order and self.wide else "LIMIT 9")
         return f"SELECT {shown} {self.found('b')} ORDER BY {order} {tail}"
 
+    def counted(self):
+        """The number of documents, which the search tells where nothing else decides on them."""
+        found = self.one_of(f"FROM {self.source('b')} WHERE {self.steering('b')}", lambda: self.found("b"))
+        return self.one_of(f"SELECT count(*) {found}", f"SELECT count(*) + 1, 'x', count(*) {found} ORDER BY 1",
+                           f"SELECT l.n, (SELECT count(*) {found} AND b.docname = l.name) FROM local_rows l",
+                           f"SELECT l.n, s.c FROM local_rows l, LATERAL (SELECT count(*) AS c {found} AND l.n > 2) s",
+                           f"SELECT count(*) FROM (SELECT b.score {found} LIMIT 3) s", f"SELECT count(*) {found} HAVING count(*) > 3")
+
     def look_up(self):
         kind = self.random.choice(["JOIN", "LEFT JOIN", "RIGHT JOIN", "FULL JOIN"])
         return (f"SELECT l.n, s.* FROM (SELECT * FROM local_rows WHERE n < {self.random.randint(0, 14)}) l {kind} "
@@ -182,7 +190,7 @@ class SearchStatements(Statements):
 
     def prepared(self):
         self.known = {"docname": ["$1", "$1", "$2"], "doctype": ["$2"]}
-        made = self.one_of(self.plain, self.look_up, self.best, self.grouped, self.whole)
+        made = self.one_of(self.plain, self.look_up, self.best, self.grouped, self.whole, self.counted)
         self.known = {}
         values = [self.random.choice(["'book'", "NULL", "'d008'", "'7'", "'d014'", "''"]) for _ in range(13)]
         return f"PREPARE p(text, text) AS {made}; " + "; ".join(
@@ -195,5 +203,5 @@ class SearchStatements(Statements):
                 f"{self.random.choice(['FETCH ALL FROM c; ', ''])}CLOSE c")
 
     def any(self):
-        return self.one_of(super().any, self.best, self.look_up, self.lateral_look_up, self.steered_by_join, self.existing,
+        return self.one_of(super().any, self.best, self.counted, self.look_up, self.lateral_look_up, self.steered_by_join, self.existing,
                            self.locked, self.whole, self.merged, self.prepared, self.cursor)

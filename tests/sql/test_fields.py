@@ -120,7 +120,7 @@ def test_sources(one_field, scripted):
     scripted.script = response(hits(whole))
     for columns, values, source in [("v", (1,), {"includes": ["v"]}), ("w, v, v2", (2, 1, "1"), {"includes": ["a.b", "v"]}),
                                     ("doctype, w", ("t", 2), {"includes": ["a.b", "type"]}),
-                                    ("v, doccontent->'a'->'b'", (1, 2), True), ("count(*)", (1,), False)]:
+                                    ("v, doccontent->'a'->'b'", (1, 2), True), ("param", (None,), False)]:
         scripted.requests.clear()
         assert one_field.run(f"SELECT {columns} FROM docs") == [values]
         assert json.loads(scripted.requests[0].body)["_source"] == source, columns

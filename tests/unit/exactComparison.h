@@ -76,22 +76,32 @@ std::string shown(const Reader &reader)
         const std::string_view source = reader.member(hit, HitMember::Source);
         const auto type = source.empty() ? std::nullopt : Reader::typeOf(source);
         text += type ? " type " + *type : "";
+        for (std::size_t i = 0; i < reader.fieldCount(hit); ++i)
+            text.append(" #")
+                .append(std::to_string(reader.field(hit, i).path))
+                .append(" ")
+                .append(reader.field(hit, i).value);
     }
     return text;
 }
 
-inline std::string expectedOf(std::string_view response) { return shown(ReferenceResponseReader(response)); }
+inline std::string expectedOf(std::string_view response, const std::vector<std::string> &paths = {})
+{
+    return shown(ReferenceResponseReader(response, paths));
+}
 
 // Exact readers, one for each scanner, that are given the same responses one after the other.
 class ExactReaders
 {
 public:
-    // They look at what has arrived after each `stride` bytes.
-    explicit ExactReaders(std::size_t stride)
+    // They look at what has arrived after each `stride` bytes, and for the fields of these paths.
+    explicit ExactReaders(std::size_t stride, const std::vector<std::string> &paths = {}) : paths(paths)
     {
         for (const zq::elasticsearch::BlockScanner &scanner : zq::elasticsearch::blockScanners())
-            readers.emplace_back(scanner, stride);
+            readers.emplace_back(scanner, stride).lookFor(paths);
     }
+
+    std::string expectedOf(std::string_view response) const { return ::expectedOf(response, paths); }
 
     // Where they differ from what is expected of a response in these chunks, or nothing.
     std::string differenceFrom(const std::string &expected, const std::vector<std::string_view> &chunks)
@@ -113,6 +123,7 @@ public:
     }
 
 private:
+    const std::vector<std::string> paths;
     std::deque<ExactReader> readers;
 };
 
@@ -123,7 +134,7 @@ inline std::string exactDifferenceIn(ExactReaders &readers, const std::vector<st
     std::string text;
     for (const std::string_view chunk : chunks)
         text += chunk;
-    const std::string expected = expectedOf(text);
+    const std::string expected = readers.expectedOf(text);
     const std::string difference =
         readers.differenceFrom(expected, chunks) + readers.differenceFrom(expected, {text});
     return ExactReader::typeOf(text) == ReferenceResponseReader::typeOf(text) ? difference

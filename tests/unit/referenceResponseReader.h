@@ -180,6 +180,20 @@ struct PlainJson {
         return text.substr(begin, at - begin);
     }
 
+    // A value, of whose strings only the end counts.
+    std::string_view anyValue()
+    {
+        if (next() == '{' || here() == '[')
+            return container();
+        if (here() != '"')
+            return scalar();
+        const std::size_t begin = at++;
+        for (; here() != '"'; ++at)
+            at += here() == '\\';
+        ++at;
+        return text.substr(begin, at - begin);
+    }
+
     // An object or array up to where as many brackets are closed as opened; a quote behind a backslash is
     // none.
     std::string_view container()
@@ -207,6 +221,41 @@ struct PlainJson {
     }
 };
 
+// Looks for the paths in an object: a value's own path is the names that led to it, joined by dots.
+struct ReferenceFinder {
+    PlainJson &json;
+    const std::vector<std::string> &paths;
+    std::vector<zq::elasticsearch::FieldValue> &found;
+
+    // Of an object or array; `before` are the names that led to it, each with a dot.
+    void inside(const std::string &before)
+    {
+        if (json.next() == '{')
+            json.members([&](const std::string &name) { value(before + name); });
+        else
+            json.elements([&] { json.isAt("{[") ? inside(before) : void(json.anyValue()); });
+    }
+
+    void value(const std::string &path)
+    {
+        json.next();
+        const std::size_t begin = json.at, place = found.size();
+        bool leadsOn = false;
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            if (paths[i] == path)
+                found.push_back({static_cast<std::uint32_t>(i), ""});
+            leadsOn = leadsOn || paths[i].rfind(path + ".", 0) == 0;
+        }
+        const std::size_t end = found.size();
+        if (leadsOn && json.isAt("{["))
+            inside(path + ".");
+        else
+            json.anyValue();
+        for (std::size_t i = place; i < end; ++i)
+            found[i].value = json.text.substr(begin, json.at - begin);
+    }
+};
+
 // Shows what SearchResponseReader shows.
 class ReferenceResponseReader
 {
@@ -216,7 +265,8 @@ public:
     static constexpr std::array<std::string_view, 9> MemberNames = {
         "_index", "_id", "_score", "_source", "highlight", "sort", "fields", "inner_hits", "_explanation"};
 
-    explicit ReferenceResponseReader(std::string_view text) : json{text}
+    explicit ReferenceResponseReader(std::string_view text, const std::vector<std::string> &paths = {})
+        : json{text}, paths(paths)
     {
         try {
             json.members([&](const std::string &name) { readMember(name); });
@@ -241,6 +291,9 @@ public:
     {
         return hits[hit][static_cast<std::size_t>(member)];
     }
+
+    std::size_t fieldCount(std::size_t hit) const { return fields[hit].size(); }
+    zq::elasticsearch::FieldValue field(std::size_t hit, std::size_t i) const { return fields[hit][i]; }
 
     static std::optional<std::string> decode(std::string_view raw) { return decodeTextSimply(raw); }
 
@@ -311,6 +364,7 @@ private:
     void readHits()
     {
         hits.clear();
+        fields.clear();
         hasHits = found.hasTotal = found.totalIsLowerBound = false;
         found.total = 0;
         json.members([&](const std::string &name) {
@@ -318,6 +372,7 @@ private:
                 readTotal();
             } else if (name == "hits") {
                 hits.clear();
+                fields.clear();
                 json.elements([&] { readHit(); });
                 hasHits = true;
             } else {
@@ -379,26 +434,42 @@ private:
     {
         const std::size_t begin = json.at;
         Hit hit;
+        std::vector<zq::elasticsearch::FieldValue> found;
         json.members([&](const std::string &name) {
             const auto known = std::find(MemberNames.begin(), MemberNames.end(), name);
             if (known == MemberNames.end()) {
                 json.value();
                 return;
             }
+            if (name == "_source")
+                found.clear();
             const bool isScalar = name == "_score" || json.next() == 'n';
             hit[known - MemberNames.begin()] = name == "_index" || name == "_id" ? json.string()
                                                : isScalar                        ? orNothing(json.scalar())
+                                               : name == "_source"               ? source(found)
                                                                                  : json.container();
         });
         if (hit[static_cast<std::size_t>(HitMember::Id)].empty())
             throw PlainJson::Fault{begin};
         hits.push_back(hit);
+        fields.push_back(found);
+    }
+
+    std::string_view source(std::vector<zq::elasticsearch::FieldValue> &found)
+    {
+        if (paths.empty() || json.next() != '{')
+            return json.container();
+        const std::size_t begin = json.at;
+        ReferenceFinder{json, paths, found}.inside("");
+        return json.text.substr(begin, json.at - begin);
     }
 
     static std::string_view orNothing(std::string_view scalar) { return scalar == "null" ? "" : scalar; }
 
     PlainJson json;
+    const std::vector<std::string> paths;
     std::vector<Hit> hits;
+    std::vector<std::vector<zq::elasticsearch::FieldValue>> fields;
     zq::elasticsearch::ResponseSummary found;
     std::string_view errorText, shardsText, aggregationsText, ignored;
     std::string problemText;
