@@ -43,17 +43,15 @@ bool fits(std::string_view name, std::string_view pattern)
 
 IndexPattern::IndexPattern(std::string_view text) : all(text)
 {
-    bool mayExclude = false;
     for (std::size_t begin = 0; begin <= text.size();) {
         const std::size_t end = std::min(text.find(',', begin), text.size());
         std::string_view part = text.substr(begin, end - begin);
         begin = end + 1;
         if (part == Everything)
             part = "*";
-        const bool excludes = mayExclude && !part.empty() && part.front() == '-';
+        const bool excludes = !part.empty() && part.front() == '-'; // no name begins so
         if (excludes)
             part.remove_prefix(1);
-        mayExclude = mayExclude || isPattern(part);
         if (!part.empty())
             parts.push_back({std::string(part), excludes});
     }

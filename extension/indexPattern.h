@@ -8,8 +8,8 @@
 namespace qm::extension
 {
 
-// Names separated by commas; "*" stands for any characters, "-" before a name behind such a pattern takes
-// away what it matches, "_all" is everything. In UTF-8.
+// Names separated by commas; "*" stands for any characters, "-" before a name takes away what it matches,
+// "_all" is everything. In UTF-8.
 class IndexPattern
 {
 public:

@@ -1,6 +1,7 @@
 """IMPORT FOREIGN SCHEMA: the tables, columns and options that mappings lead to, whatever is in them."""
 import json
 import re
+from random import Random
 
 import pytest
 
@@ -197,6 +198,7 @@ def test_what_is_a_table(server, imports):
     for name in ("books", "books_old", "notes", "shut", ".dots", "veiled"):
         server.create_index(name, settings={"hidden": name == "veiled"}, mappings=mapping_of({name: keyword()}))
     server.add_alias("all_books", "books", "books_old", "veiled")
+    server.add_alias("notes_too", "notes")
     server.add_alias("closed", "shut")
     server.close_index("shut")
     stream = []
@@ -208,7 +210,7 @@ def test_what_is_a_table(server, imports):
         stream = ["logs"]
     else:
         assert ask(server, "/_data_stream/logs", None)["error"]
-    every = sorted(["all_books", "books", "books_old", "notes", *stream])
+    every = sorted(["all_books", "books", "books_old", "notes", "notes_too", *stream])
     for pattern, clauses, expected in [
             ("*", "", every), ("_all", "", every), ("books", "", ["books"]), ("b*", "", ["books", "books_old"]),
             ("*books*,-*old,notes", "", ["all_books", "books", "notes"]), ("*s,*s", "", sorted(
@@ -303,7 +305,7 @@ def test_names_as_they_come(db, told):
 
 
 def test_room_for_columns(told):
-    made = told({"wide": index(**{f"f{number:04}": keyword() for number in range(1700)})})["wide"]
+    made = told({"wide": index(**{f"f{number:04}": {"type": "text"} for number in range(1700)})})["wide"]
     assert len(made) == 1600 and list(made)[-1] == "f1596"
     assert told.notices == ['NOTICE: table "wide" has no room for all fields DETAIL: Left out: ' +
                             ", ".join(f"f{number}" for number in range(1597, 1700))]
@@ -437,6 +439,25 @@ def test_mappings_that_are_none(told):
         assert told(BOOKS, streams=text) == UNREADABLE, text
     for text in ("", "[]", '{"books":5}', '{"books":{"settings":[]}}'):
         assert told(BOOKS, settings=text) == UNREADABLE, text
+
+
+def test_damaged_responses(told):
+    """Whatever bytes of a response are lost, doubled or changed: tables, or an error that says so."""
+    random, outcomes = Random(1), set()
+    whole = [json.dumps(each).encode() for each in (
+        {"books": index(**{path.replace(".", "_"): given[0] for path, given in FIELDS.items()})}, alias(filter={}),
+        STREAM, {"books": {"settings": {"index.mode": "logsdb", "index.hidden": "false"}}})]
+    for number in range(400):
+        damaged, hit = list(whole), random.randrange(4)
+        text = whole[hit]
+        first = random.randrange(len(text))
+        last = min(len(text), first + random.choice((0, 1, 9, 99)))
+        put = (b"", text[first:last] * 2, bytes([random.randrange(256)]), b'"', b"{}", b"9")
+        damaged[hit] = text[:first] + random.choice(put) + text[last:]
+        made = told(*(response(each) for each in damaged))
+        outcomes.add("tables" if isinstance(made, dict) else made[1].partition('"')[0])
+    assert outcomes <= {"tables", UNREADABLE[1], "no index, alias or data stream matches ", "option "}, outcomes
+    assert {"tables", UNREADABLE[1]} <= outcomes
 
 
 @pytest.mark.unsanitized
