@@ -84,7 +84,8 @@ def numeric(value, precision, scale):
     if not isinstance(value, str) or not NUMBER.fullmatch(value):
         raise Bad
     number = Decimal(value)
-    if precision and abs(number.quantize(Decimal(1).scaleb(-scale), ROUND_HALF_UP)) >= Decimal(10) ** (precision - scale):
+    if precision and abs(number.quantize(Decimal(1).scaleb(-scale),
+                                         ROUND_HALF_UP)) >= Decimal(10) ** (precision - scale):
         raise Bad
     return str(value)
 
@@ -104,13 +105,15 @@ def instant(value, unit):
     match = isinstance(value, str) and not isinstance(value, Number) and ISO.fullmatch(value)
     if not match:
         raise Bad
-    year, month, day, hour, minute, second = (int(part or least) for part, least in zip(match.groups(), (0, 1, 1, 0, 0, 0)))
+    year, month, day, hour, minute, second = (int(part or least) for part,
+                                              least in zip(match.groups(), (0, 1, 1, 0, 0, 0)))
     try:
         local = datetime(year, month, day, hour, minute, second, tzinfo=timezone.utc)
     except ValueError:
         raise Bad
     ahead = int(match[8] or 0) * 60 + int(match[9] or 0) * (-1 if (match[8] or "").startswith("-") else 1)
-    return ((local - EPOCH) // timedelta(microseconds=1) + int((match[7] or "").ljust(6, "0")[:6]) - ahead * 60 * 10 ** 6)
+    return ((local - EPOCH) // timedelta(microseconds=1) + int((match[7] or "").ljust(6,
+                                                                                      "0")[:6]) - ahead * 60 * 10 ** 6)
 
 
 def text(value, kind, labels):

@@ -52,7 +52,9 @@ def rows(kind, texts):
         found = score(kind, source)
         if found:
             value = source.get("type")
-            shown = None if isinstance(value, list) else json.dumps(value) if isinstance(value, (bool, float, int)) else value
+            shown = None if isinstance(value, list) else json.dumps(value) if isinstance(value,
+                                                                                         (bool, float,
+                                                                                          int)) else value
             yield (name, found, shown, index, text, None, PARAMS.get(kind)), text
 
 
@@ -119,8 +121,10 @@ class SearchStatements(Statements):
     """Statements for str.format with `rel`: the relation of each kind. What they are asked may be pushed or not."""
 
     def __init__(self, random, names):
-        super().__init__(random, ["@.docname", "@.docname", "@.doctype", "@.docindex", "@.param", "(@.doccontent->>'title')"],
-                         ["@.score", "(@.doccontent->>'number')::int"], ["book", "7", "whales", "d007", "docs-a", "x"])
+        super().__init__(random, ["@.docname", "@.docname", "@.doctype", "@.docindex", "@.param",
+                                  "(@.doccontent->>'title')"],
+                         ["@.score", "(@.doccontent->>'number')::int"],
+                         ["book", "7", "whales", "d007", "docs-a", "x"])
         self.names, self.kinds, self.known = names, {}, {}
 
     # ---- what steers a scan ---------------------------------------------------------------------------------
@@ -144,7 +148,8 @@ class SearchStatements(Statements):
 
     def given(self, column):
         """An expression that has a value before the search."""
-        constant = "'" + self.random.choice(self.names if column == "docname" else ["book", "essay", "7", "true"]).replace(
+        constant = "'" + self.random.choice(self.names if column == "docname"
+                                            else ["book", "essay", "7", "true"]).replace(
             "'", "''").replace("{", "{{").replace("}", "}}") + "'"
         local = f"(SELECT max(name) FROM local_rows WHERE n < {self.random.randint(0, 13)})"
         return self.one_of(*[constant] * 9, local, "NULL", f"{constant}::varchar(9)", f"lower({constant})", "''",
@@ -225,5 +230,6 @@ class SearchStatements(Statements):
                 f"{self.random.choice(['FETCH ALL FROM c; ', ''])}CLOSE c")
 
     def any(self):
-        return self.one_of(super().any, self.best, self.look_up, self.lateral_look_up, self.steered_by_join, self.existing,
+        return self.one_of(super().any, self.best, self.look_up, self.lateral_look_up, self.steered_by_join,
+                           self.existing,
                            self.locked, self.whole, self.merged, self.prepared, self.cursor)

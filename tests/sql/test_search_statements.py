@@ -42,9 +42,10 @@ def is_meagre(db, told, relations, settings, may_refuse):
     for side in relations:
         db.run("BEGIN; " + "; ".join(f"SET LOCAL {setting}" for setting in settings))
         outcomes.append(rows_of(db, told.format(rel=side)))
-        db.run("ROLLBACK")
+        db.run("ROLLBACK; DEALLOCATE ALL")
     may_refuse = may_refuse and isinstance(outcomes[1], tuple)
-    assert outcomes[1] == outcomes[0] or may_refuse and outcomes[1][1] in REFUSALS, (settings, told.format(rel=relations[1]))
+    assert outcomes[1] == outcomes[0] or may_refuse and outcomes[1][1] in REFUSALS, (settings,
+                                                                                     told.format(rel=relations[1]))
     return outcomes[0] == [] or isinstance(outcomes[0], tuple)
 
 
@@ -93,12 +94,14 @@ def test_statements_on_fields(cluster, place):
         db.batch = batch
         db.make_documents()
         fieldstatements.create(db, server, count, fieldstatements.Fields(random, bad == "bad"))
-        statements = fieldstatements.FieldStatements(random, [name for _, name, _ in documents(count)], fieldstatements.samples(db))
+        statements = fieldstatements.FieldStatements(random, [name for _, name, _ in documents(count)],
+                                                     fieldstatements.samples(db))
         statements.wide = db.version >= 15
         for _ in range(COUNT // len(FIELD_PLACES)):
             statement, relations = statements.any(), relations_of(random.choice([*FOREIGN, "dynamic"]))
             settings = [f"{plan} = off" for plan in random.sample(PLANS, random.randint(0, 2))]
-            settings += random.sample(["TimeZone = 'America/St_Johns'", "TimeZone = 'Asia/Tokyo'", "DateStyle = 'German'"], 1)
+            settings += random.sample(["TimeZone = 'America/St_Johns'", "TimeZone = 'Asia/Tokyo'",
+                                       "DateStyle = 'German'"], 1)
             server.take_journal()
             meagre += is_meagre(db, statement, relations, settings, "{rel[any]}" not in statement)
             pushed += any(ON_FIELDS.search(request.body) for request in server.take_journal())
