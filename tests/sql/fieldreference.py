@@ -112,8 +112,8 @@ def instant(value, unit):
     except ValueError:
         raise Bad
     ahead = int(match[8] or 0) * 60 + int(match[9] or 0) * (-1 if (match[8] or "").startswith("-") else 1)
-    return ((local - EPOCH) // timedelta(microseconds=1) + int((match[7] or "").ljust(6,
-                                                                                      "0")[:6]) - ahead * 60 * 10 ** 6)
+    fraction = int((match[7] or "").ljust(6, "0")[:6])
+    return (local - EPOCH) // timedelta(microseconds=1) + fraction - ahead * 60 * 10 ** 6
 
 
 def text(value, kind, labels):

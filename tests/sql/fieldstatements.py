@@ -253,7 +253,8 @@ def create(db, server, count, fields):
     for kind in ["any", "all", *KINDS]:
         db.run(f"CREATE TEMP VIEW {kind}_dynamic AS SELECT {shown} FROM {kind}_copy")
     db.run("CREATE TEMP TABLE chosen AS SELECT row_number() OVER (ORDER BY md5(docname))::int AS x, "
-           f"{', '.join(SHOWN)} FROM all_copy ORDER BY 1 LIMIT 14; INSERT INTO chosen (x) VALUES (15); ANALYZE chosen")
+           f"{', '.join(SHOWN)} FROM all_copy ORDER BY 1 LIMIT 14; INSERT INTO chosen (x) VALUES (15); "
+           "ANALYZE chosen")
 
 
 NUMBERS = ("int2", "int4", "int8", "float4", "float8", "numeric")
@@ -449,7 +450,7 @@ class FieldStatements(SearchStatements):
         return f"SELECT c.x, s.* FROM chosen c, LATERAL ({found}) s WHERE c.x < 6"
 
     def prepared_fields(self):
-        """Parameters of a field's type and of an array of it; after five executions the plan is one for all values."""
+        """Parameters of a field's type and of an array of it; after five executions there is one plan for all values."""
         column = self.random.choice([column for column in self.compared if element(column) != "bool"])
         kind, c = element(column), f"b.{column}"
         conditions = [f"$1 = ANY ({c})", f"{c}::{kind}[] && $2", f"{c}::{kind}[] @> $2"]
