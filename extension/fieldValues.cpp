@@ -26,6 +26,8 @@ constexpr const char *NotDate = "a date of ISO 8601 is needed";
 constexpr const char *NotEpoch = "a number of the column's format or a date of ISO 8601 is needed";
 constexpr const char *NotScalar = "a single value is needed, and this is an object";
 constexpr const char *OutOfRange = "it is out of the range of the column's type";
+constexpr const char *NoSpelling =
+    "a number with a fraction or an exponent is no text: it may be spelt in other ways";
 constexpr const char *TooLong = "it is longer than the column's type takes";
 constexpr const char *SeveralValues = "there are several values, and the column is no array";
 constexpr const char *TooManyValues = "there are more than 10 million values";
@@ -108,6 +110,13 @@ bool readDate(std::string_view text, bool isString, DateFormat format, std::int6
            (isString && readIsoDate(text, microseconds));
 }
 
+// A cluster that sends a part of a source writes 1.50 as 1.5, while its index has the keyword 1.50.
+bool hasOneSpelling(std::string_view number)
+{
+    const std::string_view digits = number.substr(number.front() == '-' ? 1 : 0);
+    return digitsFrom(digits, 0) == digits.size() && (digits.front() != '0' || number == "0");
+}
+
 // The server would cut off blanks at the end, and find texts equal that are different ones in the source.
 bool isTooLong(const FieldType &type, std::string_view text)
 {
@@ -137,6 +146,8 @@ const char *readAs(const Column &column, bool isString, ScalarValue &value)
             return nullptr;
         return column.options.dateFormat == DateFormat::Iso ? NotDate : NotEpoch;
     case FieldKind::Text:
+        if (!isString && isNumber(value.text) && !hasOneSpelling(value.text))
+            return NoSpelling;
         return isTooLong(*column.field, value.text) ? TooLong : nullptr;
     case FieldKind::Json:
         break;

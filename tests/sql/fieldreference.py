@@ -62,7 +62,7 @@ def whole(value, bits):
     if not isinstance(value, str) or not NUMBER.fullmatch(value):
         raise Bad
     number = int(value) if re.fullmatch(r"-?\d+", value) else float(value)
-    if isinstance(number, float) and (abs(number) > 2 ** 53 or number % 1) or not -2 ** bits <= number < 2 ** bits:
+    if isinstance(number, float) and (abs(number) >= 2 ** 53 or number % 1) or not -2 ** bits <= number < 2 ** bits:
         raise Bad
     return str(int(number))
 
@@ -117,7 +117,7 @@ def instant(value, unit):
 
 
 def text(value, kind, labels):
-    if isinstance(value, dict):
+    if isinstance(value, dict) or (isinstance(value, Number) and not re.fullmatch(r"0|-?[1-9]\d*", value)):
         raise Bad
     shown = str(value) if isinstance(value, str) else json.dumps(value)
     length = re.fullmatch(r"varchar\((\d+)\)", kind)
