@@ -111,6 +111,7 @@ void noticeLeftOut(const std::string &table, const std::vector<ValuelessField> &
 {
     const std::string name = "table \"" + table + "\"";
     std::vector<std::string> fields;
+    fields.reserve(valueless.size());
     for (const ValuelessField &field : valueless)
         fields.push_back(field.path + " (" + field.type + ")");
     if (!fields.empty())
