@@ -144,8 +144,11 @@ bool takeDecimal(std::string_view text, std::string &digits, std::int64_t &place
             return false;
     }
     if (!text.empty() && (text.front() == 'e' || text.front() == 'E')) {
-        text.remove_prefix(text.size() > 1 && text[1] == '+' ? 2 : 1);
+        const bool hasPlus = text.size() > 1 && text[1] == '+';
+        text.remove_prefix(hasPlus ? 2 : 1);
         int exponent = 0;
+        if (hasPlus && (text.empty() || !isDigit(text.front())))
+            return false;
         const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), exponent);
         if (problem != std::errc())
             return false;

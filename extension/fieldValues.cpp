@@ -100,6 +100,9 @@ bool fits(std::int64_t number, Oid type)
 // The days of PostgreSQL's calendar and its microseconds begin with the year 2000.
 constexpr std::int64_t DaysTo2000 = POSTGRES_EPOCH_JDATE - UNIX_EPOCH_JDATE;
 
+// The server's calendar has none before it, in microseconds since 1970; its end is beyond 64 bits of them.
+constexpr std::int64_t FirstInstant = MIN_TIMESTAMP + DaysTo2000 * MicrosecondsPerDay;
+
 // A column with a format reads numbers, also those in strings, by it.
 bool readDate(std::string_view text, bool isString, DateFormat format, std::int64_t &microseconds)
 {
@@ -143,7 +146,7 @@ const char *readAs(const Column &column, bool isString, ScalarValue &value)
     case FieldKind::Date:
     case FieldKind::Timestamp:
         if (readDate(value.text, isString, column.options.dateFormat, value.number))
-            return nullptr;
+            return value.number >= FirstInstant ? nullptr : OutOfRange;
         return column.options.dateFormat == DateFormat::Iso ? NotDate : NotEpoch;
     case FieldKind::Text:
         if (!isString && isNumber(value.text) && !hasOneSpelling(value.text))

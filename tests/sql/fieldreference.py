@@ -146,7 +146,10 @@ def scalar(value, kind, date_format, labels):
     if kind == "bool":
         return boolean(value)
     if kind == "date" or kind.startswith("timestamp"):
-        moment = EPOCH + timedelta(microseconds=instant(value, UNITS.get(date_format)))
+        try:
+            moment = EPOCH + timedelta(microseconds=instant(value, UNITS.get(date_format)))
+        except OverflowError:  # long before PostgreSQL's first day
+            raise Bad
         return moment.isoformat() if kind.startswith("timestamptz") else moment.replace(tzinfo=None).isoformat()
     return spelt(value) if kind == "jsonb" else text(value, kind, labels)
 
