@@ -282,8 +282,8 @@ def markdown(values, rows, chart_name):
         parts += [
             "## Fields of sources\n",
             "The same of documents of 24 members, of which ten fields are wanted: one is in an object, one is an "
-            "array. Each\nreader takes the whole source too, and the values as they stand. simdjson is asked for one name "
-            "after the other, or\ngoes through the members.\n",
+            "array. Each\nreader takes the whole source too, and the values as they stand. simdjson is asked for "
+            "one name after the\nother, or goes through the members.\n",
             markdown_table(fields.speeds()),
         ]
     if values.get("query"):

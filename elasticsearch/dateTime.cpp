@@ -1,6 +1,7 @@
 // Dates as documents write them.
 #include "elasticsearch/dateTime.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -125,6 +126,38 @@ bool takesTime(Parts &parts, std::int64_t &microseconds)
     return true;
 }
 
+// The digits without a point, and the places before it; false when it is no number.
+bool takeDecimal(std::string_view text, std::string &digits, std::int64_t &places)
+{
+    const auto takeDigits = [&] {
+        const std::size_t before = digits.size();
+        for (; !text.empty() && isDigit(text.front()); text.remove_prefix(1))
+            digits += text.front();
+        return digits.size() > before;
+    };
+    if (!takeDigits())
+        return false;
+    places = static_cast<std::int64_t>(digits.size());
+    if (!text.empty() && text.front() == '.') {
+        text.remove_prefix(1);
+        if (!takeDigits())
+            return false;
+    }
+    if (!text.empty() && (text.front() == 'e' || text.front() == 'E')) {
+        const bool hasPlus = text.size() > 1 && text[1] == '+';
+        text.remove_prefix(hasPlus ? 2 : 1);
+        int exponent = 0;
+        if (hasPlus && (text.empty() || !isDigit(text.front())))
+            return false;
+        const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), exponent);
+        if (problem != std::errc())
+            return false;
+        places += exponent;
+        text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    }
+    return text.empty();
+}
+
 std::int64_t roundedDown(std::int64_t number, std::int64_t divisor)
 {
     return number / divisor - (number % divisor < 0 ? 1 : 0);
@@ -173,29 +206,24 @@ bool readIsoDate(std::string_view text, std::int64_t &microseconds)
 bool readEpoch(std::string_view text, std::int64_t unit, std::int64_t &microseconds)
 {
     const bool isNegative = !text.empty() && text.front() == '-';
-    if (isNegative)
-        text.remove_prefix(1);
-    std::int64_t whole = 0;
-    if (text.empty() || !isDigit(text.front()))
+    std::string digits;
+    std::int64_t places = 0;
+    if (!takeDecimal(text.substr(isNegative ? 1 : 0), digits, places))
         return false;
-    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), whole);
-    if (problem != std::errc() || whole > INT64_MAX / unit - 1)
+    for (; unit > 1; unit /= 10)
+        ++places;
+    const std::size_t zeros = std::min(digits.find_first_not_of('0'), digits.size());
+    digits.erase(0, zeros);
+    places -= static_cast<std::int64_t>(zeros);
+    constexpr std::int64_t MostPlaces = 19; // of 64 bits
+    if (places > MostPlaces && !digits.empty())
         return false;
-    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-    std::int64_t found = whole * unit;
-    bool isFiner = false;
-    if (!text.empty()) {
-        if (text.front() != '.' || text.size() == 1)
-            return false;
-        std::int64_t place = unit;
-        for (const char digit : text.substr(1)) {
-            if (!isDigit(digit))
-                return false;
-            place /= 10;
-            found += (digit - '0') * place;
-            isFiner = isFiner || (place == 0 && digit != '0');
-        }
-    }
+    const auto kept = static_cast<std::size_t>(std::clamp<std::int64_t>(places, 0, MostPlaces));
+    const bool isFiner = digits.find_first_not_of('0', kept) != std::string::npos;
+    digits.resize(kept, '0');
+    std::int64_t found = 0;
+    if (kept > 0 && std::from_chars(digits.data(), digits.data() + kept, found).ec != std::errc())
+        return false;
     microseconds = isNegative ? -found - (isFiner ? 1 : 0) : found;
     return true;
 }

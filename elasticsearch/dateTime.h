@@ -19,8 +19,9 @@ std::int64_t daysSince1970(int year, int month, int day);
 // since 1970; a finer fraction is cut off. False for anything else, blanks included.
 bool readIsoDate(std::string_view text, std::int64_t &microseconds);
 
-// Reads a number, with or without a fraction, of units of so many microseconds since 1970; a finer fraction
-// is cut off, downwards. False for anything else, an exponent included, and beyond what 64 bits hold.
+// Reads a number, with or without a fraction, of units of so many microseconds (a power of ten) since 1970; a
+// finer fraction is cut off, downwards. Exponents are those of clusters: they filter 1582934400.25 into
+// 1.58293440025E9. False for anything else, and beyond what 64 bits hold.
 bool readEpoch(std::string_view text, std::int64_t unit, std::int64_t &microseconds);
 
 // The date in ISO 8601, with milliseconds and Z, rounded down to them. The year must be one of 0 to 9999.

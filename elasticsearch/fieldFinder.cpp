@@ -67,9 +67,9 @@ FieldFinder::Known::Known(std::string_view bytes, NodeNumber target) : token(byt
 {
     char first[sizeof head] = {};
     char counting[sizeof head] = {};
-    const std::size_t size = std::min(sizeof first, token.size());
-    std::memcpy(first, token.data(), size);
-    std::memset(counting, 0xFF, size);
+    const std::size_t counted = std::min(sizeof first, token.size());
+    std::memcpy(first, token.data(), counted);
+    std::memset(counting, 0xFF, counted);
     head = headOf(first);
     mask = headOf(counting);
 }
@@ -114,7 +114,7 @@ void FieldFinder::readMembers(JsonCursor &cursor, std::vector<FoundField> &found
     std::size_t at = cursor.position();
     std::size_t following = level.following;
     for (std::size_t commas = level.isFirst ? 0 : 1;; commas = 1) {
-        NodeNumber target = Nowhere;
+        NodeNumber target;
         if (following < known.size() && known[following].isAt(text, at + commas) &&
             (commas == 0 || text[at] == ',')) {
             at += commas + known[following].size();
@@ -181,7 +181,7 @@ FieldFinder::NodeNumber FieldFinder::takeName(JsonCursor &cursor, NodeNumber nod
 FieldFinder::NodeNumber FieldFinder::learnName(JsonCursor &cursor, NodeNumber node, std::size_t &following)
 {
     const std::size_t begin = cursor.position();
-    const NodeNumber target = targetOf(node, cursor.name());
+    const NodeNumber target = targetOf(node, cursor.memberName());
     cursor.take(':');
     cursor.peek();
     const std::string_view token = cursor.wholeText().substr(begin, cursor.position() - begin);

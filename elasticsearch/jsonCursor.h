@@ -55,7 +55,7 @@ public:
     // The parts of it: what leads to the next member's name, and the name. It is decoded, unless it cannot
     // be, and good until the next one is asked for.
     bool nextName(bool isFirst) { return nextIn('}', isFirst); }
-    std::string_view name();
+    std::string_view memberName();
 
     // A string; returns what stands between the quotes, whose escapes are valid but not decoded.
     std::string_view string();
@@ -159,7 +159,7 @@ inline bool JsonCursor::nextMember(bool isFirst, std::string_view &name)
     return true;
 }
 
-inline std::string_view JsonCursor::name()
+inline std::string_view JsonCursor::memberName()
 {
     std::string_view name = string();
     if (hasEscapes)

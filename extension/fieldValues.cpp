@@ -26,6 +26,8 @@ constexpr const char *NotDate = "a date of ISO 8601 is needed";
 constexpr const char *NotEpoch = "a number of the column's format or a date of ISO 8601 is needed";
 constexpr const char *NotScalar = "a single value is needed, and this is an object";
 constexpr const char *OutOfRange = "it is out of the range of the column's type";
+constexpr const char *NoSpelling =
+    "a number with a fraction or an exponent is no text: it may be spelt in other ways";
 constexpr const char *TooLong = "it is longer than the column's type takes";
 constexpr const char *SeveralValues = "there are several values, and the column is no array";
 constexpr const char *TooManyValues = "there are more than 10 million values";
@@ -98,6 +100,9 @@ bool fits(std::int64_t number, Oid type)
 // The days of PostgreSQL's calendar and its microseconds begin with the year 2000.
 constexpr std::int64_t DaysTo2000 = POSTGRES_EPOCH_JDATE - UNIX_EPOCH_JDATE;
 
+// The server's calendar has none before it, in microseconds since 1970; its end is beyond 64 bits of them.
+constexpr std::int64_t FirstInstant = MIN_TIMESTAMP + DaysTo2000 * MicrosecondsPerDay;
+
 // A column with a format reads numbers, also those in strings, by it.
 bool readDate(std::string_view text, bool isString, DateFormat format, std::int64_t &microseconds)
 {
@@ -106,6 +111,13 @@ bool readDate(std::string_view text, bool isString, DateFormat format, std::int6
         format == DateFormat::EpochMillis ? MicrosecondsPerMillisecond : MicrosecondsPerSecond;
     return (format != DateFormat::Iso && readEpoch(text, unit, microseconds)) ||
            (isString && readIsoDate(text, microseconds));
+}
+
+// A cluster that sends a part of a source writes 1.50 as 1.5, while its index has the keyword 1.50.
+bool hasOneSpelling(std::string_view number)
+{
+    const std::string_view digits = number.substr(number.front() == '-' ? 1 : 0);
+    return digitsFrom(digits, 0) == digits.size() && (digits.front() != '0' || number == "0");
 }
 
 // The server would cut off blanks at the end, and find texts equal that are different ones in the source.
@@ -134,9 +146,11 @@ const char *readAs(const Column &column, bool isString, ScalarValue &value)
     case FieldKind::Date:
     case FieldKind::Timestamp:
         if (readDate(value.text, isString, column.options.dateFormat, value.number))
-            return nullptr;
+            return value.number >= FirstInstant ? nullptr : OutOfRange;
         return column.options.dateFormat == DateFormat::Iso ? NotDate : NotEpoch;
     case FieldKind::Text:
+        if (!isString && isNumber(value.text) && !hasOneSpelling(value.text))
+            return NoSpelling;
         return isTooLong(*column.field, value.text) ? TooLong : nullptr;
     case FieldKind::Json:
         break;
@@ -251,13 +265,6 @@ namespace
 
 // What follows is on the server's side of the error boundary.
 
-char *cStringOf(std::string_view utf8)
-{
-    const auto length = static_cast<int>(utf8.size());
-    char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
-    return converted == utf8.data() ? pnstrdup(utf8.data(), length) : converted;
-}
-
 Datum wholeOf(const FieldType &type, std::int64_t number)
 {
     switch (type.elementBase) {
@@ -295,7 +302,10 @@ Datum datumOf(FieldType &type, const ScalarValue &value)
         return DateADTGetDatum(static_cast<DateADT>(day));
     }
     default:
-        return InputFunctionCall(&type.input, cStringOf(value.text), type.inputParameter, type.typmod);
+        if (type.elementBase == TEXTOID)
+            return search::textOf(value.text);
+        return InputFunctionCall(&type.input, search::cStringOf(value.text), type.inputParameter,
+                                 type.typmod);
     }
 }
 

@@ -6,21 +6,6 @@ namespace qm::extension
 namespace
 {
 
-text *textOf(std::string_view utf8)
-{
-    const auto length = static_cast<int>(utf8.size());
-    const char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
-    return converted == utf8.data() ? cstring_to_text_with_len(utf8.data(), length)
-                                    : cstring_to_text(converted);
-}
-
-char *cStringOf(std::string_view utf8)
-{
-    const auto length = static_cast<int>(utf8.size());
-    char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
-    return converted == utf8.data() ? pnstrdup(utf8.data(), length) : converted;
-}
-
 Datum bytesOf(std::string_view bytes, Packing &packing)
 {
     varlena *value = nullptr;
@@ -35,17 +20,17 @@ Datum datumOf(const Column &column, std::string_view utf8, Packing &packing)
 {
     switch (column.baseType) {
     case FLOAT4OID:
-        return DirectFunctionCall1(float4in, CStringGetDatum(cStringOf(utf8)));
+        return DirectFunctionCall1(float4in, CStringGetDatum(search::cStringOf(utf8)));
     case FLOAT8OID:
-        return DirectFunctionCall1(float8in, CStringGetDatum(cStringOf(utf8)));
+        return DirectFunctionCall1(float8in, CStringGetDatum(search::cStringOf(utf8)));
     case JSONBOID:
-        return DirectFunctionCall1(jsonb_in, CStringGetDatum(cStringOf(utf8)));
+        return DirectFunctionCall1(jsonb_in, CStringGetDatum(search::cStringOf(utf8)));
     case JSONOID:
-        return DirectFunctionCall1(json_in, CStringGetDatum(cStringOf(utf8)));
+        return DirectFunctionCall1(json_in, CStringGetDatum(search::cStringOf(utf8)));
     case BYTEAOID:
         return bytesOf(utf8, packing);
     default:
-        return PointerGetDatum(textOf(utf8));
+        return search::textOf(utf8);
     }
 }
 

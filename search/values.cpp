@@ -19,6 +19,21 @@ Datum rawValue(Datum json, Container container)
 
 } // namespace
 
+Datum textOf(std::string_view utf8)
+{
+    const auto length = static_cast<int>(utf8.size());
+    const char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
+    return PointerGetDatum(converted == utf8.data() ? cstring_to_text_with_len(utf8.data(), length)
+                                                    : cstring_to_text(converted));
+}
+
+char *cStringOf(std::string_view utf8)
+{
+    const auto length = static_cast<int>(utf8.size());
+    char *converted = pg_any_to_server(utf8.data(), length, PG_UTF8);
+    return converted == utf8.data() ? pnstrdup(utf8.data(), length) : converted;
+}
+
 Datum scoreOf(Datum text)
 {
     const char *number = server::utf8ToMessage(DatumGetCString(text));

@@ -4,6 +4,8 @@
 #include "server/byteValues.h"
 #include "server/encoding.h"
 
+#include <string_view>
+
 namespace qm::search
 {
 
@@ -16,6 +18,11 @@ constexpr Value Null = {0, true};
 
 // What a column takes of a JSON text.
 enum class Container { Bytes, Text, Json };
+
+// [server side] A text, or a C string, of UTF-8 in the encoding of the database, in the current memory
+// context. Raises the server's error for what that cannot hold.
+Datum textOf(std::string_view utf8);
+char *cStringOf(std::string_view utf8);
 
 // [server side] A float4 made of the text of a score, a C string in UTF-8. Raises 22P02 for one that is no
 // number, and quotes it.

@@ -42,16 +42,21 @@ def days_in(year, month):
     return (datetime.date(year + month // 12, month % 12 + 1, 1) - datetime.date(year, month, 1)).days
 
 
+def ordinal(year, month, day):
+    """The number of a day as datetime's, also of one in the year 0, which is like the year 400."""
+    return datetime.date(year or 400, month, day).toordinal() - (0 if year else 146097)
+
+
 def compose(parts, round_up, zone):
     """The time that the parts tell; what they do not tell is the least, or the greatest when `round_up`."""
     year, month = 1970 if parts.year is None else parts.year, parts.month or (12 if round_up else 1)
-    day = parts.day or (days_in(year, month) if round_up else 1)
+    day = parts.day or (days_in(year or 400, month) if round_up else 1)
     hour, minute, second = (most * round_up if given is None else given for given, most in
                             zip((parts.hour, parts.minute, parts.second), (23, 59, 59)))
     fraction = (10 ** 9 - 1) * round_up if parts.fraction is None else int(parts.fraction.ljust(9, "0"))
     if hour > 23 or minute > 59 or second > 59:
         raise ValueError("no time of a day")
-    whole = ((datetime.date(year, month, day).toordinal() - EPOCH) * 86400 + hour * 3600 + minute * 60 + second)
+    whole = ((ordinal(year, month, day) - EPOCH) * 86400 + hour * 3600 + minute * 60 + second)
     return (whole - (parts.zone if parts.zone is not None else offset(zone, whole))) * 10 ** 9 + fraction
 
 

@@ -14,6 +14,11 @@ def spelling(value):
     return getattr(value, "text", None) or str(value)
 
 
+def units(text):
+    """How long a text is for `ignore_above`: in units of UTF-16."""
+    return len(text.encode("utf-16-le", "surrogatepass")) // 2
+
+
 def asked(value):
     """A scalar of a query as its text: a fraction in its shortest form."""
     return write_double(value) if isinstance(value, float) else spelling(value)
@@ -46,7 +51,7 @@ class Keyword(Terms):
 
     def stored(self, value):
         text = spelling(value)
-        if self.longest is not None and len(text.encode("utf-16-le")) // 2 > self.longest:
+        if self.longest is not None and units(text) > self.longest:
             return []
         return [self.normalize(text)]
 
@@ -106,7 +111,7 @@ class Flattened(Keyword):
         elif isinstance(value, list):
             for inner in value:
                 yield from self.leaves(inner, path)
-        elif value is not None and (self.longest is None or len(spelling(value)) <= self.longest):
+        elif value is not None and (self.longest is None or units(spelling(value)) <= self.longest):
             yield path, spelling(value)
 
     def keys(self, stored):

@@ -21,11 +21,11 @@ QUERIES = {"whales": constant_score({"term": {"title": "whales"}}, 2.5),
 PARAMS = {kind: "query=" + json.dumps(query) for kind, query in QUERIES.items()}
 INDICES = ["docs-a", "docs-b"]
 TYPES = ["book", "essay", 7, True, None, ["book", "x"], "it's \"q\" \\ \u00e9", 1.5]
-COLUMNS = {"docname": "text", "score": "real", "doctype": "text OPTIONS (search 'keyword')", "docindex": "text",
+COLUMNS = {"docname": "text", "score": "real", "doctype": "text", "docindex": "text",
            "doccontent": "jsonb", "highlights": "jsonb", "param": "text"}
 FOREIGN = ["docs", "reordered", "parts", "hiding"]
 HIDING = ("CREATE VIEW {} WITH (security_barrier) AS SELECT docname, score, doctype, docindex, doccontent, highlights, "
-          "param FROM {} WHERE doctype IN ('book', '7', 'essay') AND length(docname) < 6")
+          "param{} FROM {} WHERE doctype IN ('book', '7', 'essay') AND length(docname) < 6")
 
 
 def documents(count):
@@ -46,51 +46,85 @@ def score(kind, source):
     return {"all": 1, "whales": whales, "ranked": whales + late, "nothing": 0}[kind] or None
 
 
-def rows(kind, count):
-    """The rows of a search, in the order of COLUMNS."""
-    for index, name, source in documents(count):
+def rows(kind, texts):
+    """The rows of a search, in the order of COLUMNS and with the text of each document."""
+    for (index, name, source), text in texts:
         found = score(kind, source)
         if found:
             value = source.get("type")
-            text = None if isinstance(value, list) else json.dumps(value) if isinstance(value, (bool, float, int)) else value
-            yield name, found, text, index, json.dumps(source), None, PARAMS.get(kind)
+            shown = None if isinstance(value, list) else json.dumps(value) if isinstance(value,
+                                                                                         (bool, float,
+                                                                                          int)) else value
+            yield (name, found, shown, index, text, None, PARAMS.get(kind)), text
 
 
-def create(db, server, count):
-    """Stores the documents, and makes the foreign tables and the local copies that FOREIGN and KINDS tell."""
+class NoFields:
+    """What the documents and the tables have beside the above: nothing."""
+    columns = {}  # SQL types
+    properties = {}  # of the mapping
+    table_options = ""
+
+    def options(self, column):
+        return {"search": "keyword"} if column == "doctype" else {}
+
+    def text(self, source):
+        return json.dumps(source)
+
+    def values(self, text):
+        return ()
+
+
+def written(options):
+    return f"OPTIONS ({', '.join(f'{name} {chr(39)}{value}{chr(39)}' for name, value in options.items())})" if options else ""
+
+
+def create(db, server, count, fields=NoFields()):
+    """Stores the documents, and makes the foreign tables and the local copies that FOREIGN and KINDS tell. Returns the
+    documents with their texts."""
     for index in INDICES:
-        server.create_index(index, 3, {"properties": {"type": {"type": "keyword"}}})
-    for index, name, source in documents(count):
-        server.put(index, name, source)
-    columns = [f"{name} {kind}" for name, kind in COLUMNS.items()]
-    plain = ", ".join(columns).replace(" OPTIONS (search 'keyword')", "")
-    table = "CREATE FOREIGN TABLE {} {} SERVER documents OPTIONS (indexlist '{}', batchsize '{}');"
+        server.create_index(index, 3, {"properties": {"type": {"type": "keyword"}, **fields.properties}})
+    texts = [(document, fields.text(document[2])) for document in documents(count)]
+    for (index, name, _), text in texts:
+        server.put(index, name, text)
+    types = {**COLUMNS, **fields.columns}
+    plain = ", ".join(f"{name} {kind}" for name, kind in types.items())
+    columns = [f"{name} {kind} {written(fields.options(name))}" for name, kind in types.items()]
+    table = "CREATE FOREIGN TABLE {} {} SERVER documents OPTIONS (indexlist '{}', batchsize '{}'%s);" % fields.table_options
+    more = "".join(f", {name}" for name in fields.columns)
+    parts = [f"parts_{index[-1]}" for index in INDICES]
     db.run("DROP FOREIGN TABLE IF EXISTS docs, reordered CASCADE; DROP TABLE IF EXISTS parts;" +
            table.format("docs", f"({', '.join(columns)})", "docs-*", db.batch) +
            table.format("reordered", f"({', '.join(reversed(columns))})", "docs-a,docs-b", db.batch) +
            f"CREATE TABLE parts ({plain}) PARTITION BY LIST (docindex);" +
-           "".join(table.format(f"parts_{index[-1]}", f"PARTITION OF parts FOR VALUES IN ('{index}')", index, db.batch)
-                   for index in INDICES) + HIDING.format("hiding", "docs"))
+           "".join(table.format(part, f"PARTITION OF parts FOR VALUES IN ('{index}')", index, db.batch)
+                   for part, index in zip(parts, INDICES)) +
+           "".join(f"ALTER FOREIGN TABLE {part} ALTER COLUMN {name} {written(fields.options(name))};"
+                   for part in parts for name in fields.columns if fields.options(name)) +
+           HIDING.format("hiding", more, "docs"))
     db.run("CREATE TEMP TABLE local_rows AS SELECT 'd' || to_char(n * 7, 'FM000') AS name, n FROM "
            "generate_series(0, 12) n; CREATE TEMP TABLE searches (kind text, text text);"
            "CREATE TEMP TABLE changes AS SELECT name AS t, n::numeric FROM local_rows;"
            "INSERT INTO local_rows VALUES (NULL, 13), ('d1', NULL); ANALYZE local_rows")
     for kind in ["all", *KINDS]:
         db.run(f"CREATE TEMP TABLE {kind}_copy ({plain})")
-        for row in rows(kind, count):
-            db.run(f"INSERT INTO {kind}_copy VALUES (%s, %s, %s, %s, %s, %s, %s)", row)
-        db.run(HIDING.format(f"{kind}_hiding", f"{kind}_copy"))
+        holders = ", ".join(f"%s::{kind}" for kind in types.values())
+        for row, text in rows(kind, texts):
+            db.run(f"INSERT INTO {kind}_copy VALUES ({holders})", row + fields.values(text))
+        db.run(HIDING.format(f"{kind}_hiding", more, f"{kind}_copy"))
         if kind in PARAMS:
             db.run("INSERT INTO searches VALUES (%s, %s)", (kind, PARAMS[kind]))
     db.run("CREATE TEMP TABLE any_copy AS " + " UNION ALL ".join(f"TABLE {kind}_copy" for kind in KINDS))
+    return texts
 
 
 class SearchStatements(Statements):
     """Statements for str.format with `rel`: the relation of each kind. What they are asked may be pushed or not."""
 
     def __init__(self, random, names):
-        super().__init__(random, ["@.docname", "@.docname", "@.doctype", "@.docindex", "@.param", "(@.doccontent->>'title')"],
-                         ["@.score", "(@.doccontent->>'number')::int"], ["book", "7", "whales", "d007", "docs-a", "x"])
+        super().__init__(random, ["@.docname", "@.docname", "@.doctype", "@.docindex", "@.param",
+                                  "(@.doccontent->>'title')"],
+                         ["@.score", "(@.doccontent->>'number')::int"],
+                         ["book", "7", "whales", "d007", "docs-a", "x"])
         self.names, self.kinds, self.known = names, {}, {}
 
     # ---- what steers a scan ---------------------------------------------------------------------------------
@@ -114,7 +148,8 @@ class SearchStatements(Statements):
 
     def given(self, column):
         """An expression that has a value before the search."""
-        constant = "'" + self.random.choice(self.names if column == "docname" else ["book", "essay", "7", "true"]).replace(
+        constant = "'" + self.random.choice(self.names if column == "docname"
+                                            else ["book", "essay", "7", "true"]).replace(
             "'", "''").replace("{", "{{").replace("}", "}}") + "'"
         local = f"(SELECT max(name) FROM local_rows WHERE n < {self.random.randint(0, 13)})"
         return self.one_of(*[constant] * 9, local, "NULL", f"{constant}::varchar(9)", f"lower({constant})", "''",
@@ -203,5 +238,6 @@ class SearchStatements(Statements):
                 f"{self.random.choice(['FETCH ALL FROM c; ', ''])}CLOSE c")
 
     def any(self):
-        return self.one_of(super().any, self.best, self.counted, self.look_up, self.lateral_look_up, self.steered_by_join, self.existing,
-                           self.locked, self.whole, self.merged, self.prepared, self.cursor)
+        return self.one_of(super().any, self.best, self.counted, self.look_up, self.lateral_look_up,
+                           self.steered_by_join, self.existing, self.locked, self.whole, self.merged, self.prepared,
+                           self.cursor)

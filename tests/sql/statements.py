@@ -6,6 +6,8 @@ class Statements:
     text, n integer)`. A statement names the relation as {rel} and has {steer[alias]} for the condition that the
     wrapper may need: str.format puts them in."""
 
+    most_conditions = 2  # beside the one that steers
+
     def __init__(self, random, texts, numbers, constants):
         self.random, self.texts, self.numbers, self.constants = random, texts, numbers, constants
         self.depth = 0
@@ -77,7 +79,7 @@ class Statements:
 
     def where(self, a, *others):
         """A WHERE clause that steers the scan of the alias."""
-        conditions = [self.steering(a), *others, *[self.condition(a) for _ in range(self.random.randint(0, 2))]]
+        conditions = [self.steering(a), *others, *[self.condition(a) for _ in range(self.random.randint(0, self.most_conditions))]]
         return "WHERE " + " AND ".join(f"({each})" for each in conditions)
 
     def found(self, a, *others):

@@ -14,7 +14,7 @@ EPOCH = "OPTIONS (format 'epoch_millis')"
 # (type, what the source has beside other members, the column's value as text; None: NULL)
 VALUES = [
     *[("text", value, text) for value, text in [
-        ('"v":"x"', "x"), ('"v":"\\u00e9\\ud83d\\ude00\\n"', "\u00e9\U0001f600\n"), ('"v":1.50', "1.50"), ('"v":true', "true"),
+        ('"v":"x"', "x"), ('"v":"\\u00e9\\ud83d\\ude00\\n"', "\u00e9\U0001f600\n"), ('"v":-150', "-150"), ('"v":"1.50"', "1.50"), ('"v":true', "true"),
         ('"v":["x"]', "x"), ('"v":[[],[["x"]],null]', "x"), ('"v":[]', None), ('"v":null', None), ('"w":1', None), ('"v":""', ""),
         ('"a":{"v":1},"b":[{"v":2}]', None), ('"\\u0076":"named"', "named")]],
     ("varchar(2)", '"v":"\u00e9\u00e9"', "\u00e9\u00e9"), ("mood", '"v":"sad"', "sad"), ("small", '"v":9', "9"),
@@ -52,12 +52,13 @@ BAD = [
         ("[1,2]", "there are several values"), ("{}", "this is an object"), ("1e19", "out of the range"), ("99999999999999999999", "out of the range")]],
     ("bigint", "9007199254740993.0", "out of the range"), ("smallint", "32768", "out of the range"), ("float8", '"NaN"', "a number is needed"),
     ("float8", "1e999", '"1e999" is out of range'), ("numeric(3,1)", "100", "numeric field overflow"), ("bool", "1", "true or false"),
+    *[("text", number, "no text") for number in ("1.50", "1e3", "-0", "0.0")],
     ("varchar(2)", '"abc"', "longer than"), ("varchar(2)", '"ab "', "longer than"), ("text", '"\\ud800"', "not valid Unicode"), ("text", '"\\u0000"', "0x00"),
     ("mood", '"angry"', "invalid input value for enum"), ("uuid", '"x"', "invalid input syntax for type uuid"), ("inet", "1", "invalid input syntax for type inet"),
     *[("timestamptz", value, "a date of ISO 8601") for value in [
         '"now"', '"2024-1-1"', '"2024-02-30"', '"2023-02-29"', '"2024-01-01 10:00"', '"2024-01-01T24:00"', '"2024-01-01T10:60"', '"24-01-01"', '" 2024"',
         '"2024-13"', '"2024-01-01T10:00+19:00"', '"2024-01-01T10:00 UTC"', '"2024-01-01T"', '"infinity"', "1700000000000", '"2024-01-01T10:00:00."']],
-    (f"date {EPOCH}", '"x"', "a number of the column's format"), (f"timestamptz {EPOCH}", "1e12", "a number of the column's format"),
+    (f"date {EPOCH}", '"x"', "a number of the column's format"), (f"timestamptz {EPOCH}", "1e99", "a number of the column's format"),
     (f"timestamptz {EPOCH}", "9223372036854775807", "a number of"), ("text[]", '["a",{}]', "this is an object"), ("int[]", '["a"]', "a whole number"),
     ("jsonb", '"\\u0000"', "unsupported Unicode escape sequence")]
 

@@ -14,39 +14,54 @@ JOINED = "FROM docs a JOIN docs b USING (docname)"
 COUNTS = [
     ("count(*) FROM docs", 1), (f"count(*) FROM docs d WHERE {QUERY}", 1), ("count(*) FROM ONLY docs", 1),
     ("count(*) FROM docs WHERE param IN ('minscore=1.5')", 1), ("count(*) FROM docs WHERE docname = 'b001'", 1),
-    ("count(*) FROM docs WHERE docname IN ('b001', 'no', 'b002', 'b001', '', NULL)", 1), (f"count(*) FROM docs WHERE {MANY}", 3),
-    (f"count(*) FROM docs WHERE {QUERY} AND {MANY}", 3), ("count(*) FROM docs WHERE docname = 'b001' OR docname = 'b002'", 1),
-    ("count(*) FROM docs WHERE docname = NULL::text", None), ("count(*) FROM docs WHERE docname = (SELECT NULL::text)", 0),
-    ("count(*) FROM docs WHERE docname = ANY ('{}')", 0), ("count(*) FROM docs WHERE docname = 'b001' AND docname IN ('b002', 'b003')", 0),
+    ("count(*) FROM docs WHERE docname IN ('b001', 'no', 'b002', 'b001', '', NULL)", 1),
+    (f"count(*) FROM docs WHERE {MANY}", 3),
+    (f"count(*) FROM docs WHERE {QUERY} AND {MANY}", 3),
+    ("count(*) FROM docs WHERE docname = 'b001' OR docname = 'b002'", 1),
+    ("count(*) FROM docs WHERE docname = NULL::text", None),
+    ("count(*) FROM docs WHERE docname = (SELECT NULL::text)", 0),
+    ("count(*) FROM docs WHERE docname = ANY ('{}')", 0),
+    ("count(*) FROM docs WHERE docname = 'b001' AND docname IN ('b002', 'b003')", 0),
     ("count(*) FROM docs WHERE docname = (SELECT max(name) FROM names WHERE name < 'b1')", 1),
     ("count(*) + 1, 'x', count(*), (SELECT max(name) FROM names) FROM docs", 1),
-    ("count(*), sum(count(*)) OVER () FROM docs ORDER BY 1 LIMIT 1", 1), ("generate_series(249, count(*)), count(*) FROM docs", 1),
+    ("count(*), sum(count(*)) OVER () FROM docs ORDER BY 1 LIMIT 1", 1),
+    ("generate_series(249, count(*)), count(*) FROM docs", 1),
     (f"count(*) FROM open WHERE {QUERY}", 1), ("count(*) FROM docs LEFT JOIN names ON name = docname", 1),
     ("name, (SELECT count(*) FROM docs WHERE docname = name) FROM names LIMIT 9", 9),
-    ("name, c FROM names, LATERAL (SELECT count(*) AS c FROM docs WHERE docname IN (name, 'b001')) s WHERE name < 'b003'", 3),
+    ("name, c FROM names, LATERAL (SELECT count(*) AS c FROM docs WHERE docname IN (name, 'b001')) s "
+     "WHERE name < 'b003'", 3),
     ("count(*) FROM docs WHERE doctype = 'essay'", None), ("count(*) FROM docs WHERE docname LIKE '%1'", None),
-    ("count(*) FROM closed WHERE docname = 'b001'", None), ("count(*) FROM docs WHERE docname = 'b001' AND score > 2", None),
+    ("count(*) FROM closed WHERE docname = 'b001'", None),
+    ("count(*) FROM docs WHERE docname = 'b001' AND score > 2", None),
     ("count(*) FROM docs HAVING count(*) > 9", None), ("count(*) FROM docs HAVING count(*) > 900", None),
     ("count(*) FILTER (WHERE docname < 'b1') FROM docs", None), ("count(DISTINCT doctype), count(*) FROM docs", None),
-    ("count(*) FROM docs WHERE docname = 'no' GROUP BY (SELECT 1)", None), ("count(*) FROM docs WHERE docname = 'no' GROUP BY ()", None),
+    ("count(*) FROM docs WHERE docname = 'no' GROUP BY (SELECT 1)", None),
+    ("count(*) FROM docs WHERE docname = 'no' GROUP BY ()", None),
     ("count(*) FROM docs GROUP BY GROUPING SETS ((), ())", None), ("max(docname), count(*) FROM docs", None),
-    (f"count(*) FROM docs WHERE {QUERY} AND (SELECT count(name) FROM names) = 0", None), (f"count(*) {LIMITED}", None),
-    (f"count(*) {JOINED}", None), ("count(*) FROM docs WHERE random() > 2", None), ("count(*) FROM heirs", None), ("count(*) FROM parts", None), ("count(*) FROM part", 1),
+    (f"count(*) FROM docs WHERE {QUERY} AND (SELECT count(name) FROM names) = 0", None),
+    (f"count(*) {LIMITED}", None),
+    (f"count(*) {JOINED}", None), ("count(*) FROM docs WHERE random() > 2", None), ("count(*) FROM heirs", None),
+    ("count(*) FROM parts", None), ("count(*) FROM part", 1),
     ("CASE WHEN true THEN 1 ELSE count(*) END FROM docs", None), ("count(*) FROM docs WHERE false", None)]
 
 
 @pytest.fixture
 def related(docs):  # noqa: F811
     """The session with names of documents, views, and foreign tables below others."""
-    docs.run("CREATE TEMP TABLE names AS SELECT 'b' || to_char(n, 'FM0000') AS name FROM generate_series(250, 2497) n; "
-             "INSERT INTO names SELECT DISTINCT docname FROM docs; ALTER TABLE names ADD PRIMARY KEY (name); ANALYZE names; "
+    docs.run("CREATE TEMP TABLE names AS SELECT 'b' || to_char(n, 'FM0000') AS name "
+             "FROM generate_series(250, 2497) n; INSERT INTO names SELECT DISTINCT docname FROM docs; "
+             "ALTER TABLE names ADD PRIMARY KEY (name); ANALYZE names; "
              "CREATE TEMP VIEW open AS SELECT docname, param FROM docs; "
-             "CREATE TEMP VIEW closed WITH (security_barrier) AS SELECT docname, param FROM docs WHERE docname < 'b2'")
+             "CREATE TEMP VIEW closed WITH (security_barrier) AS "
+             "SELECT docname, param FROM docs WHERE docname < 'b2'")
     docs.make(name="heirs")
     docs.make(name="heir", indexlist="books,books")
-    docs.run("ALTER FOREIGN TABLE heir INHERIT heirs; CREATE TABLE parts (docname text, docindex text) PARTITION BY LIST (docindex); "
-             "CREATE FOREIGN TABLE part PARTITION OF parts FOR VALUES IN ('books') SERVER documents OPTIONS (indexlist 'books'); "
-             "CREATE TABLE local_part PARTITION OF parts FOR VALUES IN ('local'); INSERT INTO parts VALUES ('x', 'local')")
+    docs.run("ALTER FOREIGN TABLE heir INHERIT heirs; "
+             "CREATE TABLE parts (docname text, docindex text) PARTITION BY LIST (docindex); "
+             "CREATE FOREIGN TABLE part PARTITION OF parts FOR VALUES IN ('books') "
+             "SERVER documents OPTIONS (indexlist 'books'); "
+             "CREATE TABLE local_part PARTITION OF parts FOR VALUES IN ('local'); "
+             "INSERT INTO parts VALUES ('x', 'local')")
     docs.set("enable_partitionwise_aggregate", "on")
     yield docs
     docs.run("DROP FOREIGN TABLE heirs CASCADE; DROP TABLE parts")
@@ -79,8 +94,9 @@ def test_counts_that_are_made_again(related, search):
     assert related.value("EXECUTE counted('{b001}', 'minscore=1')") == 0
     related.run("ALTER FOREIGN TABLE docs OPTIONS (SET indexlist 'books')")
     search.take_journal()
-    assert related.run("SELECT name, c FROM names, LATERAL (SELECT count(*) AS c FROM docs WHERE docname = left(name, 3) || '1' "
-                       "OFFSET 0) s WHERE name IN ('b001', 'b002') ORDER BY name") == [("b001", 1), ("b002", 1)]
+    assert related.run("SELECT name, c FROM names, LATERAL (SELECT count(*) AS c FROM docs "
+                       "WHERE docname = left(name, 3) || '1' OFFSET 0) s WHERE name IN ('b001', 'b002') "
+                       "ORDER BY name") == [("b001", 1), ("b002", 1)]
     related.run("BEGIN; DECLARE c SCROLL CURSOR FOR SELECT count(*) FROM docs")
     assert [related.run(f"FETCH {direction} FROM c") for direction in ("NEXT", "NEXT", "PRIOR", "PRIOR", "NEXT")] == [
         [(250,)], [], [(250,)], [], [(250,)]]
@@ -90,7 +106,8 @@ def test_counts_that_are_made_again(related, search):
 
 def test_explain(docs, search):  # noqa: F811
     """The request and its cost, and the table, which the server does not name."""
-    docs.run("CREATE SCHEMA odd; ALTER FOREIGN TABLE docs SET SCHEMA odd; ALTER FOREIGN TABLE odd.docs RENAME TO \"Docs\"")
+    docs.run("CREATE SCHEMA odd; ALTER FOREIGN TABLE docs SET SCHEMA odd; "
+             "ALTER FOREIGN TABLE odd.docs RENAME TO \"Docs\"")
     asked = f"SELECT count(*) FROM odd.\"Docs\" WHERE {QUERY}"
     search.take_journal()
     assert 'Count of: "Docs"' in plan(docs, asked)
@@ -109,7 +126,8 @@ FAULTS = [
     (hits(total='{"value":1,"relation":"gte"}'), ("HV000", UNREADABLE, "no exact total of hits", "")),
     ('{"hits":{"hits":[]}}', ("HV000", UNREADABLE, "no exact total of hits", "")),
     (hits(total=LARGEST), ("HV000", UNREADABLE, "a total that cannot be", "")),
-    ('{"timed_out":true,' + hits(total=3)[1:], ("HV000", "the response of the search cluster lacks hits", "timed out", ""))]
+    ('{"timed_out":true,' + hits(total=3)[1:],
+     ("HV000", "the response of the search cluster lacks hits", "timed out", ""))]
 
 
 @pytest.mark.parametrize("fault, expected", FAULTS)
