@@ -65,8 +65,8 @@ FIELDS = {
         "2020-02-29T23:59:59.5Z 1900-01-01T00:00:00.000001Z 2100-01-01T00:00:00-18:00 2020-03-01T00:00:00.001 "
         "2020-03-29T01:30:00.0004+01:00")),
     "ms": ({"type": "date"},
-           '0 -1 1582934400123 "1582934400123" 1582934400123.5 "2020-02-29" -62135510400000 -999999999999999 -1.5 "-0.5" '
-           '1582934399999.999 "1582934399999.9999"'.split()),
+           '0 -1 1582934400123 "1582934400123" 1582934400123.5 "2020-02-29" -62135510400000 -999999999999999 '
+           '-1.5 "-0.5" 1582934399999.999 "1582934399999.9999"'.split()),
     "s": ({"type": "date", "format": "epoch_second"},
           '0 -1 1582934400 "1582934400" 1582934400.25 -0.5 "-1.0005" "1582934399.9999999"'.split()),
     "ip": ({"type": "ip"},
@@ -85,20 +85,21 @@ SEEDS = {"boolean": True, "date": "2020-01-01", **dict.fromkeys(("byte", "short"
 
 # What the columns show: a type and the field.
 SHOWN = {name: (kind, path) for name, kind, path in map(str.split, """
-    k text k; kv varchar k; kn varchar(8) short; code field_code short; mood field_mood mood; u uuid u; ut text
-    u; body text body; by int2 by; byd float8 by; sh int2 sh; i int4 i; il int8 i; inr float4 i; n numeric n; nd
-    float8 n; l int8 l; ln numeric l; lf float4 l; ld float8 l; ul numeric ul; uli int8 ul; hf float4 hf; hfd
-    float8 hf; hfn numeric(9,3) hf; f float4 f; fd float8 f; fi int4 f; fn numeric(60,3) f; d float8 d; df
-    float4 d; dn numeric(10,2) d; sf numeric sf; sfd float8 sf; sff float4 sf; sfn numeric(8,1) sf; b bool b; dt
-    timestamptz dt; dd date dt; dl timestamp dt; d0 timestamp(0) dt; dz timestamptz(2) dt; ms timestamptz ms;
-    msd date ms; s timestamp s; ip inet ip; ipt text ip; j jsonb j; jl jsonb list; tags text[] tags; tagj
-    jsonb[] tags; tagv varchar[] tags; longs int8[] longs; halves float4[] halves; reals float8[] reals; cents
-    numeric(8,1)[] cents; dates timestamptz[] dates; days date[] dates; flags bool[] flags; hosts inet[] hosts;
-    moods field_mood[] moods; ok text o.k; onr int4 o.n; ln_all int4[] list.n; lk_all text[] list.k; one text
-    tags
+    k text k; kv varchar k; kn varchar(8) short; code field_code short; mood field_mood mood; u uuid u; ut text u;
+    body text body; by int2 by; byd float8 by; sh int2 sh; i int4 i; il int8 i; ish int2 i; inr float4 i;
+    n numeric n; nd float8 n; l int8 l; ln numeric l; lf float4 l; ld float8 l; ul numeric ul; uli int8 ul;
+    hf float4 hf; hfd float8 hf; hfn numeric(9,3) hf; f float4 f; fd float8 f; fi int4 f; fn numeric(60,3) f;
+    d float8 d; df float4 d; dn numeric(10,2) d; sf numeric sf; sfd float8 sf; sff float4 sf; sfn numeric(8,1) sf;
+    b bool b; dt timestamptz dt; dd date dt; dl timestamp dt; d0 timestamp(0) dt; dz timestamptz(2) dt;
+    ms timestamptz ms; msd date ms; s timestamp s; ip inet ip; ipt text ip; j jsonb j; jl jsonb list;
+    tags text[] tags; tagj jsonb[] tags; tagv varchar[] tags; longs int8[] longs; halves float4[] halves;
+    reals float8[] reals; cents numeric(8,1)[] cents; dates timestamptz[] dates; days date[] dates;
+    flags bool[] flags; hosts inet[] hosts; moods field_mood[] moods; ok text o.k; onr int4 o.n;
+    ln_all int4[] list.n; lk_all text[] list.k; one text tags
 """.split(";"))}
 # Columns that are far from what the index keeps, or that is far from the source; and some of few kinds.
-OFTEN = "df df dn hf hfd hfn sff sfn sf n nd cents halves d0 d0 dz dd days dl k lk_all body b b b il uli".split() * 2
+OFTEN = 2 * ("df df dn hf hfd hfn sff sfn sf n nd cents halves d0 d0 "
+             "dz dd days dl dt dt k lk_all body b b b il ish uli").split()
 FORMATS = {"ms": "epoch_millis", "msd": "epoch_millis", "s": "epoch_second"}
 BASES = {"field_code": "varchar(8)", "field_mood": "text", "field_mood[]": "text[]"}
 
