@@ -2,6 +2,7 @@
 #include "server/errorBoundary.h"
 
 #include "extension/columns.h"
+#include "elasticsearch/jsonString.h"
 #include "server/encoding.h"
 
 #include <algorithm>
@@ -63,6 +64,9 @@ Column readColumn(Form_pg_attribute attribute)
         column.field = readFieldType(attribute);
         if (column.path.empty())
             column.path = callServer([&] { return server::serverToUtf8(name); });
+        if (!zq::elasticsearch::isValidUtf8(column.path))
+            throw FdwError(ERRCODE_CHARACTER_NOT_IN_REPERTOIRE, "the name of a column is not valid UTF-8")
+                .hinted("The option \"field\" names the field that the column shows.");
         return column;
     }
     if (column.role == Role::DocType)

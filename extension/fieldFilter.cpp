@@ -346,7 +346,9 @@ Filter fieldFilter(const Column &column, Comparator comparator, const SearchValu
     if (values.hasNull)
         return Nothing;
     std::vector<Filter> filters;
-    for (int i = 0; i < std::min(values.count, MostRanges); ++i)
+    const int count = std::min(values.count, MostRanges);
+    filters.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i)
         filters.push_back(anyFilter(column, Comparator::Equal, {values.first + i, 1, false}));
     return joinFilters(Junction::All, filters);
 }

@@ -2,6 +2,7 @@
 #include "server/errorBoundary.h"
 
 #include "extension/optionValues.h"
+#include "elasticsearch/jsonString.h"
 #include "http/url.h"
 #include "search/searchRequest.h"
 #include "server/encoding.h"
@@ -78,7 +79,8 @@ double OptionValue::asPositive() const
 std::string OptionValue::asFieldName() const
 {
     const std::size_t length = std::strlen(value);
-    if (length == 0 || value[0] == '.' || value[length - 1] == '.' || std::strstr(value, ".."))
+    if (length == 0 || !zq::elasticsearch::isValidUtf8(utf8()) || value[0] == '.' ||
+        value[length - 1] == '.' || std::strstr(value, ".."))
         refuse("the name of a field, with dots between the names of objects");
     return utf8();
 }

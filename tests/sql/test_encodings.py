@@ -96,6 +96,34 @@ def test_invalid_bytes_outward(session, scripted):
         session.connection.set_client_encoding("UTF8")
 
 
+def test_fields(session, scripted):
+    """Values and names of fields in both directions; what the database cannot hold does not fit."""
+    session.make_documents(scripted.port)
+    options = "SERVER documents OPTIONS (indexlist 'i')"
+    for text in TEXTS.values():
+        scripted.script = response(hits('"_id":"a","_source":{"%s":"%s"}' % (text, text)))
+        try:
+            text.encode(CODECS[session.encoding])
+        except UnicodeEncodeError:
+            session.run(f"CREATE FOREIGN TABLE f (v text OPTIONS (field 'v')) {options}")
+            scripted.script = response(hits('"_id":"a","_source":{"v":"%s"}' % text))
+            assert session.failure("SELECT v FROM f")[0] == "22000"
+        else:
+            session.run(f"CREATE FOREIGN TABLE f (\"{text}\" text OPTIONS (search 'keyword')) {options}")
+            assert session.run(f"SELECT \"{text}\" AS v FROM f WHERE \"{text}\" = '{text}'") == [(text,)]
+            assert f'"filter":[{{"terms":{{"{text}":["{text}"]}}}}]'.encode() in scripted.requests[-1].body
+            assert f'"includes":["{text}"]'.encode() in scripted.requests[-1].body
+        session.run("DROP FOREIGN TABLE f")
+    if session.encoding == "SQL_ASCII":
+        session.connection.set_client_encoding("SQL_ASCII")
+        session.run(b"CREATE FOREIGN TABLE f (\"\xff\" text) " + options.encode())
+        assert session.failure(b"SELECT * FROM f")[:2] == ("22021", "the name of a column is not valid UTF-8")
+        refused = session.failure(b"CREATE FOREIGN TABLE g (v text OPTIONS (field '\xff')) " + options.encode())
+        assert refused[0] == "22023"
+        session.run("DROP FOREIGN TABLE f")
+        session.connection.set_client_encoding("UTF8")
+
+
 def test_messages(session, scripted):
     """What a message quotes of the search cluster is text of the database, with ? for what cannot be."""
     text, bad = "na\u00efve \u65e5\u672c", b"\xc3( \xe6\x97"
