@@ -91,7 +91,7 @@ SHOWN = {name: (kind, path) for name, kind, path in map(str.split, """
     hf float4 hf; hfd float8 hf; hfn numeric(9,3) hf; f float4 f; fd float8 f; fi int4 f; fn numeric(60,3) f;
     d float8 d; df float4 d; dn numeric(10,2) d; sf numeric sf; sfd float8 sf; sff float4 sf; sfn numeric(8,1) sf;
     b bool b; dt timestamptz dt; dd date dt; dl timestamp dt; d0 timestamp(0) dt; dz timestamptz(2) dt;
-    ms timestamptz ms; msd date ms; s timestamp s; ip inet ip; ipt text ip; j jsonb j; jl jsonb list;
+    ms timestamptz ms; msd date ms; s timestamp s; ip inet ip; ipt text ip; j jsonb j; jl jsonb list; jk jsonb list.k;
     tags text[] tags; tagj jsonb[] tags; tagv varchar[] tags; longs int8[] longs; halves float4[] halves;
     reals float8[] reals; cents numeric(8,1)[] cents; dates timestamptz[] dates; days date[] dates;
     flags bool[] flags; hosts inet[] hosts; moods field_mood[] moods; ok text o.k; onr int4 o.n;
@@ -329,22 +329,22 @@ class FieldStatements(SearchStatements):
 
     def value_for(self, column):
         kind = element(column)
-        place, least = self.random.randint(1, 15), self.one_of("max", "min")
+        place, least = self.one_of(self.random.randint(1, 14), 15), self.one_of("max", "min")
         looked_up = [f"(SELECT {least}({column}) FROM chosen WHERE x < {place})",
                      f"(SELECT {column} FROM chosen WHERE x = {place})"] * (self.is_single(column) and kind != "bool")
         extreme = EXTREMES.get(group(kind), []) + ["1e400", "-1e-400"] * (kind == "numeric")
         plain = self.literal_for(column, self.sample(column))
         return self.one_of(*[plain] * 12, *looked_up, f"NULL::{kind}",
-                           *[self.random.choice(extreme)] * 2 if extreme else [])
+                           *[self.random.choice(extreme)] * 3 if extreme else [])
 
     def is_single(self, column):
         return not SHOWN[column][0].endswith("[]")
 
     def values_for(self, column):
         """Values of one type, of which there may be many."""
-        kind, most = element(column), self.one_of(1, 2, 3, 4, 150)
+        kind, count = element(column), self.one_of(1, 2, 3, 4, 120)
         return ", ".join(self.one_of(*[self.literal_of(self.sample(column), kind)] * 9, f"NULL::{kind}")
-                         for _ in range(self.random.randint(1, most)))
+                         for _ in range(count))
 
     # ---- conditions ------------------------------------------------------------------------------------------
 
