@@ -12,6 +12,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 
 namespace qm::extension
 {
@@ -104,14 +105,11 @@ Filter truthFilter(const Column &column, const SearchValues &values)
 
 // ---- ranges ----------------------------------------------------------------------------------------------
 
-// What the index keeps of a column's values that are equal to one, as far as a request can say it.
+// What the index keeps of a column's values that are equal to one.
 struct Range {
-    bool isSayable;
     double low;
     double high;
 };
-
-constexpr Range Unsayable = {false, 0, 0};
 
 // Those of a whole type of the index; none of the others.
 struct WholeLimits {
@@ -185,16 +183,17 @@ double mappedUnit(const ColumnOptions &options, double number)
     }
 }
 
-Range numberRange(const Column &column, const SearchValue &value)
+// Nothing where no request can say it.
+std::optional<Range> numberRange(const Column &column, const SearchValue &value)
 {
     const double number = value.form == Form::Whole ? static_cast<double>(value.whole) : value.real;
     const double kept = mappedUnit(column.options, number);
     const WholeLimits limits = limitsOf(column.options.mapped);
     if (value.form == Form::Unsayable || kept < 0 ||
         (limits.isWhole && (number < limits.least || number > limits.most)))
-        return Unsayable;
+        return std::nullopt;
     const double unit = kept + columnUnit(column, number) + doubleUnit(number);
-    return {true, number - unit, number + unit};
+    return Range{number - unit, number + unit};
 }
 
 std::string numberText(double number)
@@ -240,7 +239,7 @@ bool canBeDate(double microseconds)
 }
 
 // An index keeps milliseconds. A day of a column is any of its instants.
-Range dateRange(const Column &column, const SearchValue &value)
+std::optional<Range> dateRange(const Column &column, const SearchValue &value)
 {
     constexpr double Millisecond = 1000;
     const FieldType &type = *column.field;
@@ -252,8 +251,8 @@ Range dateRange(const Column &column, const SearchValue &value)
         high = static_cast<double>(zq::elasticsearch::MicrosecondsPerDay);
     const auto instant = static_cast<double>(value.whole);
     if (value.form != Form::Whole || !canBeDate(instant - low) || !canBeDate(instant + high))
-        return Unsayable;
-    return {true, instant - low, instant + high};
+        return std::nullopt;
+    return Range{instant - low, instant + high};
 }
 
 std::string dateBounds(Comparator comparator, Range range)
@@ -274,14 +273,15 @@ Filter rangesFilter(const Column &column, Comparator comparator, const SearchVal
     const bool isDate = column.options.mapped == MappedType::Date;
     std::vector<Range> ranges;
     for (const SearchValue &value : values) {
-        ranges.push_back(isDate ? dateRange(column, value) : numberRange(column, value));
-        if (!ranges.back().isSayable)
+        const std::optional<Range> range = isDate ? dateRange(column, value) : numberRange(column, value);
+        if (!range)
             return Everything;
+        ranges.push_back(*range);
     }
     if (ranges.size() > MostRanges) {
         Range all = ranges.front();
         for (const Range &range : ranges)
-            all = {true, std::min(all.low, range.low), std::max(all.high, range.high)};
+            all = {std::min(all.low, range.low), std::max(all.high, range.high)};
         ranges = {all};
     }
     std::vector<Filter> filters;
