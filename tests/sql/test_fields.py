@@ -82,7 +82,8 @@ BAD = [
     (f"timestamptz {EPOCH}", "1e99", "a number of the column's format"),
     (f"timestamptz {EPOCH}", "9223372036854775807", "a number of"), ("text[]", '["a",{}]', "this is an object"),
     ("int[]", '["a"]', "a whole number"),
-    ("jsonb", '"\\u0000"', "unsupported Unicode escape sequence")]
+    ("jsonb", '"\\u0000"', "unsupported Unicode escape sequence"), ("int[]", "[1 2]", "it is malformed"),
+    ("int", "[1,]", "it is malformed")]
 
 
 @pytest.fixture
