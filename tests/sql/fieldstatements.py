@@ -91,14 +91,14 @@ SHOWN = {name: (kind, path) for name, kind, path in map(str.split, """
     hf float4 hf; hfd float8 hf; hfn numeric(9,3) hf; f float4 f; fd float8 f; fi int4 f; fn numeric(60,3) f;
     d float8 d; df float4 d; dn numeric(10,2) d; sf numeric sf; sfd float8 sf; sff float4 sf; sfn numeric(8,1) sf;
     b bool b; dt timestamptz dt; dd date dt; dl timestamp dt; d0 timestamp(0) dt; dz timestamptz(2) dt;
-    ms timestamptz ms; msd date ms; s timestamp s; ip inet ip; ipt text ip; j jsonb j; jl jsonb list; jk jsonb list.k;
+    ms timestamptz ms; msd date ms; s timestamp s; ip inet ip; ipt text ip; j jsonb j; jl jsonb list; jn jsonb list.n;
     tags text[] tags; tagj jsonb[] tags; tagv varchar[] tags; longs int8[] longs; halves float4[] halves;
     reals float8[] reals; cents numeric(8,1)[] cents; dates timestamptz[] dates; days date[] dates;
     flags bool[] flags; hosts inet[] hosts; moods field_mood[] moods; ok text o.k; onr int4 o.n;
     ln_all int4[] list.n; lk_all text[] list.k; one text tags
 """.split(";"))}
 # Columns that are far from what the index keeps, or that is far from the source; and some of few kinds.
-OFTEN = 2 * ("df df dn hf hfd hfn sff sfn sf n nd cents halves d0 d0 "
+OFTEN = 2 * ("df df dn hf hfd hfn f fd fd sff sfn sf n nd cents halves d0 d0 "
              "dz dd days dl dt dt k lk_all body b b b il ish uli").split()
 FORMATS = {"ms": "epoch_millis", "msd": "epoch_millis", "s": "epoch_second"}
 BASES = {"field_code": "varchar(8)", "field_mood": "text", "field_mood[]": "text[]"}
@@ -332,7 +332,8 @@ class FieldStatements(SearchStatements):
         place, least = self.one_of(self.random.randint(1, 14), 15), self.one_of("max", "min")
         looked_up = [f"(SELECT {least}({column}) FROM chosen WHERE x < {place})",
                      f"(SELECT {column} FROM chosen WHERE x = {place})"] * (self.is_single(column) and kind != "bool")
-        extreme = EXTREMES.get(group(kind), []) + ["1e400", "-1e-400"] * (kind == "numeric")
+        extreme = EXTREMES.get(group(kind), []) + {"numeric": ["1e400", "-1e-400"],
+                                                   "float8": ["3.5e38::float8", "-1e39::float8"] * 4}.get(kind, [])
         plain = self.literal_for(column, self.sample(column))
         return self.one_of(*[plain] * 12, *looked_up, f"NULL::{kind}",
                            *[self.random.choice(extreme)] * 3 if extreme else [])
