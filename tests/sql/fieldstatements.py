@@ -134,6 +134,18 @@ def options_of(path, definition):
     return {**found, **{name: definition[given] for name, given in names.items() if given in definition}}
 
 
+def check_import(db, index):
+    """The tables are told of the fields as an import tells its own."""
+    db.run(f'DROP SCHEMA IF EXISTS imported CASCADE; CREATE SCHEMA imported; '
+           f'IMPORT FOREIGN SCHEMA "{index}" FROM SERVER documents INTO imported')
+    found = {path: dict(option.split("=", 1) for option in options or []) for path, options in db.run(
+        f"SELECT attname, attfdwoptions FROM pg_attribute WHERE attrelid = 'imported.\"{index}\"'::regclass")}
+    for path, definition in MAPPINGS.items():
+        expected = {name: str(value) for name, value in options_of(path, definition).items() if name != "field"}
+        given = {"format": definition["format"]} if "format" in definition else {}
+        assert found[path] == {**expected, **given}, path
+
+
 class Fields(NoFields):
     """Fields of documents; with `has_bad_values` also values that do not fit the columns, which are NULL then."""
 
