@@ -323,6 +323,7 @@ search::Value makeFieldValue(FieldType &type, const FieldValues &read)
     auto *elements = static_cast<Datum *>(palloc0(count * sizeof(Datum)));
     auto *nulls = static_cast<bool *>(palloc0(count * sizeof(bool)));
     for (std::size_t i = 0; i < count; ++i) {
+        CHECK_FOR_INTERRUPTS();
         nulls[i] = read.values[i].isNull;
         if (!nulls[i])
             elements[i] = datumOf(type, read.values[i]);

@@ -3,6 +3,7 @@
 
 #include "search/failure.h"
 #include "search/hitStream.h"
+#include "search/response.h"
 
 #include <algorithm>
 #include <chrono>
@@ -18,9 +19,6 @@ namespace
 
 // As many ids as a request names.
 constexpr std::size_t IdsAtOnce = 1000;
-
-// What one response may take: the positions of its parts have 32 bits, and a value of the server 30.
-constexpr std::size_t MostBytesOfAResponse = std::size_t{1023} << 20;
 
 constexpr long StatusOk = 200;
 constexpr long StatusNotFound = 404;

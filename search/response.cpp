@@ -11,9 +11,6 @@ namespace qm::search
 namespace
 {
 
-// As of a search: positions in a response have 32 bits.
-constexpr std::size_t MostBytesOfAResponse = std::size_t{1023} << 20;
-
 // What libcurl's callback fills; an exception must not cross its frames.
 struct Sink {
     std::string &body;

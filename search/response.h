@@ -4,10 +4,14 @@
 #include "http/exchange.h"
 #include "search/cluster.h"
 
+#include <cstddef>
 #include <string>
 
 namespace qm::search
 {
+
+// What one response may take: the positions of its parts have 32 bits, and a value of the server 30.
+constexpr std::size_t MostBytesOfAResponse = std::size_t{1023} << 20;
 
 struct Response {
     http::Request request;
