@@ -23,6 +23,7 @@ constexpr const char *NotWhole = "a whole number is needed";
 constexpr const char *NotNumber = "a number is needed";
 constexpr const char *NotBoolean = "true or false is needed";
 constexpr const char *NotDate = "a date of ISO 8601 is needed";
+constexpr const char *NumberAsDate = "numbers are dates in columns with the option \"format\"";
 constexpr const char *NotEpoch = "a number of the column's format or a date of ISO 8601 is needed";
 constexpr const char *NotScalar = "a single value is needed, and this is an object";
 constexpr const char *OutOfRange = "it is out of the range of the column's type";
@@ -147,7 +148,9 @@ const char *readAs(const Column &column, bool isString, ScalarValue &value)
     case FieldKind::Timestamp:
         if (readDate(value.text, isString, column.options.dateFormat, value.number))
             return value.number >= FirstInstant ? nullptr : OutOfRange;
-        return column.options.dateFormat == DateFormat::Iso ? NotDate : NotEpoch;
+        if (column.options.dateFormat != DateFormat::Iso)
+            return NotEpoch;
+        return isString ? NotDate : NumberAsDate;
     case FieldKind::Text:
         if (!isString && isNumber(value.text) && !hasOneSpelling(value.text))
             return NoSpelling;
