@@ -164,6 +164,20 @@ def query_table(values):
                *(f"{part:.3f}" for part in seconds)]
 
 
+def column_rows(values):
+    """What both take above the fetch of the same responses."""
+    for value in values:
+        columns, jsonb = (value[name] - value["fetch"] for name in ("columns", "jsonb"))
+        yield Row("ten fields as columns / out of jsonb", "fields", columns / jsonb, Target("≤", 0.25))
+
+
+def column_table(values):
+    yield ["seconds", "documents", "ids alone", "ten columns", "ten out of jsonb", "floor: fetch"]
+    for value in values:
+        seconds = [f"{value[name]:.3f}" for name in ("ids", "columns", "jsonb", "fetch")]
+        yield ["query", f"{value['documents']:,}"] + seconds
+
+
 def small_name(value):
     return f"{SMALL_QUERIES[value['query']]}, {DEFLATE_NAMES[value['level']]}" + ", jit" * value["jit"]
 
@@ -237,8 +251,8 @@ def processor():
     return f"{len(names)} × {names[0]}" if names else platform.machine()
 
 
-SECTIONS = {"reader": "the reader", "fields": "fields of sources", "query": "large results", "small": "small queries",
-            "growth": "growth", "batch": "batch sizes", "contents": "contents in SQL"}
+SECTIONS = {"reader": "the reader", "fields": "fields of sources", "query": "large results",
+            "columns": "fields as columns", "small": "small queries", "growth": "growth", "batch": "batch sizes", "contents": "contents in SQL"}
 
 
 def missing(values):
@@ -294,6 +308,11 @@ def markdown(values, rows, chart_name):
             "of the floor makes a new\nconnection for each page; the last column tells what it takes on one.\n",
             markdown_table(query_table(values["query"])),
         ]
+    if values.get("columns"):
+        parts += ["## Fields as columns\n",
+                  "Ten fields of the documents of 24 members, counted as typed columns of the search wrapper, and out "
+                  "of `doccontent`\nas `jsonb` by ten operators. All responses hold the whole sources.\n",
+                  markdown_table(column_table(values["columns"]))]
     if values.get("small"):
         parts += ["## Small queries\n", markdown_table(small_table(values["small"]))]
     if values.get("growth"):
@@ -350,8 +369,8 @@ def main():
     arguments = parser.parse_args()
     values = read_lines(arguments.files)
     rows = [*ReaderValues(values.get("reader", [])).rows(), *field_rows(ReaderValues(values.get("fields", []))),
-            *query_rows(values.get("query", [])), *small_rows(values.get("small", [])),
-            *contents_rows(values.get("contents", []))]
+            *query_rows(values.get("query", [])), *column_rows(values.get("columns", [])),
+            *small_rows(values.get("small", [])), *contents_rows(values.get("contents", []))]
     print(ratio_table(rows) + missing(values), end="")
     if arguments.chart:
         arguments.chart.write_text(chart.page([*bar_panels(values), *line_panels(values)]), encoding="utf-8")

@@ -19,8 +19,8 @@ KINDS = ("300B", "2KB", "20KB", "dense")
 RAW = -2  # the compression level that leaves contents as they are
 MATCH_ALL = """param = 'query={"match_all":{}}'"""
 # The fields that the measure of the reader takes of such documents, too.
-FIELDS = {"sku": "text", "title": "text", "author.name": "text", "year": "int", "publisher": "text", "price": "float8",
-          "tags": "text[]", "active": "bool", "created": "timestamptz", "shelf": "text"}
+FIELDS = {"sku": "text", "title": "text", "author.name": "text", "year": "int", "publisher": "text",
+          "price": "float8", "tags": "text[]", "active": "bool", "created": "timestamptz", "shelf": "text"}
 COUNT = "SELECT count(doccontent) FROM {}"
 COPY = "COPY (SELECT docname, doccontent FROM {}) TO '/dev/null'"
 
@@ -151,7 +151,8 @@ class Measuring:
                 raise RuntimeError(f"{index}: {found}")
             actions = {name: lambda text=f"SELECT {what} FROM fielded": backend.seconds(text)
                        for name, what in statements.items()}
-            times = in_turn(self.rounds, {"fetch": lambda: self.programs.fetch_seconds(port, index, documents, PAGE), **actions})
+            actions["fetch"] = lambda: self.programs.fetch_seconds(port, index, documents, PAGE)
+            times = in_turn(self.rounds, actions)
             show("columns", documents=documents, **times)
 
     def growth(self):

@@ -112,13 +112,15 @@ class Backend:
 
     def make_search_table(self, name, port, index, level):
         """The same for the search wrapper; contents come as text, or at a level of compression."""
-        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); DROP FOREIGN TABLE IF EXISTS {name}")
+        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); "
+                 f"DROP FOREIGN TABLE IF EXISTS {name}")
         self.run(f"CREATE FOREIGN TABLE {name} (docname text, doccontent bytea) SERVER search "
                  f"OPTIONS (indexlist '{index}', compressionlevel '{level}')")
 
     def make_field_table(self, name, port, index, fields):
-        """A table of the search wrapper with contents as jsonb and columns for fields, which are named with their types."""
-        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); DROP FOREIGN TABLE IF EXISTS {name}")
+        """A table of the search wrapper with contents as jsonb and columns for fields, named with their types."""
+        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); "
+                 f"DROP FOREIGN TABLE IF EXISTS {name}")
         columns = ", ".join(f'"{field}" {kind}' for field, kind in fields.items())
         self.run(f"CREATE FOREIGN TABLE {name} (docname text, doccontent jsonb, {columns}) SERVER search "
                  f"OPTIONS (indexlist '{index}')")
