@@ -252,7 +252,8 @@ def processor():
 
 
 SECTIONS = {"reader": "the reader", "fields": "fields of sources", "query": "large results",
-            "columns": "fields as columns", "small": "small queries", "growth": "growth", "batch": "batch sizes", "contents": "contents in SQL"}
+            "columns": "fields as columns", "small": "small queries", "growth": "growth", "batch": "batch sizes",
+            "contents": "contents in SQL"}
 
 
 def missing(values):
@@ -310,8 +311,8 @@ def markdown(values, rows, chart_name):
         ]
     if values.get("columns"):
         parts += ["## Fields as columns\n",
-                  "Ten fields of the documents of 24 members, counted as typed columns of the search wrapper, and out "
-                  "of `doccontent`\nas `jsonb` by ten operators. All responses hold the whole sources.\n",
+                  "Ten fields of the documents of 24 members, counted as typed columns of the search wrapper, and "
+                  "out of `doccontent`\nas `jsonb` by ten operators. All responses hold the whole sources.\n",
                   markdown_table(column_table(values["columns"]))]
     if values.get("small"):
         parts += ["## Small queries\n", markdown_table(small_table(values["small"]))]
