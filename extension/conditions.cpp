@@ -90,11 +90,13 @@ bool collect(const ScannedRelation &scanned, Node *clause, Condition &condition)
 
 } // namespace
 
+// A part of a clause that needs `param` would leave out what the search alone can see to.
 bool readCondition(const ScannedRelation &scanned, Expr *clause, Condition &condition)
 {
     condition = {};
     auto *node = reinterpret_cast<Node *>(clause);
-    return collect(scanned, node, condition) || readFieldCondition(scanned, node, condition);
+    return collect(scanned, node, condition) ||
+           (!requiresParam(scanned, node) && readFieldCondition(scanned, node, condition));
 }
 
 bool isSteering(const ScannedRelation &scanned, Node *expression)

@@ -12,24 +12,7 @@ using server::FdwError;
 namespace
 {
 
-// [server side] False when no field can be shown as that.
-bool readType(Oid type, int32 typmod, FieldType &found)
-{
-    const Oid base = getBaseTypeAndTypmod(type, &typmod);
-    const Oid element = get_element_type(base);
-    found.isArray = OidIsValid(element);
-    found.element = found.isArray ? element : base;
-    found.elementBase = getBaseTypeAndTypmod(found.element, &typmod);
-    found.typmod = typmod;
-    get_typlenbyvalalign(found.element, &found.length, &found.isByValue, &found.alignment);
-    Oid function;
-    getTypeInputInfo(found.elementBase, &function, &found.inputParameter);
-    fmgr_info(function, &found.input);
-    return findFieldKind(found.elementBase, found.kind);
-}
-
-} // namespace
-
+// [server side] The kind for values of a type below its domains; false when no field can be shown as that.
 bool findFieldKind(Oid type, FieldKind &kind)
 {
     switch (type) {
@@ -63,6 +46,24 @@ bool findFieldKind(Oid type, FieldKind &kind)
                TypeCategory(type) == TYPCATEGORY_STRING;
     }
 }
+
+// [server side] False when no field can be shown as that.
+bool readType(Oid type, int32 typmod, FieldType &found)
+{
+    const Oid base = getBaseTypeAndTypmod(type, &typmod);
+    const Oid element = get_element_type(base);
+    found.isArray = OidIsValid(element);
+    found.element = found.isArray ? element : base;
+    found.elementBase = getBaseTypeAndTypmod(found.element, &typmod);
+    found.typmod = typmod;
+    get_typlenbyvalalign(found.element, &found.length, &found.isByValue, &found.alignment);
+    Oid function;
+    getTypeInputInfo(found.elementBase, &function, &found.inputParameter);
+    fmgr_info(function, &found.input);
+    return findFieldKind(found.elementBase, found.kind);
+}
+
+} // namespace
 
 FieldType readFieldType(Form_pg_attribute attribute)
 {

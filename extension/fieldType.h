@@ -31,9 +31,6 @@ struct FieldType {
     Oid inputParameter;
 };
 
-// [server side] The kind for values of a type below its domains; false when no field can be shown as that.
-bool findFieldKind(Oid type, FieldKind &kind);
-
 // What becomes of a field's values in a column; in the current memory context. Throws FdwError for a column
 // of a type that no field can have.
 FieldType readFieldType(Form_pg_attribute attribute);

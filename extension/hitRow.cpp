@@ -33,6 +33,8 @@ std::string_view decoded(const HitStream &hits, HitMember member, std::string &t
 // The most of a value that an error shows.
 constexpr std::size_t MostShown = 200;
 
+constexpr const char *NoObject = "the source of a document is no valid JSON object";
+
 [[noreturn]] void throwAbout(const HitStream &hits, const char *message, const char *hint)
 {
     throw FdwError(ERRCODE_FDW_ERROR, message)
@@ -88,7 +90,7 @@ void HitRow::readMember(const HitStream &hits, const Column &column, RawValue &t
     case Role::DocType: {
         const Scalar type = zq::elasticsearch::topLevelScalar(sourceOf(hits), "type", docType);
         if (type == Scalar::Malformed)
-            throwAbout(hits, "the source of a document is no valid JSON object", "");
+            throwAbout(hits, NoObject, "");
         target.utf8 = docType;
         target.isThere = type == Scalar::There;
         break;
@@ -114,7 +116,8 @@ void HitRow::readFields(const HitStream &hits)
 {
     if (fieldColumns.empty())
         return;
-    sourceOf(hits);
+    if (sourceOf(hits).front() != '{')
+        throwAbout(hits, NoObject, "");
     for (std::vector<std::string_view> &values : found)
         values.clear();
     for (std::size_t i = 0; i < hits.fieldCount(); ++i) {

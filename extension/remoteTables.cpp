@@ -58,11 +58,26 @@ void readResponse(const Response &response, Take &&take)
         response, response.body, [&] { zq::elasticsearch::readJson(response.body, take); });
 }
 
+[[noreturn]] void throwRefusal(const Response &response)
+{
+    throw search::refusal(response.request, response.outcome, response.body);
+}
+
 Response getMappings(const search::Cluster &cluster, const IndexPattern &pattern)
 {
     Response response = search::get(cluster, "/" + pattern.pathPart() + "/_mapping");
     if (!response.isOk() && response.outcome.status != StatusNotFound)
-        throw search::refusal(response.request, response.outcome, response.body);
+        throwRefusal(response);
+    return response;
+}
+
+// Without the settings, columns would be told of fields that the search knows otherwise.
+Response getSettings(const search::Cluster &cluster, const IndexPattern &pattern)
+{
+    Response response =
+        search::get(cluster, "/" + pattern.pathPart() + "/_settings/" + Settings + "?flat_settings=true");
+    if (!response.isOk())
+        throwRefusal(response);
     return response;
 }
 
@@ -74,7 +89,7 @@ Response getIfKnown(const search::Cluster &cluster, const std::string &path)
     if (status == StatusBadRequest || status == StatusNotFound || status == StatusWrongMethod)
         response.body = "{}";
     else if (!response.isOk())
-        throw search::refusal(response.request, response.outcome, response.body);
+        throwRefusal(response);
     return response;
 }
 
@@ -166,8 +181,7 @@ RemoteTables::RemoteTables(const search::Cluster &cluster, const IndexPattern &p
     takeMappings();
     if (indices.empty())
         return;
-    takeSettings(
-        getIfKnown(cluster, "/" + pattern.pathPart() + "/_settings/" + Settings + "?flat_settings=true"));
+    takeSettings(getSettings(cluster, pattern));
     takeStreams(getIfKnown(cluster, "/_data_stream"));
     for (const auto &[name, index] : indices)
         if (pattern.matches(name) && index.isOffered)

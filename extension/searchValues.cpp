@@ -29,16 +29,28 @@ SearchValue instantOf(Datum timestamp)
     return wholeOf(microseconds + To1970);
 }
 
+// Whether the day, counted from the year 2000 on, is one that timestamps have, and not far from the years 0
+// to 9999 that a request can name.
+bool isNear(DateADT day)
+{
+    constexpr DateADT First = -800'000;
+    constexpr DateADT Last = 3'000'000;
+    return day >= First && day <= Last;
+}
+
 // Dates and timestamps without a zone become instants as the server's comparison takes them.
 SearchValue dateOf(Datum value, Oid type, bool hasZone)
 {
     if (type == DATEOID) {
-        if (DATE_NOT_FINITE(DatumGetDateADT(value)))
+        if (!isNear(DatumGetDateADT(value)))
             return {Form::Unsayable, nullptr, 0, 0};
         return instantOf(DirectFunctionCall1(hasZone ? date_timestamptz : date_timestamp, value));
     }
-    if (type == TIMESTAMPOID && hasZone && !TIMESTAMP_NOT_FINITE(DatumGetTimestamp(value)))
+    if (type == TIMESTAMPOID && hasZone) {
+        if (!isNear(static_cast<DateADT>(DatumGetTimestamp(value) / USECS_PER_DAY)))
+            return {Form::Unsayable, nullptr, 0, 0};
         value = DirectFunctionCall1(timestamp_timestamptz, value);
+    }
     return instantOf(value);
 }
 

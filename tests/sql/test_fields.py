@@ -155,6 +155,8 @@ def test_sources(one_field, scripted):
         assert json.loads(scripted.requests[0].body)["_source"] == source, columns
     assert report(one_field, "SELECT v, doccontent FROM docs WHERE param = 'sourceincludefilter=v'")[1] == (
         'source filters shape "doccontent" and would shape "v" too')
+    scripted.script = response(hits('"_id":"a","_source":[{"v":1}]'))
+    assert report(one_field, "SELECT v FROM docs")[1] == "the source of a document is no valid JSON object"
     scripted.script = response(hits(*named("a")))
     assert agrees(report(one_field, "SELECT v FROM docs"),
     ("HV000", "a document comes without its source", "id a", "_source"))
@@ -236,7 +238,9 @@ FILTERS = [
     ("ts = '1969-12-31 23:59:59.9995Z'", [dates("at", "1969-12-31T23:59:59.998Z", "1970-01-01T00:00:00.000Z")]),
     ("ts < date '2024-01-02'", [dates("at", None, "2024-01-01T15:00:00.001Z")]),
     ("ts < timestamp '2024-01-02 09:00'", [dates("at", None, "2024-01-02T00:00:00.001Z")]),
-    ("ts < 'infinity'", EVERYTHING), ("ts > '10000-01-01Z'", EVERYTHING), ("ts > '0044-03-15 BC'", EVERYTHING),
+    ("ts < 'infinity'", EVERYTHING), ("ts < date '5000000-01-01'", EVERYTHING),
+    ("ts < timestamp '294276-12-31 23:59:59'", EVERYTHING),
+    ("ts > '10000-01-01Z'", EVERYTHING), ("ts > '0044-03-15 BC'", EVERYTHING),
     ("ts0 < timestamptz '2024-01-02Z'", EVERYTHING),
     ("ts0 = '2024-01-02'", [dates("at", "2024-01-01T23:59:59.000Z", "2024-01-02T00:00:01.000Z")]),
     ("day = '2024-02-29'", [dates("at", "2024-02-28T23:59:59.999Z", "2024-03-01T00:00:00.000Z")]),
@@ -277,4 +281,8 @@ def test_filters(docs, search):
                  if "query" in body]
         expected = [] if expected == NOTHING else [expected]
         assert close(asked, expected), (condition, asked)
+    for condition in ("(param = 'query={}' AND i = 5) OR i = 7",
+                      "i = 5 AND (k = 'a' OR i = 7 AND param = 'query={}')"):
+        assert report(docs, f"SELECT docname FROM docs WHERE {condition}")[:2] == (
+            "0A000", 'a condition on "param" cannot be given to the search'), condition
     docs.run("RESET timezone")

@@ -394,6 +394,7 @@ def test_refusals(db, told):
         assert told(response('{"error":{"type":"t","reason":"r"}}', status)) == expected
     for part in ("aliases", "streams", "settings"):
         assert told(BOOKS, **{part: response("{}", "403 No")}) == REFUSED
+    assert told(BOOKS, settings=response("{}", "404 No")) == REFUSED
     db.run("ALTER SERVER documents OPTIONS (SET address 'http://127.0.0.1:1')")
     with pytest.raises(Exception) as caught:
         db.run("IMPORT FOREIGN SCHEMA x FROM SERVER documents INTO library")
