@@ -1,7 +1,9 @@
-"""An HTTP peer that plays a script on each connection: for the responses that no search server would give."""
+"""An HTTP peer that plays a script on each request: for the responses that no search server would give."""
 import contextlib
 import http.client
+import itertools
 import json
+import select
 import socket
 import struct
 import threading
@@ -11,11 +13,16 @@ NEVER = 10  # seconds: a query that nothing interrupts is to fail its test, not 
 
 
 def response(body="", status="200 OK", headers=(), length=None):
-    """A script that sends one response; `length` overrides the Content-Length that belongs to the body."""
+    """A script that sends one response; `length` overrides the Content-Length that belongs to the body. Where it does
+    not, the connection is kept for the next request."""
     data = body if isinstance(body, bytes) else body.encode()
     lines = [f"HTTP/1.1 {status}", f"Content-Length: {len(data) if length is None else length}", *headers]
     payload = "\r\n".join(lines).encode() + b"\r\n\r\n" + data
-    return lambda peer: peer.send(payload)
+
+    def script(peer):
+        peer.send(payload)
+        peer.keeps_connection = length is None
+    return script
 
 
 def hits(*documents, total=None, scroll_id=None):
@@ -62,11 +69,18 @@ def endless(piece, start=b"HTTP/1.1 200 OK\r\n\r\n"):
     return script
 
 
-class Peer:
-    """One connection, as a script sees it: the request that came, `verb` empty where none did, and how to respond."""
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
 
-    def __init__(self, connection):
-        self._connection = connection
+
+class Peer:
+    """One request, as a script sees it, `verb` empty where none came, and how to respond; `number` is that of the
+    connection, from 1."""
+    keeps_connection = False  # for another request, which takes a whole response
+
+    def __init__(self, connection, number=0):
+        self._connection, self.number = connection, number
         with connection.makefile("rb") as stream:
             self.verb, self.path, *_ = [*stream.readline().decode("latin-1").split(" "), ""]
             self.headers = http.client.parse_headers(stream)
@@ -78,8 +92,7 @@ class Peer:
 
     def reset(self):
         """Breaks the connection off with a reset instead of an orderly end."""
-        self._connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self._connection.close()
+        reset(self._connection)
 
     def wait_for_close(self, seconds):
         """Waits until the other side closes the connection; False when the time ran out first."""
@@ -90,18 +103,47 @@ class Peer:
             return False
 
 
+class Relay:
+    """A script that has the search server of a port respond, or plays the next of its `faults` that is not None."""
+
+    def __init__(self, port):
+        self._port, self.faults = port, []
+
+    def __call__(self, peer):
+        fault = self.faults.pop(0) if self.faults else None
+        (fault or self.forward)(peer)
+
+    def ask(self, peer):
+        """(status, headers, body) of the search server's response, which nobody has got yet."""
+        with contextlib.closing(http.client.HTTPConnection("127.0.0.1", self._port)) as far:
+            far.request(peer.verb, peer.path, peer.body or None, dict(peer.headers))
+            answer = far.getresponse()
+            packed = [f"Content-Encoding: {value}" for value in [answer.headers["Content-Encoding"]] if value]
+            return f"{answer.status} Told", packed, answer.read()
+
+    def forward(self, peer):
+        status, headers, body = self.ask(peer)
+        response(body, status, headers)(peer)
+
+
 class ScriptedServer:
-    """`with ScriptedServer(script) as server:` calls script(peer) for each request, one a connection; `requests` are
-    the peers. `script` may be replaced at any time. `secured` makes of a connection one that speaks TLS."""
+    """`with ScriptedServer(script) as server:` calls script(peer) for each request; `requests` are the peers.
+
+    `script` may be replaced at any time. `secured` makes of a connection one that speaks TLS; `connections` are the
+    numbers of those that got so far. The next `unread` requests meet a reset before a byte of them is read."""
 
     def __init__(self, script, secured=lambda connection: connection):
-        self.script, self._secured, self.requests = script, secured, []
+        self.script, self._secured, self.requests, self.connections = script, secured, [], []
+        self.port = self.unread = 0
+        self._numbers, self._open = itertools.count(1), set()
 
     def __enter__(self):
-        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._listener = socket.create_server(("127.0.0.1", self.port))
         self.port = self._listener.getsockname()[1]
-        threading.Thread(target=self._accept, daemon=True).start()
+        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
         return self
+
+    listen_again = __enter__
 
     def stop_listening(self, *_):
         """Refuses all further connections; those that are open go on."""
@@ -111,15 +153,37 @@ class ScriptedServer:
 
     __exit__ = stop_listening
 
-    def _accept(self):
+    def hang_up(self):
+        """Ends the connections that are open, in good order."""
+        for connection in list(self._open):
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
+
+    def _accept(self, listener):
         with contextlib.suppress(OSError):  # until it listens no more
             while True:
-                threading.Thread(target=self._serve, args=self._listener.accept()[:1], daemon=True).start()
+                threading.Thread(target=self._serve, args=listener.accept()[:1], daemon=True).start()
 
     def _serve(self, connection):
         # The other side may go away, which is what several tests are about.
         with contextlib.suppress(OSError), self._secured(connection) as stream:
-            peer = Peer(stream)
-            if peer.verb:
-                self.requests.append(peer)
-                self.script(peer)
+            number = next(self._numbers)
+            self.connections.append(number)
+            self._open.add(stream)
+            try:
+                while self._serve_request(stream, number):
+                    pass
+            finally:
+                self._open.discard(stream)
+
+    def _serve_request(self, stream, number):
+        select.select([stream], [], [])
+        if self.unread and stream.recv(1, socket.MSG_PEEK):
+            self.unread -= 1
+            reset(stream)
+            return False
+        peer = Peer(stream, number)
+        if peer.verb:
+            self.requests.append(peer)
+            self.script(peer)
+        return peer.keeps_connection
