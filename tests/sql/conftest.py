@@ -2,6 +2,8 @@
 import contextlib
 import os
 import re
+import ssl
+import subprocess
 import sys
 import time
 import zlib
@@ -14,7 +16,7 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "demo"), str(ROOT / "tests/soak")]
 
 from privatecluster import PrivateCluster  # noqa: E402
-from scriptedserver import ScriptedServer, response, hits  # noqa: E402
+from scriptedserver import Relay, ScriptedServer, response, hits  # noqa: E402
 from searchserver import SearchServer  # noqa: E402
 
 COLUMNS = "docname text, doccontent bytea, score real, doctype text, highlights bytea, param text"
@@ -219,6 +221,47 @@ def db(cluster, search, versions):
     database.connection.close()
 
 
+class Wire:
+    """The table `docs` of the 250 books of a search server, each of whose requests passes the scripted server `near`,
+    a hundred books at a time. All that goes wrong there is in the faults of `relay`."""
+    LOOK_UP, COUNT = "SELECT docname FROM docs WHERE docname = 'b007'", "SELECT count(*) FROM docs"
+    SEARCH, ALL = "SELECT docname FROM docs LIMIT 3", "SELECT docname FROM docs"
+    ROWS = {LOOK_UP: [("b007",)], COUNT: [(250,)], SEARCH: [("b000",), ("b001",), ("b002",)],
+            ALL: [(f"b{n:03}",) for n in range(250)]}
+
+    def __init__(self, db, search, near):
+        self.db, self.search, self.near = db, search, near
+        self.relay = near.script = Relay(search.port)
+
+    def make(self, *ports, scheme="http", **options):
+        """Makes the server `documents`, of which these ports are the nodes, and the table."""
+        nodes = ",".join(f"{scheme}://127.0.0.1:{port}" for port in ports or [self.near.port])
+        self.db.make_documents(address=nodes, **options)
+        self.db.run("CREATE FOREIGN TABLE docs (docname text) SERVER documents OPTIONS (indexlist 'books', batchsize '100')")
+
+    def kinds(self):
+        """What the requests were for that came since the last `outcome` began."""
+        return ["open" if "&scroll=" in peer.path else peer.purpose for peer in self.near.requests]
+
+    def outcome(self, statement, *faults):
+        """The rows of a statement, or its (SQLSTATE, message); its requests meet these faults, a None being none."""
+        self.near.requests.clear()
+        self.relay.faults[:] = faults
+        return self.db.outcome(statement)
+
+    def lose(self, peer):
+        """A fault: the search server does as it is asked, but its response does not come back."""
+        self.relay.ask(peer)
+
+
+@pytest.fixture
+def wire(db, search, scripted):
+    search.expire_scrolls()
+    made = Wire(db, search, scripted)
+    made.make()
+    return made
+
+
 @pytest.fixture
 def sent(db, scripted):
     """Moves `books` to the scripted server; sent(statement): the bodies of its requests, or its error."""
@@ -230,6 +273,27 @@ def sent(db, scripted):
         return outcome if isinstance(outcome, tuple) else [peer.body.decode() for peer in scripted.requests]
 
     return run
+
+
+@pytest.fixture(scope="session")
+def certificates(tmp_path_factory):
+    """Two certificates, each of which is its own authority: a good one and one of another host."""
+    folder = tmp_path_factory.mktemp("tls")
+    for name, host in (("good", "IP:127.0.0.1"), ("elsewhere", "DNS:search.example")):
+        command = f"openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN={name} -addext subjectAltName={host}"
+        subprocess.run([*command.split(), "-keyout", f"{name}.key", "-out", f"{name}.pem"], cwd=folder, check=True,
+                       capture_output=True)
+        (folder / f"{name}.pem").chmod(0o644)
+    for path in (folder.parent.parent, folder.parent, folder):
+        path.chmod(0o755)  # the server runs as another user
+    return folder
+
+
+def secured_with(certificates, name):
+    """What makes connections of a scripted server speak TLS, with one of the certificates."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(certificates / f"{name}.pem", certificates / f"{name}.key")
+    return lambda connection: context.wrap_socket(connection, server_side=True)
 
 
 @pytest.fixture(autouse=True)

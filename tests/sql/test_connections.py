@@ -1,14 +1,12 @@
 """What a server object and a user mapping add to the requests: time-outs, TLS, credentials."""
 import base64
 import os
-import ssl
-import subprocess
 import time
 
 import pytest
 
 import test_failures
-from conftest import Database
+from conftest import Database, secured_with
 from scriptedserver import ScriptedServer, response, hits, named, silence
 
 QUERY = "SELECT docname FROM {} WHERE param = 'query=q'"
@@ -129,21 +127,6 @@ def test_timeouts(db, remote, scripted):
 
 # ---- TLS -------------------------------------------------------------------------------------------------
 
-
-@pytest.fixture(scope="module")
-def certificates(tmp_path_factory):
-    """Two certificates, each of which is its own authority: a good one and one of another host."""
-    folder = tmp_path_factory.mktemp("tls")
-    for name, host in (("good", "IP:127.0.0.1"), ("elsewhere", "DNS:search.example")):
-        command = f"openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN={name} -addext subjectAltName={host}"
-        subprocess.run([*command.split(), "-keyout", f"{name}.key", "-out", f"{name}.pem"], cwd=folder, check=True,
-                       capture_output=True)
-        (folder / f"{name}.pem").chmod(0o644)
-    for path in (folder.parent.parent, folder.parent, folder):
-        path.chmod(0o755)  # the server runs as another user
-    return folder
-
-
 REFUSED = ("HV000", "Curl error (60)")
 # A machine may have no authorities of its own.
 UNKNOWN = REFUSED if os.path.exists("/etc/ssl/certs/ca-certificates.crt") else ("HV000", "Curl error (77)")
@@ -155,9 +138,7 @@ UNKNOWN = REFUSED if os.path.exists("/etc/ssl/certs/ca-certificates.crt") else (
     ("elsewhere", "cafile '{}/elsewhere.pem'", REFUSED), ("elsewhere", "tlsverify 'false'", [("a",)])])
 def test_tls(db, remote, certificates, certificate, options, outcome):
     """Credentials go out to a server that proved itself, or for which proof was waived, and to no other."""
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(certificates / f"{certificate}.pem", certificates / f"{certificate}.key")
-    with ScriptedServer(HIT, lambda connection: context.wrap_socket(connection, server_side=True)) as server:
+    with ScriptedServer(HIT, secured_with(certificates, certificate)) as server:
         remote(options.format(certificates), f"apikey '{SECRET}'", address="https://127.0.0.1", port=server.port)
         assert db.outcome(QUERY.format("far")) == outcome
         assert authorizations(server) == [f"ApiKey {SECRET}"] * (outcome == [("a",)])
