@@ -83,7 +83,7 @@ void Scan::begin()
     row.setParam(values.params ? &values.params->front() : nullptr);
     if (values.ids)
         ids.emplace(values.ids->begin(), values.ids->end());
-    hits = std::make_unique<HitStream>(options.cluster,
+    hits = std::make_unique<HitStream>(search::ClusterSession::of(options.serverId, options.userId, options.cluster),
                                        requestOfScan(options, row.columns(), parameters, values),
                                        pagingOfScan(options, plan, parameters));
 }
