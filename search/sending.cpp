@@ -13,10 +13,11 @@ using http::Clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Between two looks at what has arrived. In so much time a fast network fills no more than the receive buffer.
+// Between two looks at what has arrived. In so much time a fast network fills no more than the receive
+// buffer.
 constexpr std::chrono::microseconds BetweenLooks{500};
 
-constexpr milliseconds FirstPause{100};     // doubled with each retry
+constexpr milliseconds FirstPause{100};        // doubled with each retry
 constexpr std::int64_t LongestRetryAfter = 60; // seconds
 
 enum Status : long {
@@ -56,8 +57,7 @@ bool mayBeRepeated(const http::Outcome &outcome, Purpose purpose)
     if (outcome.status == 0)
         return outcome.code == CURLE_COULDNT_CONNECT && (!outcome.wasSent || purpose == Purpose::Search);
     return outcome.status == TooManyRequests || outcome.status == Unavailable ||
-           (purpose == Purpose::Search &&
-            (outcome.status == BadGateway || outcome.status == GatewayTimeout));
+           (purpose == Purpose::Search && (outcome.status == BadGateway || outcome.status == GatewayTimeout));
 }
 
 Statistics costOf(const http::Outcome &outcome)
