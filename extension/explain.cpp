@@ -173,6 +173,8 @@ void showStatistics(const search::Statistics &spent, ExplainState *state)
         ExplainPropertyInteger("Retries", nullptr, spent.retries, state);
     if (state->timing)
         ExplainPropertyFloat("Waited", "ms", spent.waitedMs, 3, state);
+    if (state->timing && spent.deflatedMs > 0)
+        ExplainPropertyFloat("Deflated", "ms", spent.deflatedMs, 3, state);
 }
 
 } // namespace

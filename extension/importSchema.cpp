@@ -133,7 +133,9 @@ class Import
 {
 public:
     Import(ImportForeignSchemaStmt *statement, Oid serverId)
-        : statement(statement), session(search::ClusterSession::of(serverId, GetUserId(), readCluster(serverId, GetUserId()))), arrays(statement->options)
+        : statement(statement),
+          session(search::ClusterSession::of(serverId, GetUserId(), readCluster(serverId, GetUserId()))),
+          arrays(statement->options)
     {
     }
 

@@ -175,7 +175,8 @@ void apply(const std::string &name, const std::string &value, RemoteIndex &index
 
 } // namespace
 
-RemoteTables::RemoteTables(const std::shared_ptr<search::ClusterSession> &session, const IndexPattern &pattern)
+RemoteTables::RemoteTables(const std::shared_ptr<search::ClusterSession> &session,
+                           const IndexPattern &pattern)
     : mappings(getMappings(session, pattern))
 {
     if (!mappings.isOk())

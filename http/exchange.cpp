@@ -90,8 +90,7 @@ std::size_t dropBody(char *, std::size_t size, std::size_t count, void *) { retu
 
 Exchange::Exchange(Connections &connections, Request request, curl_write_callback write, void *target)
     : connections(connections), request(std::move(request)),
-      headers(headersOf(connections.settings, this->request)),
-      easy(curl_easy_init())
+      headers(headersOf(connections.settings, this->request)), easy(curl_easy_init())
 {
     if (!easy)
         throw std::bad_alloc();

@@ -42,8 +42,8 @@ bool waitUntil(Connections &connections, Clock::time_point end)
     const Clock::time_point now = Clock::now();
     if (now >= end)
         return false;
-    const auto left = end - now > LongestWait ? LongestWait
-                                              : std::chrono::duration_cast<milliseconds>(end - now);
+    const auto left =
+        end - now > LongestWait ? LongestWait : std::chrono::duration_cast<milliseconds>(end - now);
     connections.wait(static_cast<int>(left.count()) + 1);
     return true;
 }

@@ -14,7 +14,7 @@ struct Cluster {
     // Of each scheme, host, port and prefix, without a slash at the end; no credentials. At least one.
     std::vector<std::string> nodes;
     http::Settings settings;
-    std::int32_t retries = 0;    // further tries of a request that failed
+    std::int32_t retries = 0;     // further tries of a request that failed
     bool keepsConnections = true; // for the session
     bool fetchesAhead = true;     // the next page while one is read
     bool tellsOrigin = true;      // each request says which session it comes from

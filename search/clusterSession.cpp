@@ -19,7 +19,7 @@ constexpr std::chrono::minutes LongestRest{1};
 ClusterSession::ClusterSession(Oid server, const Cluster &cluster)
     : cluster(cluster),
       connections(cluster.settings, cluster.keepsConnections ? http::Reuse::Kept : http::Reuse::None),
-      nodes(cluster.nodes.size()), spent(statisticsOfServer(server)), lastUse(http::Clock::now())
+      nodes(cluster.nodes.size()), spent(totalOfServer(server)), lastUse(http::Clock::now())
 {
 }
 

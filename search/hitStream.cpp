@@ -51,8 +51,7 @@ http::Request firstRequest(const SearchRequest &request, const Paging &paging)
     }
     if (paging.limit >= 0)
         return searchFor(request, "", paging.limit);
-    return paging.isSmall ? searchFor(request, "", paging.pageSize)
-                          : scrollFor(request, "", paging.pageSize);
+    return paging.isSmall ? searchFor(request, "", paging.pageSize) : scrollFor(request, "", paging.pageSize);
 }
 
 HitStream::HitStream(std::shared_ptr<ClusterSession> session, SearchRequest request, Paging paging)

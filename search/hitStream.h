@@ -28,7 +28,8 @@ http::Request firstRequest(const SearchRequest &request, const Paging &paging);
 
 // Fetches the hits of a search, whatever their number: those of a small search or a look-up with one request,
 // all others page by page through a scroll, of which from the second page on the next one is on its way while
-// one is read. A hit that is lost is an error, never the end. Requests are sent when a hit is asked for. Failures are thrown as FdwError, interrupts as ServerError.
+// one is read. A hit that is lost is an error, never the end. Requests are sent when a hit is asked for.
+// Failures are thrown as FdwError, interrupts as ServerError.
 class HitStream
 {
 public:
@@ -93,7 +94,7 @@ private:
     std::unique_ptr<Fetch> page;
     std::unique_ptr<Fetch> following; // null before there is one
     bool isAhead = false;             // the following page is on its way
-    std::size_t current = 0; // hit of the page
+    std::size_t current = 0;          // hit of the page
     std::size_t nextHit = 0;
     std::int64_t returned = 0;
     std::int64_t returnedOfPart = 0;

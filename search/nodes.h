@@ -9,7 +9,8 @@
 namespace qm::search
 {
 
-// Stays with a node as long as it responds. One that did not is passed over for half a minute, unless all are.
+// Stays with a node as long as it responds. One that did not is passed over for half a minute, unless all
+// are.
 class Nodes
 {
 public:

@@ -22,8 +22,9 @@ struct Response {
     bool isOk() const { return outcome.status == 200; }
 };
 
-// Sends a GET of the path, which begins with a slash, as Sending does. The status is for the caller to judge. Throws FdwError
-// where no response comes in full, or one larger than a search's may be, and ServerError for a cancel.
+// Sends a GET of the path, which begins with a slash, as Sending does. The status is for the caller to judge.
+// Throws FdwError where no response comes in full, or one larger than a search's may be, and ServerError for
+// a cancel.
 Response get(const std::shared_ptr<ClusterSession> &session, const std::string &path);
 
 } // namespace qm::search

@@ -13,10 +13,11 @@ using http::Clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Between two looks at what has arrived. In so much time a fast network fills no more than the receive buffer.
+// Between two looks at what has arrived. In so much time a fast network fills no more than the receive
+// buffer.
 constexpr std::chrono::microseconds BetweenLooks{500};
 
-constexpr milliseconds FirstPause{100};     // doubled with each retry
+constexpr milliseconds FirstPause{100};        // doubled with each retry
 constexpr std::int64_t LongestRetryAfter = 60; // seconds
 
 enum Status : long {
@@ -56,8 +57,7 @@ bool mayBeRepeated(const http::Outcome &outcome, Purpose purpose)
     if (outcome.status == 0)
         return outcome.code == CURLE_COULDNT_CONNECT && (!outcome.wasSent || purpose == Purpose::Search);
     return outcome.status == TooManyRequests || outcome.status == Unavailable ||
-           (purpose == Purpose::Search &&
-            (outcome.status == BadGateway || outcome.status == GatewayTimeout));
+           (purpose == Purpose::Search && (outcome.status == BadGateway || outcome.status == GatewayTimeout));
 }
 
 Statistics costOf(const http::Outcome &outcome)
@@ -89,8 +89,11 @@ Sending::Sending(std::shared_ptr<ClusterSession> session, http::Request request,
 
 Sending::~Sending() { giveUp(); }
 
+// What has arrived in the meantime may be all, and then its connection can be kept.
 void Sending::giveUp() noexcept
 {
+    if (exchange && !exchange->isDone())
+        look();
     if (exchange)
         noteOutcome(exchange->end(CURLE_ABORTED_BY_CALLBACK));
 }
@@ -107,15 +110,17 @@ void Sending::begin()
     Statistics part;
     part.requests = 1;
     note(part);
-    lastLook = {};
-    advance();
+    look();
 }
 
 void Sending::advance() noexcept
 {
-    const Clock::time_point now = Clock::now();
-    if (exchange->isDone() || now - lastLook < BetweenLooks)
-        return;
+    if (!exchange->isDone() && Clock::now() - lastLook >= BetweenLooks)
+        look();
+}
+
+void Sending::look() noexcept
+{
     try {
         session->connections.advance();
     } catch (const std::bad_alloc &) {

@@ -16,7 +16,13 @@ std::map<Oid, Statistics> &ofSession()
 
 } // namespace
 
-Statistics &statisticsOfServer(Oid server) { return ofSession()[server]; }
+Statistics &totalOfServer(Oid server) { return ofSession()[server]; }
+
+Statistics statisticsOfServer(Oid server) noexcept
+{
+    const auto found = ofSession().find(server);
+    return found == ofSession().end() ? Statistics() : found->second;
+}
 
 void resetStatistics() noexcept
 {

@@ -33,10 +33,12 @@ struct Statistics {
     }
 };
 
-// All that this session has exchanged with a foreign server since it began or was reset. The reference stays
-// good. Throws std::bad_alloc.
-Statistics &statisticsOfServer(Oid server);
+// Where all that this session exchanges with a foreign server is added up. The reference stays good. Throws
+// std::bad_alloc.
+Statistics &totalOfServer(Oid server);
 
+// That total, since the session began or was last reset; all zero for a server that it has not asked.
+Statistics statisticsOfServer(Oid server) noexcept;
 void resetStatistics() noexcept;
 
 } // namespace qm::search
