@@ -28,19 +28,27 @@ class SearchServer:
         self.compresses = False
         self.journal = []
         self.cluster = Cluster(self.dialect)
+        self.nodes = []  # each a listener and its thread
 
     def __enter__(self):
-        self.listener = Listener(self.port, self)
-        self.port = self.listener.server_address[1]
-        self.thread = threading.Thread(target=self.listener.serve_forever, args=(0.02,), daemon=True)
-        self.thread.start()
+        self.port = self.add_node(self.port)
         return self
 
     def __exit__(self, *exception):
-        self.listener.shutdown()
-        self.listener.server_close()
-        self.listener.hang_up()
-        self.thread.join()
+        for listener, thread in self.nodes:
+            listener.shutdown()
+            listener.server_close()
+            listener.hang_up()
+            thread.join()
+        self.nodes.clear()
+
+    def add_node(self, port=0):
+        """Listens on one more port, as another node of the same cluster does; returns it."""
+        listener = Listener(port, self)
+        thread = threading.Thread(target=listener.serve_forever, args=(0.02,), daemon=True)
+        thread.start()
+        self.nodes.append((listener, thread))
+        return listener.server_address[1]
 
     # Indices and documents
 

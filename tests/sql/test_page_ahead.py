@@ -114,11 +114,11 @@ def test_a_pause_is_no_time_out(wire, scripted):
             response(page)(peer)
 
     scripted.script = script
-    wire.make(timeout=1000)
+    wire.make(timeout=600)
     wire.db.run(CURSOR + wire.ALL)
     for name in ("a", "b", "large"):
         assert wire.db.run("FETCH 1 FROM c") == [(name,)]
-        time.sleep(1.3)
+        time.sleep(0.8)
     threading.Timer(0.3, late.set).start()
     assert wire.db.run("FETCH ALL FROM c") == [("z",)]
     wire.db.run("COMMIT")
