@@ -62,6 +62,7 @@ ALWAYS = [({}, (), 4, (0.6, 1.5)), ({"retries": 0}, (), 1, (0, 0.4)), ({"retries
 def test_always(wire, options, headers, sent, taken):
     """The last refusal is the error; and it comes in time."""
     wire.make(**options)
+    wire.db.run("SET statement_timeout = 5000")
     for statement in (wire.LOOK_UP, wire.ALL):
         assert taken[0] <= seconds(lambda: wire.outcome(statement, *[status(429, *headers)] * 12)) <= taken[1]
         assert len(wire.near.requests) == (sent or len(wire.near.requests))
