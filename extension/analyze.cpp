@@ -39,7 +39,7 @@ search::HitStream sampleOf(const TableOptions &options, const std::vector<Column
     search::Paging paging;
     paging.limit = rows;
     paging.toleratesPartial = options.partialResults == PartialResults::Warning;
-    return {options.cluster, request, paging};
+    return {search::ClusterSession::of(options.serverId, options.userId, options.cluster), request, paging};
 }
 
 std::vector<Column> allColumns(Relation relation)

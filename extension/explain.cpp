@@ -115,7 +115,7 @@ void ShownConditions::add(const Condition &condition)
               }));
 }
 
-// The request that the scan begins with as far as it is known, with expressions between angle brackets where
+// The request that the scan begins with, to the first node, as far as it is known, with expressions between angle brackets where
 // values are not.
 http::Request shownRequest(ForeignScanState *node, ExplainState *state, const TableOptions &options)
 {
@@ -137,7 +137,9 @@ http::Request shownRequest(ForeignScanState *node, ExplainState *state, const Ta
         request.ids.reset();
         paging.isSmall = true;
     }
-    return search::firstRequest(options.cluster, request, paging);
+    http::Request first = search::firstRequest(request, paging);
+    first.url = options.cluster.nodes.front() + first.url;
+    return first;
 }
 
 void showRequest(ForeignScanState *node, ExplainState *state)
@@ -167,8 +169,12 @@ void showStatistics(const search::Statistics &spent, ExplainState *state)
     ExplainPropertyInteger("Pages", nullptr, spent.pages, state);
     ExplainPropertyInteger("Hits", nullptr, spent.hits, state);
     ExplainPropertyInteger("Bytes Received", nullptr, spent.bytes, state);
+    if (spent.retries > 0)
+        ExplainPropertyInteger("Retries", nullptr, spent.retries, state);
     if (state->timing)
         ExplainPropertyFloat("Waited", "ms", spent.waitedMs, 3, state);
+    if (state->timing && spent.deflatedMs > 0)
+        ExplainPropertyFloat("Deflated", "ms", spent.deflatedMs, 3, state);
 }
 
 } // namespace

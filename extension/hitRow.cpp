@@ -58,7 +58,7 @@ HitRow::HitRow(std::vector<Column> columns, MemoryContext parent)
     : wanted(std::move(columns)), context(callServer([&] {
           return AllocSetContextCreate(parent, "Elasticsearch row", ALLOCSET_DEFAULT_SIZES);
       })),
-      packing{0, {parent, nullptr, 0}}, raw(wanted.size())
+      packing{0, {parent, nullptr, 0}, 0}, raw(wanted.size())
 {
     for (std::size_t place = 0; place < wanted.size(); ++place)
         if (wanted[place].role == Role::Field)

@@ -25,6 +25,8 @@ public:
     // What `param` shows; NULL when it is not set.
     void setParam(const std::string *text);
     void setCompressionLevel(int level) { packing.compressionLevel = level; }
+    // The milliseconds that compressing has taken.
+    double deflatedMs() const { return packing.deflatedMs; }
     // What `score` shows in place of the hits' own scores.
     void setScore(std::string_view number) { fixedScore = number; }
 

@@ -133,7 +133,9 @@ class Import
 {
 public:
     Import(ImportForeignSchemaStmt *statement, Oid serverId)
-        : statement(statement), cluster(readCluster(serverId, GetUserId())), arrays(statement->options)
+        : statement(statement),
+          session(search::ClusterSession::of(serverId, GetUserId(), readCluster(serverId, GetUserId()))),
+          arrays(statement->options)
     {
     }
 
@@ -143,7 +145,7 @@ private:
     void addTable(const RemoteTables &remote, const std::string &name, const RemoteTables::Indices &indices);
 
     ImportForeignSchemaStmt *const statement;
-    const search::Cluster cluster;
+    const std::shared_ptr<search::ClusterSession> session;
     Arrays arrays;
     Names tableNames;
     List *made = NIL;
@@ -154,7 +156,7 @@ List *Import::run()
     const IndexPattern pattern(callServer([&] { return server::serverToUtf8(statement->remote_schema); }));
     if (!pattern.canMatch())
         throwNothing(statement->remote_schema);
-    const RemoteTables remote(cluster, pattern);
+    const RemoteTables remote(session, pattern);
     if (remote.tables().empty())
         throwNothing(statement->remote_schema);
     for (const auto &[name, indices] : remote.tables())

@@ -110,12 +110,19 @@ std::string OptionValue::asTimeValue() const
     return value;
 }
 
-std::string OptionValue::asClusterUrl() const
+std::vector<std::string> OptionValue::asClusterUrls() const
 {
-    std::string url = http::baseUrl(utf8());
-    if (url.empty())
-        refuse("an http or https URL of host, port and path prefix, without credentials");
-    return url;
+    std::vector<std::string> urls;
+    const std::string all = utf8();
+    for (std::size_t begin = 0; begin <= all.size();) {
+        const std::size_t end = std::min(all.find(',', begin), all.size());
+        urls.push_back(http::baseUrl(all.substr(begin, end - begin)));
+        if (urls.back().empty())
+            refuse("an http or https URL of host, port and path prefix, without credentials, or several, "
+                   "separated by commas");
+        begin = end + 1;
+    }
+    return urls;
 }
 
 std::string OptionValue::asProxy() const

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace qm::extension
 {
@@ -30,8 +31,9 @@ public:
     int asChoice(std::initializer_list<const char *> choices) const;
     // A number and a unit, as Elasticsearch writes times.
     std::string asTimeValue() const;
-    // http or https, with host, port and path prefix, without a slash at the end.
-    std::string asClusterUrl() const;
+    // Separated by commas, of each node http or https, with host, port and path prefix, without a slash at the
+    // end.
+    std::vector<std::string> asClusterUrls() const;
     std::string asProxy() const;
     // Names of indices as they stand in a path.
     std::string asIndices() const;

@@ -36,8 +36,9 @@ struct Known {
 // table.
 constexpr Known AllOptions[] = {
     {"address", ForeignServerRelationId, nullptr,
-     [](AnyOptions &options, const OptionValue &value) { options.cluster.url = value.asClusterUrl(); },
-     "URL of the cluster: scheme, host, port and, behind a proxy, a path prefix"},
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.nodes = value.asClusterUrls(); },
+     "URL of the cluster: scheme, host, port and, behind a proxy, a path prefix; or several, of its nodes, "
+     "separated by commas"},
     {"connecttimeout", ForeignServerRelationId, "10000",
      [](AnyOptions &options, const OptionValue &value) {
          options.cluster.settings.connectTimeoutMs = value.asMilliseconds();
@@ -59,6 +60,25 @@ constexpr Known AllOptions[] = {
     {"proxy", ForeignServerRelationId, "",
      [](AnyOptions &options, const OptionValue &value) { options.cluster.settings.proxy = value.asProxy(); },
      "URL of an HTTP proxy; without it none is used, whatever the environment says"},
+    {"retries", ForeignServerRelationId, "3",
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.retries = value.asNumber(0, 10); },
+     "further tries, 0 to 10, of a request that the cluster cannot take now and that may be sent again"},
+    {"keepconnections", ForeignServerRelationId, "true",
+     [](AnyOptions &options, const OptionValue &value) {
+         options.cluster.keepsConnections = value.asBoolean();
+     },
+     "whether a session keeps its connections for its next requests"},
+    {"pageahead", ForeignServerRelationId, "true",
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.fetchesAhead = value.asBoolean(); },
+     "whether the next page of a large result is fetched while one is read"},
+    {"httpcompression", ForeignServerRelationId, "false",
+     [](AnyOptions &options, const OptionValue &value) {
+         options.cluster.settings.compresses = value.asBoolean();
+     },
+     "whether the cluster may compress its responses (gzip)"},
+    {"opaqueid", ForeignServerRelationId, "true",
+     [](AnyOptions &options, const OptionValue &value) { options.cluster.tellsOrigin = value.asBoolean(); },
+     "whether requests say in X-Opaque-Id which session they come from: application_name and process id"},
     {"requestcost", ForeignServerRelationId, "100",
      [](AnyOptions &options, const OptionValue &value) { options.requestCost = value.asCost(); },
      "planner's cost of a request"},
@@ -209,7 +229,7 @@ std::string hintFor(Oid catalog, const char *name)
 
 void requireAddress(const TableOptions &options)
 {
-    if (options.cluster.url.empty())
+    if (options.cluster.nodes.empty())
         throw FdwError(ERRCODE_FDW_OPTION_NAME_NOT_FOUND,
                        "option \"address\" of the foreign server is required");
 }
@@ -246,6 +266,7 @@ void checkCredentials(const http::Settings &settings)
 void readServer(AnyOptions &options, Oid serverId)
 {
     const ForeignServer *server = callServer([&] { return GetForeignServer(serverId); });
+    options.serverId = serverId;
     read(options, ForeignServerRelationId, server->options);
     requireAddress(options);
 }
@@ -254,6 +275,7 @@ void readUser(AnyOptions &options, Oid serverId, Oid userId)
 {
     // A search may take its time in silence; that its cluster is gone must be noticed all the same.
     options.cluster.settings.keepsAlive = true;
+    options.userId = userId;
     read(options, UserMappingRelationId,
          callServer([&] { return server::userMappingOptions(serverId, userId); }));
     checkCredentials(options.cluster.settings);

@@ -15,6 +15,8 @@ enum class PartialResults { Error, Warning };
 // The options of a foreign table and of what it belongs to, with the defaults of those that are not set.
 // Texts are in UTF-8.
 struct TableOptions {
+    Oid serverId = InvalidOid;
+    Oid userId = InvalidOid; // whose mapping was read
     search::Cluster cluster;
     double requestCost = 0;
     double rowCost = 0;

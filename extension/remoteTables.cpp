@@ -20,6 +20,8 @@ using zq::elasticsearch::takeText;
 namespace
 {
 
+using Session = std::shared_ptr<search::ClusterSession>;
+
 constexpr long StatusBadRequest = 400;
 constexpr long StatusNotFound = 404;
 constexpr long StatusWrongMethod = 405;
@@ -63,28 +65,28 @@ void readResponse(const Response &response, Take &&take)
     throw search::refusal(response.request, response.outcome, response.body);
 }
 
-Response getMappings(const search::Cluster &cluster, const IndexPattern &pattern)
+Response getMappings(const Session &session, const IndexPattern &pattern)
 {
-    Response response = search::get(cluster, "/" + pattern.pathPart() + "/_mapping");
+    Response response = search::get(session, "/" + pattern.pathPart() + "/_mapping");
     if (!response.isOk() && response.outcome.status != StatusNotFound)
         throwRefusal(response);
     return response;
 }
 
 // Without the settings, columns would be told of fields that the search knows otherwise.
-Response getSettings(const search::Cluster &cluster, const IndexPattern &pattern)
+Response getSettings(const Session &session, const IndexPattern &pattern)
 {
     Response response =
-        search::get(cluster, "/" + pattern.pathPart() + "/_settings/" + Settings + "?flat_settings=true");
+        search::get(session, "/" + pattern.pathPart() + "/_settings/" + Settings + "?flat_settings=true");
     if (!response.isOk())
         throwRefusal(response);
     return response;
 }
 
 // Asks what not every version knows: what is not there, there are none of.
-Response getIfKnown(const search::Cluster &cluster, const std::string &path)
+Response getIfKnown(const Session &session, const std::string &path)
 {
-    Response response = search::get(cluster, path);
+    Response response = search::get(session, path);
     const long status = response.outcome.status;
     if (status == StatusBadRequest || status == StatusNotFound || status == StatusWrongMethod)
         response.body = "{}";
@@ -173,23 +175,24 @@ void apply(const std::string &name, const std::string &value, RemoteIndex &index
 
 } // namespace
 
-RemoteTables::RemoteTables(const search::Cluster &cluster, const IndexPattern &pattern)
-    : mappings(getMappings(cluster, pattern))
+RemoteTables::RemoteTables(const std::shared_ptr<search::ClusterSession> &session,
+                           const IndexPattern &pattern)
+    : mappings(getMappings(session, pattern))
 {
     if (!mappings.isOk())
         return;
     takeMappings();
     if (indices.empty())
         return;
-    takeSettings(getSettings(cluster, pattern));
-    takeStreams(getIfKnown(cluster, "/_data_stream"));
+    takeSettings(getSettings(session, pattern));
+    takeStreams(getIfKnown(session, "/_data_stream"));
     for (const auto &[name, index] : indices)
         if (pattern.matches(name) && index.isOffered)
             offer(name, name);
     for (const auto &[name, members] : streams)
         if (pattern.matches(name))
             offer(name, name);
-    takeAliases(getIfKnown(cluster, "/_alias/" + pattern.widePathPart()), pattern);
+    takeAliases(getIfKnown(session, "/_alias/" + pattern.widePathPart()), pattern);
 }
 
 Mapping RemoteTables::mappingOf(const RemoteIndex &index) const

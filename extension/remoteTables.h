@@ -2,7 +2,6 @@
 #pragma once
 
 #include "extension/mapping.h"
-#include "search/cluster.h"
 #include "search/response.h"
 
 #include <map>
@@ -28,7 +27,7 @@ class RemoteTables
 public:
     // Asks the cluster. Throws FdwError and ServerError as search::get does, and FdwError for what cannot be
     // read.
-    RemoteTables(const search::Cluster &cluster, const IndexPattern &pattern);
+    RemoteTables(const std::shared_ptr<search::ClusterSession> &session, const IndexPattern &pattern);
 
     using Indices = std::map<std::string, const RemoteIndex *>;
     const std::map<std::string, Indices> &tables() const { return found; }

@@ -1,6 +1,8 @@
 // The values of a row, made of a hit. All of this is on the server's side of the error boundary.
 #include "extension/rowValues.h"
 
+#include <chrono>
+
 namespace qm::extension
 {
 namespace
@@ -8,9 +10,13 @@ namespace
 
 Datum bytesOf(std::string_view bytes, Packing &packing)
 {
+    using Clock = std::chrono::steady_clock;
     varlena *value = nullptr;
+    const Clock::time_point begin = Clock::now();
     server::compressBytes(bytes.data(), static_cast<unsigned int>(bytes.size()), value,
                           packing.compressionLevel, packing.stream);
+    if (packing.compressionLevel != server::RawLevel)
+        packing.deflatedMs += std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
     if (!value)
         ereport(ERROR, (errcode(ERRCODE_OUT_OF_MEMORY), errmsg("out of memory")));
     return PointerGetDatum(value);

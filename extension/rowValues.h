@@ -23,6 +23,7 @@ struct RawValue {
 struct Packing {
     int compressionLevel;
     server::DeflateStream stream;
+    double deflatedMs; // so far
 };
 
 // [server side] The value of a column, in the current memory context. Raises the server's own error for what

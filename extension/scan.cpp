@@ -27,6 +27,9 @@ class Scan
 {
 public:
     Scan(ForeignScanState *node, MemoryContext context);
+    ~Scan() { noteDeflating(); }
+    Scan(const Scan &) = delete;
+    Scan &operator=(const Scan &) = delete;
 
     // Puts the next row into the cleared slot; leaves it empty at the end.
     void next(TupleTableSlot *slot);
@@ -42,6 +45,7 @@ private:
     void begin();
     void takeCount(TupleTableSlot *slot);
     bool goToNextHit();
+    void noteDeflating() noexcept;
 
     ForeignScanState *const node;
     const PlanData plan;
@@ -49,10 +53,12 @@ private:
     HitRow row;
 
     bool hasBegun = false;
+    std::shared_ptr<search::ClusterSession> session;
     std::unique_ptr<HitStream> hits;                    // null when there is nothing to ask for
     std::optional<std::unordered_set<std::string>> ids; // that the conditions name
     std::string id;
     search::Statistics before; // of the scans before a restart
+    double notedDeflatedMs = 0;
 };
 
 ForeignScan *planOf(ForeignScanState *node) { return reinterpret_cast<ForeignScan *>(node->ss.ps.plan); }
@@ -83,8 +89,8 @@ void Scan::begin()
     row.setParam(values.params ? &values.params->front() : nullptr);
     if (values.ids)
         ids.emplace(values.ids->begin(), values.ids->end());
-    hits = std::make_unique<HitStream>(options.cluster,
-                                       requestOfScan(options, row.columns(), parameters, values),
+    session = search::ClusterSession::of(options.serverId, options.userId, options.cluster);
+    hits = std::make_unique<HitStream>(session, requestOfScan(options, row.columns(), parameters, values),
                                        pagingOfScan(options, plan, parameters));
 }
 
@@ -101,6 +107,16 @@ void Scan::close() noexcept
 {
     if (hits)
         hits->close();
+    noteDeflating();
+}
+
+// Compressing is what this scan does; the session's total knows it from here.
+void Scan::noteDeflating() noexcept
+{
+    if (!session)
+        return;
+    session->spent.deflatedMs += row.deflatedMs() - notedDeflatedMs;
+    notedDeflatedMs = row.deflatedMs();
 }
 
 search::Statistics Scan::statistics() const
@@ -108,6 +124,7 @@ search::Statistics Scan::statistics() const
     search::Statistics all = before;
     if (hits)
         all.add(hits->statistics());
+    all.deflatedMs = row.deflatedMs();
     return all;
 }
 

@@ -1,8 +1,8 @@
 // One exchange: a request and its response.
 #include "http/exchange.h"
-#include "http/handles.h"
-#include "http/transfer.h"
 
+#include <algorithm>
+#include <cstring>
 #include <new>
 
 namespace qm::http
@@ -25,12 +25,20 @@ void allowHttpOnly(CURL *easy)
     curl_easy_setopt(easy, CURLOPT_DEFAULT_PROTOCOL, "http");
 }
 
+void leaveResolverBehind(CURL *easy)
+{
+#if LIBCURL_VERSION_NUM >= 0x075700
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+#else
+    (void)easy;
+#endif
+}
+
+// Without the bound of the whole request: who waits for it keeps that.
 void apply(const Settings &settings, CURL *easy)
 {
     if (settings.connectTimeoutMs > 0)
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeoutMs));
-    if (settings.timeoutMs > 0)
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.timeoutMs));
     if (settings.keepsAlive)
         curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     if (!settings.caFile.empty())
@@ -49,11 +57,13 @@ void apply(const Settings &settings, CURL *easy)
         curl_easy_setopt(easy, CURLOPT_USERNAME, settings.userName.c_str());
         curl_easy_setopt(easy, CURLOPT_PASSWORD, settings.password.c_str());
     }
+    if (settings.compresses)
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "gzip");
 }
 
-void append(HeaderList &headers, const char *line)
+void append(HeaderList &headers, const std::string &line)
 {
-    curl_slist *longer = curl_slist_append(headers.get(), line);
+    curl_slist *longer = curl_slist_append(headers.get(), line.c_str());
     if (!longer)
         throw std::bad_alloc();
     (void)headers.release();
@@ -68,59 +78,90 @@ HeaderList headersOf(const Settings &settings, const Request &request)
         append(headers, "Expect:"); // a large body is not to wait for the word to go on
     }
     if (!settings.authorization.empty())
-        append(headers, settings.authorization.c_str());
+        append(headers, settings.authorization);
+    if (!request.opaqueId.empty())
+        append(headers, "X-Opaque-Id: " + request.opaqueId);
     return headers;
-}
-
-// A handle that is ready to send the request, and what it refers to; settings and request must outlive it.
-struct Prepared {
-    EasyHandle easy;
-    HeaderList headers;
-};
-
-Prepared prepare(const Settings &settings, const Request &request)
-{
-    Prepared prepared{EasyHandle(curl_easy_init()), headersOf(settings, request)};
-    CURL *easy = prepared.easy.get();
-    if (!easy)
-        throw std::bad_alloc();
-    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, ReceiveBufferSize);
-    allowHttpOnly(easy);
-    apply(settings, easy);
-    if (!request.body.empty())
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.c_str());
-    if (prepared.headers)
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, prepared.headers.get());
-    if (request.method == Method::Delete)
-        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "DELETE");
-    return prepared;
 }
 
 } // namespace
 
-Outcome exchange(const Settings &settings, const Request &request, curl_write_callback write, void *target)
+std::size_t dropBody(char *, std::size_t size, std::size_t count, void *) { return size * count; }
+
+Exchange::Exchange(Connections &connections, Request request, curl_write_callback write, void *target)
+    : connections(connections), request(std::move(request)),
+      headers(headersOf(connections.settings, this->request)), easy(curl_easy_init())
 {
-    const Prepared prepared = prepare(settings, request);
-    CURL *easy = prepared.easy.get();
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, write);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, target);
-    Outcome outcome{runTransfer(easy), 0};
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &outcome.status);
-    long sentBytes = 0;
-    curl_easy_getinfo(easy, CURLINFO_REQUEST_SIZE, &sentBytes);
-    outcome.wasSent = sentBytes > 0;
-    return outcome;
+    if (!easy)
+        throw std::bad_alloc();
+    prepare(write, target);
+    connections.add(easy.get(), completion);
 }
 
-void exchangeBriefly(const Settings &settings, const Request &request, std::int64_t end)
+Exchange::~Exchange() { end(CURLE_ABORTED_BY_CALLBACK); }
+
+void Exchange::prepare(curl_write_callback write, void *target)
 {
-    const Prepared prepared = prepare(settings, request);
-    const curl_write_callback drop = [](char *, size_t size, size_t count, void *) { return size * count; };
-    curl_easy_setopt(prepared.easy.get(), CURLOPT_WRITEFUNCTION, drop);
-    runBriefTransfer(prepared.easy.get(), end);
+    curl_easy_setopt(easy.get(), CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(easy.get(), CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy.get(), CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy.get(), CURLOPT_BUFFERSIZE, ReceiveBufferSize);
+    leaveResolverBehind(easy.get());
+    allowHttpOnly(easy.get());
+    apply(connections.settings, easy.get());
+    prepareBody();
+    if (headers)
+        curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
+    if (request.method == Method::Delete)
+        curl_easy_setopt(easy.get(), CURLOPT_CUSTOMREQUEST, "DELETE");
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, write);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, target);
+}
+
+// libcurl cannot wind back a body that it reads from a function, and gives up in place of sending it twice.
+void Exchange::prepareBody()
+{
+    if (request.body.empty())
+        return;
+    if (request.resend == Resend::Allowed) {
+        curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, request.body.c_str());
+        return;
+    }
+    curl_easy_setopt(easy.get(), CURLOPT_POST, 1L);
+    curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    curl_easy_setopt(easy.get(), CURLOPT_READFUNCTION, readBody);
+    curl_easy_setopt(easy.get(), CURLOPT_READDATA, this);
+}
+
+std::size_t Exchange::readBody(char *target, std::size_t size, std::size_t count, void *exchange)
+{
+    auto *self = static_cast<Exchange *>(exchange);
+    const std::size_t length = std::min(size * count, self->request.body.size() - self->bodySent);
+    std::memcpy(target, self->request.body.data() + self->bodySent, length);
+    self->bodySent += length;
+    return length;
+}
+
+// The connection is kept, unless it is in the midst of something.
+const Outcome &Exchange::end(CURLcode code) noexcept
+{
+    if (!easy)
+        return outcome;
+    outcome.code = isDone() ? completion.code : code;
+    completion.isDone = true;
+    curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &outcome.status);
+    long sentBytes = 0;
+    curl_easy_getinfo(easy.get(), CURLINFO_REQUEST_SIZE, &sentBytes);
+    outcome.wasSent = sentBytes > 0;
+    curl_off_t number = 0;
+    curl_easy_getinfo(easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &number);
+    outcome.receivedBytes = number;
+    curl_easy_getinfo(easy.get(), CURLINFO_NUM_CONNECTS, &outcome.openedConnections);
+    curl_easy_getinfo(easy.get(), CURLINFO_RETRY_AFTER, &number);
+    outcome.retryAfter = number;
+    connections.remove(easy.get());
+    easy.reset();
+    return outcome;
 }
 
 } // namespace qm::http

@@ -1,8 +1,10 @@
 // One exchange: a request and its response.
 #pragma once
 
-#include "http/settings.h"
+#include "http/connections.h"
+#include "http/handles.h"
 
+#include <cstdint>
 #include <curl/curl.h>
 #include <string>
 
@@ -11,27 +13,61 @@ namespace qm::http
 
 enum class Method { Get, Post, Delete };
 
+// Whether libcurl may send a request a second time, in silence, where a kept connection breaks before the
+// first byte of a response: nobody knows then whether the first one has arrived.
+enum class Resend { Allowed, Forbidden };
+
 // A body, of whatever method, is JSON.
 struct Request {
-    Method method;
+    Method method = Method::Get;
     std::string url;
     std::string body;
+    Resend resend = Resend::Allowed;
+    std::string opaqueId = {}; // by which the other side may tell who asks; empty: none
 };
 
 struct Outcome {
-    CURLcode code;
-    long status;          // of HTTP; 0 without a response
+    CURLcode code = CURLE_OK;
+    long status = 0;      // of HTTP; 0 without a response
     bool wasSent = false; // the request, or a part of it
+    // Of the body, as they came over the wire.
+    std::int64_t receivedBytes = 0;
+    long openedConnections = 0;
+    std::int64_t retryAfter = 0; // seconds after which the other side wants to be asked again; 0: not said
 };
 
-// Sends the request once, on a connection of its own, and hands the body of the response to `write`, with
-// `target`, as it arrives. Follows no redirect and speaks http and https only. A cancel request, a time-out
-// of the server's or a shutdown ends it within a fraction of a second and is thrown as a ServerError. Throws
-// std::bad_alloc.
-Outcome exchange(const Settings &settings, const Request &request, curl_write_callback write, void *target);
+// A libcurl write callback for a body that nobody reads.
+std::size_t dropBody(char *data, std::size_t size, std::size_t count, void *target);
 
-// Sends a request whose response does not matter, and gives it up at the moment `end`: see runBriefTransfer.
-// Throws std::bad_alloc, and raises nothing.
-void exchangeBriefly(const Settings &settings, const Request &request, std::int64_t end);
+// An exchange under way. Begins when it is made and ends when it goes, whatever its state.
+class Exchange
+{
+public:
+    // Hands the body of the response to `write`, with `target`, as it arrives. Follows no redirect and speaks
+    // http and https only. The connections and the target must outlive this. Throws std::bad_alloc.
+    Exchange(Connections &connections, Request request, curl_write_callback write, void *target);
+    ~Exchange();
+    Exchange(const Exchange &) = delete;
+    Exchange &operator=(const Exchange &) = delete;
+
+    bool isDone() const { return completion.isDone; }
+    // What came of it. What is not done is ended, with this code.
+    const Outcome &end(CURLcode code) noexcept;
+
+    Connections &carrier() const { return connections; }
+
+private:
+    void prepare(curl_write_callback write, void *target);
+    void prepareBody();
+    static std::size_t readBody(char *target, std::size_t size, std::size_t count, void *exchange);
+
+    Connections &connections;
+    const Request request;
+    std::size_t bodySent = 0;
+    HeaderList headers;
+    EasyHandle easy; // null when it was ended
+    Completion completion;
+    Outcome outcome;
+};
 
 } // namespace qm::http

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
 
 namespace qm::http
 {
@@ -21,8 +22,19 @@ struct Settings {
     std::string userName;             // for basic authentication
     std::string password;
     std::string authorization; // a whole header line
+    bool compresses = false;   // responses may come compressed with gzip
 
     bool hasCredentials() const { return !userName.empty() || !authorization.empty(); }
 };
+
+inline bool operator==(const Settings &one, const Settings &other)
+{
+    const auto members = [](const Settings &of) {
+        return std::tie(of.connectTimeoutMs, of.timeoutMs, of.caFile, of.verifiesTls, of.clientCertificate,
+                        of.clientKey, of.keepsAlive, of.proxy, of.userName, of.password, of.authorization,
+                        of.compresses);
+    };
+    return members(one) == members(other);
+}
 
 } // namespace qm::http

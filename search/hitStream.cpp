@@ -6,7 +6,6 @@
 #include "search/response.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace qm::search
 {
@@ -20,33 +19,6 @@ namespace
 // As many ids as a request names.
 constexpr std::size_t IdsAtOnce = 1000;
 
-constexpr long StatusOk = 200;
-constexpr long StatusNotFound = 404;
-
-// What libcurl's callback fills; an exception must not cross its frames.
-struct Sink {
-    zq::elasticsearch::SearchResponseReader &reader;
-    std::int64_t bytes = 0;
-    bool isTooLarge = false;
-    bool isOutOfMemory = false;
-};
-
-std::size_t takeBytes(char *data, std::size_t size, std::size_t count, void *target)
-{
-    const std::size_t length = size * count;
-    auto &sink = *static_cast<Sink *>(target);
-    sink.bytes += static_cast<std::int64_t>(length);
-    sink.isTooLarge = sink.reader.heldBytes() + length > MostBytesOfAResponse;
-    if (sink.isTooLarge)
-        return 0;
-    try {
-        return sink.reader.read(data, length) ? length : 0;
-    } catch (const std::exception &) {
-        sink.isOutOfMemory = true;
-        return 0;
-    }
-}
-
 // Of the ids those of one request, from the one on that comes after so many.
 std::vector<std::string> idsFrom(const std::vector<std::string> &ids, std::size_t taken)
 {
@@ -54,42 +26,38 @@ std::vector<std::string> idsFrom(const std::vector<std::string> &ids, std::size_
     return {first, first + static_cast<std::ptrdiff_t>(std::min(IdsAtOnce, ids.size() - taken))};
 }
 
-http::Request searchFor(const Cluster &cluster, const SearchRequest &request, std::string_view filter,
-                        std::int64_t size)
+http::Request searchFor(const SearchRequest &request, std::string_view filter, std::int64_t size)
 {
     const Order order = request.needsScores ? Order::ByScore : Order::AsItComes;
-    return {http::Method::Post, cluster.url + "/" + request.indices + "/_search?allow_no_indices=false",
+    return {http::Method::Post, "/" + request.indices + "/_search?allow_no_indices=false",
             searchBody(request, filter, size, order)};
 }
 
-http::Request scrollFor(const Cluster &cluster, const SearchRequest &request, std::string_view filter,
-                        std::int64_t size)
+http::Request scrollFor(const SearchRequest &request, std::string_view filter, std::int64_t size)
 {
-    http::Request search = searchFor(cluster, request, filter, size);
+    http::Request search = searchFor(request, filter, size);
     search.url += "&scroll=" + request.scrollTimeout;
     return search;
 }
 
 } // namespace
 
-http::Request firstRequest(const Cluster &cluster, const SearchRequest &request, const Paging &paging)
+http::Request firstRequest(const SearchRequest &request, const Paging &paging)
 {
     if (request.ids) {
         const std::vector<std::string> first = idsFrom(*request.ids, 0);
         const auto size = static_cast<std::int64_t>(first.size());
-        return searchFor(cluster, request, idFilter(first),
-                         paging.limit < 0 ? size : std::min(size, paging.limit));
+        return searchFor(request, idFilter(first), paging.limit < 0 ? size : std::min(size, paging.limit));
     }
     if (paging.limit >= 0)
-        return searchFor(cluster, request, "", paging.limit);
-    return paging.isSmall ? searchFor(cluster, request, "", paging.pageSize)
-                          : scrollFor(cluster, request, "", paging.pageSize);
+        return searchFor(request, "", paging.limit);
+    return paging.isSmall ? searchFor(request, "", paging.pageSize) : scrollFor(request, "", paging.pageSize);
 }
 
-HitStream::HitStream(const Cluster &cluster, SearchRequest request, Paging paging)
-    : cluster(cluster), request(std::move(request)), paging(paging)
+HitStream::HitStream(std::shared_ptr<ClusterSession> session, SearchRequest request, Paging paging)
+    : session(std::move(session)), request(std::move(request)), paging(paging),
+      page(std::make_unique<Fetch>(this->request.fields))
 {
-    reader.lookFor(this->request.fields);
 }
 
 HitStream::~HitStream()
@@ -100,17 +68,25 @@ HitStream::~HitStream()
 
 void HitStream::close() noexcept
 {
-    if (context)
-        ScrollContexts::ofSession().remove(*context);
-    context.reset();
+    endPart();
     state = State::Done;
+}
+
+Statistics HitStream::statistics() const
+{
+    Statistics all = spent;
+    if (isAhead)
+        all.add(following->statistics());
+    return all;
 }
 
 bool HitStream::next()
 {
-    if (following == reader.hitCount() && !fetch())
+    if (isAhead)
+        following->advance();
+    if (nextHit == hitCount() && !fetch())
         return false;
-    current = following++;
+    current = nextHit++;
     ++returned;
     ++returnedOfPart;
     return true;
@@ -127,7 +103,7 @@ bool HitStream::fetch()
         }
         const bool goesOn =
             state == State::Scroll && received < total && wanted() > 0 ? nextPage() : beginPart();
-        if (goesOn && following < reader.hitCount())
+        if (goesOn && nextHit < hitCount())
             return true;
     }
 }
@@ -172,20 +148,23 @@ std::int64_t HitStream::count()
     do {
         if (request.ids)
             takeIds();
-        const http::Request search = searchFor(cluster, request, filter, 0);
-        exchange(search);
-        checkTotal(search);
+        exchange(searchFor(request, filter, 0), Purpose::Search);
         if (received > 0)
-            throw unreadable(search, "hits where none were asked for");
-        if (reader.summary().total > INT64_MAX - sum)
-            throw unreadable(search, "a total that cannot be");
-        sum += reader.summary().total;
+            throw unreadable(page->request(), "hits where none were asked for");
+        if (summary().total > INT64_MAX - sum)
+            throw unreadable(page->request(), "a total that cannot be");
+        sum += summary().total;
     } while (request.ids && idsTaken < request.ids->size());
     return sum;
 }
 
-void HitStream::endPart()
+void HitStream::endPart() noexcept
 {
+    if (isAhead) {
+        following->giveUp();
+        spent.add(following->statistics());
+        isAhead = false;
+    }
     if (context)
         ScrollContexts::ofSession().remove(*context);
     context.reset();
@@ -194,17 +173,15 @@ void HitStream::endPart()
 
 void HitStream::searchOnce(std::int64_t size)
 {
-    const http::Request search = searchFor(cluster, request, filter, size);
-    exchange(search);
-    checkTotal(search);
-    total = reader.summary().total;
+    exchange(searchFor(request, filter, size), Purpose::Search);
+    total = summary().total;
     if (received == total || received == wanted()) {
         state = State::OneSearch;
         total = received;
         return;
     }
     if (received < std::min(size, total))
-        throwLost(search);
+        throwLost();
     // There are more than were asked for, and no row has been returned yet: start over.
     received = 0;
     openScroll();
@@ -213,101 +190,111 @@ void HitStream::searchOnce(std::int64_t size)
 void HitStream::openScroll()
 {
     ScrollContexts::ofSession().removeAbandoned();
-    const http::Request search = scrollFor(cluster, request, filter, paging.pageSize);
-    exchange(search);
-    scrollId = reader.summary().scrollId;
-    if (!scrollId.empty())
-        context = ScrollContexts::ofSession().note(cluster, scrollId);
-    checkTotal(search);
+    try {
+        exchange(scrollFor(request, filter, paging.pageSize), Purpose::OpenScroll);
+    } catch (...) {
+        page->giveUp();
+        noteContext();
+        throw;
+    }
+    noteContext();
     state = State::Scroll;
-    total = reader.summary().total;
-    if (received > total || (received == 0 && total > 0) || (received < total && scrollId.empty()))
-        throwLost(search);
+    total = summary().total;
+    if (received > total || (received == 0 && total > 0) || (received < total && !context))
+        throwLost();
     if (received == total)
         endPart();
 }
 
+// However the response ends: it tells the context first.
+void HitStream::noteContext()
+{
+    scrollId = summary().scrollId;
+    if (!scrollId.empty())
+        context = ScrollContexts::ofSession().note(session, scrollId);
+}
+
+http::Request HitStream::nextPageRequest() const
+{
+    return {http::Method::Post, "/_search/scroll",
+            R"({"scroll":)" + jsonString(request.scrollTimeout) + R"(,"scroll_id":)" + jsonString(scrollId) +
+                "}"};
+}
+
 bool HitStream::nextPage()
 {
-    const http::Request page{http::Method::Post, cluster.url + "/_search/scroll",
-                             R"({"scroll":)" + jsonString(request.scrollTimeout) + R"(,"scroll_id":)" +
-                                 jsonString(scrollId) + "}"};
-    exchange(page);
-    checkTotal(page);
-    if (!reader.summary().scrollId.empty() && reader.summary().scrollId != scrollId) {
-        scrollId = reader.summary().scrollId;
+    if (isAhead) {
+        std::swap(page, following);
+        isAhead = false;
+        acceptPage();
+    } else {
+        exchange(nextPageRequest(), Purpose::NextPage);
+    }
+    if (!summary().scrollId.empty() && summary().scrollId != scrollId) {
+        scrollId = summary().scrollId;
         ScrollContexts::ofSession().rename(*context, scrollId);
     }
-    const bool isEnd = reader.hitCount() == 0;
-    if (reader.summary().total != total || received > total || (isEnd && !paging.toleratesPartial))
-        throwLost(page);
+    const bool isEnd = hitCount() == 0;
+    if (summary().total != total || received > total || (isEnd && !paging.toleratesPartial))
+        throwLost();
     if (isEnd || received == total) {
         const std::int64_t all = received;
         endPart();
         total = received = all;
+    } else if (session->cluster.fetchesAhead && static_cast<std::int64_t>(hitCount()) < wanted()) {
+        sendAhead();
     }
     return !isEnd;
 }
 
-void HitStream::exchange(const http::Request &sent)
+void HitStream::sendAhead()
 {
-    using Clock = std::chrono::steady_clock;
-    reader.clear();
-    following = 0;
-    Sink sink{reader};
-    const auto begin = Clock::now();
-    ++spent.requests;
-    const http::Outcome outcome = http::exchange(cluster.settings, sent, takeBytes, &sink);
-    spent.waitedMs += std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    spent.bytes += sink.bytes;
-
-    if (sink.isOutOfMemory)
-        throw std::bad_alloc();
-    if (sink.isTooLarge)
-        throw FdwError(ERRCODE_FDW_ERROR, "the response of the search cluster is larger than 1023 MiB")
-            .detailed(describe(sent))
-            .hinted("Lower the option \"batchsize\" of the foreign table, or ask for less of the source.");
-    const bool isRefused = outcome.status != 0 && outcome.status != StatusOk;
-    if (isRefused && state == State::Scroll && outcome.status == StatusNotFound)
-        throw refusal(sent, outcome, reader.text())
-            .hinted("The scroll context is gone: raise the option \"scrolltimeout\" of the foreign table.");
-    if (isRefused)
-        throw refusal(sent, outcome, reader.text());
-    if (!reader.problem().empty())
-        throw unreadable(sent, reader.problem());
-    if (outcome.code != CURLE_OK)
-        throw transferFailure(sent, outcome);
-    if (!reader.finish())
-        throw reader.error().empty() ? unreadable(sent, reader.problem())
-                                     : refusal(sent, outcome, reader.text());
-    ++spent.pages;
-    spent.hits += static_cast<std::int64_t>(reader.hitCount());
-    received += static_cast<std::int64_t>(reader.hitCount());
-    if (reader.summary().isPartial())
-        reportPartial(sent);
+    if (!following)
+        following = std::make_unique<Fetch>(request.fields);
+    following->send(session, nextPageRequest(), Purpose::NextPage);
+    isAhead = true;
 }
 
-// Without an exact total nobody could tell whether all hits arrive.
-void HitStream::checkTotal(const http::Request &sent)
+void HitStream::exchange(http::Request sent, Purpose purpose)
 {
-    if (!reader.summary().hasTotal || reader.summary().totalIsLowerBound)
-        throw unreadable(sent, "no exact total of hits");
+    page->send(session, std::move(sent), purpose);
+    acceptPage();
 }
 
-void HitStream::reportPartial(const http::Request &sent) const
+// Waits for the page, and makes sure that it is whole. Without an exact total nobody could tell whether all
+// hits arrive.
+void HitStream::acceptPage()
 {
-    const zq::elasticsearch::ResponseSummary &summary = reader.summary();
+    nextHit = 0;
+    page->finish();
+    const auto hits = static_cast<std::int64_t>(hitCount());
+    spent.add(page->statistics());
+    Statistics part;
+    part.pages = 1;
+    part.hits = hits;
+    spent.add(part);
+    session->spent.add(part);
+    received += hits;
+    if (summary().isPartial())
+        reportPartial();
+    if (!summary().hasTotal || summary().totalIsLowerBound)
+        throw unreadable(page->request(), "no exact total of hits");
+}
+
+void HitStream::reportPartial() const
+{
     std::string what;
     const auto append = [&](const std::string &text) { what += (what.empty() ? "" : ", ") + text; };
-    if (summary.timedOut)
+    if (summary().timedOut)
         append("timed out");
-    if (summary.successfulShards < summary.totalShards || summary.failedShards > 0)
-        append(std::to_string(summary.totalShards - summary.successfulShards) + " of " +
-               std::to_string(summary.totalShards) + " shards failed or did not respond");
-    if (summary.lackingClusters > 0)
-        append(std::to_string(summary.lackingClusters) + " clusters did not respond in full");
-    const std::string reason = failedShardReason(reader.shards());
-    const std::string detail = describe(sent) + ": " + what + (reason.empty() ? "" : ": " + quoted(reason));
+    if (summary().successfulShards < summary().totalShards || summary().failedShards > 0)
+        append(std::to_string(summary().totalShards - summary().successfulShards) + " of " +
+               std::to_string(summary().totalShards) + " shards failed or did not respond");
+    if (summary().lackingClusters > 0)
+        append(std::to_string(summary().lackingClusters) + " clusters did not respond in full");
+    const std::string reason = failedShardReason(page->response().shards());
+    const std::string detail =
+        describe(page->request()) + ": " + what + (reason.empty() ? "" : ": " + quoted(reason));
     const char *message = "the response of the search cluster lacks hits";
     if (!paging.toleratesPartial)
         throw FdwError(ERRCODE_FDW_ERROR, message)
@@ -320,11 +307,11 @@ void HitStream::reportPartial(const http::Request &sent) const
     });
 }
 
-void HitStream::throwLost(const http::Request &sent) const
+void HitStream::throwLost() const
 {
     throw FdwError(ERRCODE_FDW_ERROR, "the search cluster did not return all hits")
-        .detailed(describe(sent) + ": " + std::to_string(received) + " hits arrived, " +
-                  std::to_string(reader.summary().total) + " are said to match")
+        .detailed(describe(page->request()) + ": " + std::to_string(received) + " hits arrived, " +
+                  std::to_string(summary().total) + " are said to match")
         .hinted("Try again; if it happens again, look at what stands between server and cluster.");
 }
 

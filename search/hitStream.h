@@ -1,36 +1,18 @@
 // All hits of a search, one after the other.
 #pragma once
 
-#include "elasticsearch/searchResponseReader.h"
-#include "http/exchange.h"
-#include "search/cluster.h"
+#include "search/clusterSession.h"
+#include "search/fetch.h"
 #include "search/scrollContexts.h"
 #include "search/searchRequest.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
 namespace qm::search
 {
-
-// What a scan has cost.
-struct Statistics {
-    std::int64_t requests = 0;
-    std::int64_t pages = 0;
-    std::int64_t hits = 0;
-    std::int64_t bytes = 0; // of responses
-    double waitedMs = 0;
-
-    void add(const Statistics &other)
-    {
-        requests += other.requests;
-        pages += other.pages;
-        hits += other.hits;
-        bytes += other.bytes;
-        waitedMs += other.waitedMs;
-    }
-};
 
 // How the hits are fetched.
 struct Paging {
@@ -41,16 +23,17 @@ struct Paging {
     bool toleratesPartial = false; // a response that lacks hits is worth a warning only
 };
 
-// The request that a stream of these begins with.
-http::Request firstRequest(const Cluster &cluster, const SearchRequest &request, const Paging &paging);
+// The request that a stream of these begins with; its URL is what follows that of a node.
+http::Request firstRequest(const SearchRequest &request, const Paging &paging);
 
 // Fetches the hits of a search, whatever their number: those of a small search or a look-up with one request,
-// all others page by page through a scroll. A hit that is lost is an error, never the end. Requests are sent
-// when a hit is asked for. Failures are thrown as FdwError, interrupts as ServerError.
+// all others page by page through a scroll, of which from the second page on the next one is on its way while
+// one is read. A hit that is lost is an error, never the end. Requests are sent when a hit is asked for.
+// Failures are thrown as FdwError, interrupts as ServerError.
 class HitStream
 {
 public:
-    HitStream(const Cluster &cluster, SearchRequest request, Paging paging);
+    HitStream(std::shared_ptr<ClusterSession> session, SearchRequest request, Paging paging);
     // An open scroll context is left to be deleted at the next occasion.
     ~HitStream();
     HitStream(const HitStream &) = delete;
@@ -61,20 +44,20 @@ public:
     // A member of the hit; the text is in the stream's memory until the next call of next.
     std::string_view member(zq::elasticsearch::HitMember member) const
     {
-        return reader.member(current, member);
+        return page->response().member(current, member);
     }
     // The values in the hit's source of the request's fields; the text as above.
-    std::size_t fieldCount() const { return reader.fieldCount(current); }
-    zq::elasticsearch::FieldValue field(std::size_t i) const { return reader.field(current, i); }
+    std::size_t fieldCount() const { return page->response().fieldCount(current); }
+    zq::elasticsearch::FieldValue field(std::size_t i) const { return page->response().field(current, i); }
     // In place of the hits their number, for which none is fetched.
     std::int64_t count();
     // Ends the stream: deletes an open scroll context.
     void close() noexcept;
 
     // How many documents match, as the last response said.
-    std::int64_t matching() const { return reader.summary().total; }
+    std::int64_t matching() const { return page->response().summary().total; }
 
-    const Statistics &statistics() const { return spent; }
+    Statistics statistics() const;
 
 private:
     // Of the ids that are looked up, or of the whole search.
@@ -86,11 +69,16 @@ private:
     void searchOnce(std::int64_t size);
     void openScroll();
     bool nextPage();
-    void endPart();
-    void exchange(const http::Request &request);
-    void checkTotal(const http::Request &request);
-    void reportPartial(const http::Request &request) const;
-    [[noreturn]] void throwLost(const http::Request &request) const;
+    void endPart() noexcept;
+    http::Request nextPageRequest() const;
+    void sendAhead();
+    void exchange(http::Request request, Purpose purpose);
+    void acceptPage();
+    void noteContext();
+    void reportPartial() const;
+    [[noreturn]] void throwLost() const;
+    const zq::elasticsearch::ResponseSummary &summary() const { return page->response().summary(); }
+    std::size_t hitCount() const { return page->response().hitCount(); }
     // Of this part. Of the highest scores any part may have all.
     std::int64_t wanted() const
     {
@@ -98,14 +86,16 @@ private:
                                 : paging.limit - (paging.limitIsByScore ? returnedOfPart : returned);
     }
 
-    const Cluster cluster;
+    const std::shared_ptr<ClusterSession> session;
     const SearchRequest request;
     const Paging paging;
-    Statistics spent;
+    Statistics spent; // on the pages that have come
 
-    zq::elasticsearch::SearchResponseReader reader;
-    std::size_t current = 0; // hit of the page
-    std::size_t following = 0;
+    std::unique_ptr<Fetch> page;
+    std::unique_ptr<Fetch> following; // null before there is one
+    bool isAhead = false;             // the following page is on its way
+    std::size_t current = 0;          // hit of the page
+    std::size_t nextHit = 0;
     std::int64_t returned = 0;
     std::int64_t returnedOfPart = 0;
 

@@ -3,47 +3,47 @@
 
 #include "search/failure.h"
 #include "search/response.h"
-
-#include <new>
+#include "search/sending.h"
 
 namespace qm::search
 {
 namespace
 {
 
-// What libcurl's callback fills; an exception must not cross its frames.
-struct Sink {
-    std::string &body;
-    bool isTooLarge = false;
-    bool isOutOfMemory = false;
-};
-
-std::size_t takeBytes(char *data, std::size_t size, std::size_t count, void *target)
+class Body final : public Receiver
 {
-    const std::size_t length = size * count;
-    auto &sink = *static_cast<Sink *>(target);
-    sink.isTooLarge = sink.body.size() + length > MostBytesOfAResponse;
-    if (sink.isTooLarge)
-        return 0;
-    try {
-        sink.body.append(data, length);
-        return length;
-    } catch (const std::exception &) {
-        sink.isOutOfMemory = true;
-        return 0;
+public:
+    explicit Body(std::string &target) : target(target) {}
+
+    void begin() override
+    {
+        target.clear();
+        isTooLarge = false;
     }
-}
+    bool take(const char *data, std::size_t length) override
+    {
+        isTooLarge = target.size() + length > MostBytesOfAResponse;
+        if (!isTooLarge)
+            target.append(data, length);
+        return !isTooLarge;
+    }
+
+    bool isTooLarge = false;
+
+private:
+    std::string &target;
+};
 
 } // namespace
 
-Response get(const Cluster &cluster, const std::string &path)
+Response get(const std::shared_ptr<ClusterSession> &session, const std::string &path)
 {
-    Response response{{http::Method::Get, cluster.url + path, ""}, {}, ""};
-    Sink sink{response.body};
-    response.outcome = http::exchange(cluster.settings, response.request, takeBytes, &sink);
-    if (sink.isOutOfMemory)
-        throw std::bad_alloc();
-    if (sink.isTooLarge)
+    Response response;
+    Body body(response.body);
+    Sending sending(session, {http::Method::Get, path, ""}, Purpose::Search, body);
+    response.outcome = sending.finish();
+    response.request = sending.request();
+    if (body.isTooLarge)
         throw server::FdwError(ERRCODE_FDW_ERROR,
                                "the response of the search cluster is larger than 1023 MiB")
             .detailed(describe(response.request));

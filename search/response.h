@@ -2,9 +2,10 @@
 #pragma once
 
 #include "http/exchange.h"
-#include "search/cluster.h"
+#include "search/clusterSession.h"
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 namespace qm::search
@@ -21,8 +22,9 @@ struct Response {
     bool isOk() const { return outcome.status == 200; }
 };
 
-// Sends a GET of the path, which begins with a slash. The status is for the caller to judge. Throws FdwError
-// where no response comes in full, or one larger than a search's may be, and ServerError for a cancel.
-Response get(const Cluster &cluster, const std::string &path);
+// Sends a GET of the path, which begins with a slash, as Sending does. The status is for the caller to judge.
+// Throws FdwError where no response comes in full, or one larger than a search's may be, and ServerError for
+// a cancel.
+Response get(const std::shared_ptr<ClusterSession> &session, const std::string &path);
 
 } // namespace qm::search

@@ -2,9 +2,8 @@
 #include "server/errorBoundary.h"
 
 #include "elasticsearch/jsonWriter.h"
-#include "http/exchange.h"
-#include "http/transfer.h"
 #include "search/scrollContexts.h"
+#include "search/sending.h"
 
 namespace qm::search
 {
@@ -39,26 +38,26 @@ void ScrollContexts::watchTransactions()
 }
 
 // Whatever becomes of it, the cluster's time-out drops the context in the end.
-void ScrollContexts::requestDeletion(const Context &context, std::int64_t end) noexcept
+void ScrollContexts::requestDeletion(const Context &context, http::Clock::time_point end) noexcept
 {
     try {
         std::string body = R"({"scroll_id":[)";
         zq::elasticsearch::appendJsonString(body, context.scrollId);
         body += "]}";
-        http::exchangeBriefly(context.cluster.settings,
-                              {http::Method::Delete, context.cluster.url + "/_search/scroll", body}, end);
+        sendBriefly(*context.session, {http::Method::Delete, "/_search/scroll", body}, end);
     } catch (const std::exception &) {
         // There is no memory for the request.
     }
 }
 
-ScrollContexts::Handle ScrollContexts::note(const Cluster &cluster, const std::string &scrollId)
+ScrollContexts::Handle ScrollContexts::note(std::shared_ptr<ClusterSession> session,
+                                            const std::string &scrollId)
 {
     try {
         watchTransactions();
-        open[++last] = {cluster, scrollId, false};
+        open[++last] = {session, scrollId, false};
     } catch (...) {
-        requestDeletion({cluster, scrollId, true}, http::endOfBriefWork());
+        requestDeletion({session, scrollId, true}, http::endOfBriefWork());
         throw;
     }
     return last;
@@ -89,7 +88,7 @@ void ScrollContexts::remove(Handle handle) noexcept
 
 void ScrollContexts::removeAbandoned() noexcept
 {
-    const std::int64_t end = http::endOfBriefWork();
+    const http::Clock::time_point end = http::endOfBriefWork();
     for (auto next = open.begin(); next != open.end();) {
         const auto context = next++;
         if (!context->second.isAbandoned)

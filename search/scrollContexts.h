@@ -1,10 +1,11 @@
 // The scroll contexts that this session has open on search clusters.
 #pragma once
 
-#include "search/cluster.h"
+#include "search/clusterSession.h"
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 
 namespace qm::search
@@ -22,7 +23,7 @@ public:
     static ScrollContexts &ofSession();
 
     // Notes a context. Throws ServerError or std::bad_alloc, and deletes the context before that.
-    Handle note(const Cluster &cluster, const std::string &scrollId);
+    Handle note(std::shared_ptr<ClusterSession> session, const std::string &scrollId);
     // A context has got another id.
     void rename(Handle handle, const std::string &scrollId);
     // A context is gone on the cluster.
@@ -36,14 +37,14 @@ public:
 
 private:
     struct Context {
-        Cluster cluster;
+        std::shared_ptr<ClusterSession> session;
         std::string scrollId; // decoded
         bool isAbandoned;
     };
 
     ScrollContexts() = default;
     void watchTransactions();
-    static void requestDeletion(const Context &context, std::int64_t end) noexcept;
+    static void requestDeletion(const Context &context, http::Clock::time_point end) noexcept;
 
     std::map<Handle, Context> open;
     Handle last = 0;

@@ -1,7 +1,6 @@
 // Every exchange with the search cluster: one request, its response read as a stream, its outcome judged.
 #include "transport.h"
-#include "http/exchange.h"
-#include "http/transfer.h"
+#include "http/exchangeOnce.h"
 #include "server/encoding.h"
 #include "server/errorBoundary.h"
 
@@ -91,7 +90,8 @@ void DoCurlRequest(ElasticSearchConnector *connector, const std::string &url, co
         http::exchangeBriefly(*connector->connection, request, http::endOfBriefWork());
         return;
     }
-    const http::Outcome outcome = http::exchange(*connector->connection, request, CurlWriteCallback, parser);
+    const http::Outcome outcome =
+        http::exchangeOnce(*connector->connection, request, CurlWriteCallback, parser);
     if (parser->readFailure)
         std::rethrow_exception(parser->readFailure);
     judge(connector, body, outcome, parser);

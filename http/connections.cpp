@@ -1,0 +1,93 @@
+// Connections to a server that are kept from one exchange to the next.
+#include "server/errorBoundary.h"
+
+#include "http/connections.h"
+
+#include <csignal>
+#include <new>
+#include <pthread.h>
+
+namespace qm::http
+{
+namespace
+{
+
+// As many as rest at a time.
+constexpr long MostKept = 8;
+
+// Seconds for which a connection may rest: what stands on the way forgets those that rest longer.
+constexpr long LongestRest = 60;
+
+// A cancelled query must not wait for a name that a thread of libcurl's is still being told. Newer versions
+// of libcurl ask the multi handle about this, older ones the easy handle.
+void leaveResolverBehind(CURLM *multi)
+{
+#if LIBCURL_VERSION_NUM >= 0x081600
+    curl_multi_setopt(multi, CURLMOPT_QUICK_EXIT, 1L);
+#else
+    (void)multi;
+#endif
+}
+
+// Blocks the signals that the server handles. libcurl may start a thread to resolve a name: born while this
+// lives, it inherits the mask, and the server's handlers never run in it.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+            sigdelset(&all, fault);
+        pthread_sigmask(SIG_BLOCK, &all, &saved);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &saved, nullptr); }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+
+private:
+    sigset_t saved;
+};
+
+} // namespace
+
+Connections::Connections(Settings settings, Reuse reuse)
+    : settings(std::move(settings)), reuse(reuse), multi(curl_multi_init())
+{
+    if (!multi)
+        throw std::bad_alloc();
+    leaveResolverBehind(multi.get());
+    curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, MostKept);
+}
+
+void Connections::add(CURL *easy, Completion &completion)
+{
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, &completion);
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, LongestRest);
+    curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, reuse == Reuse::None ? 1L : 0L);
+    if (curl_multi_add_handle(multi.get(), easy) != CURLM_OK)
+        throw std::bad_alloc();
+}
+
+void Connections::advance()
+{
+    const SignalsBlocked blocked;
+    int count = 0;
+    if (curl_multi_perform(multi.get(), &count) != CURLM_OK)
+        throw std::bad_alloc();
+    while (const CURLMsg *message = curl_multi_info_read(multi.get(), &count)) {
+        char *completion = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &completion);
+        *reinterpret_cast<Completion *>(completion) = {true, message->data.result};
+    }
+}
+
+void Connections::wait(int milliseconds)
+{
+    pgstat_report_wait_start(PG_WAIT_EXTENSION);
+    curl_multi_poll(multi.get(), nullptr, 0, milliseconds, nullptr);
+    pgstat_report_wait_end();
+}
+
+} // namespace qm::http

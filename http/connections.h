@@ -1,0 +1,43 @@
+// Connections to a server that are kept from one exchange to the next.
+#pragma once
+
+#include "http/handles.h"
+#include "http/settings.h"
+
+namespace qm::http
+{
+
+enum class Reuse { Kept, None };
+
+// What libcurl says of an exchange when it is done.
+struct Completion {
+    bool isDone = false;
+    CURLcode code = CURLE_OK;
+};
+
+// The connections that exchanges with the same settings run on, several at a time. Each exchange moves on
+// whenever these do. One that has rested for a minute is not used again.
+class Connections
+{
+public:
+    // Without reuse each exchange has a connection of its own. Throws std::bad_alloc.
+    Connections(Settings settings, Reuse reuse);
+
+    // The exchange of the handle begins; what becomes of it goes into `completion`. Throws std::bad_alloc.
+    void add(CURL *easy, Completion &completion);
+    // Ends it, if it is not done. To be called before the handle is cleaned up.
+    void remove(CURL *easy) noexcept { curl_multi_remove_handle(multi.get(), easy); }
+
+    // Works off what can be done without waiting. Throws std::bad_alloc.
+    void advance();
+    // Waits until there is something to do, so many milliseconds at the most, or until a signal arrives.
+    void wait(int milliseconds);
+
+    const Settings settings;
+
+private:
+    const Reuse reuse;
+    const MultiHandle multi;
+};
+
+} // namespace qm::http
