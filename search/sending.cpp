@@ -89,8 +89,11 @@ Sending::Sending(std::shared_ptr<ClusterSession> session, http::Request request,
 
 Sending::~Sending() { giveUp(); }
 
+// What has arrived in the meantime may be all, and then its connection can be kept.
 void Sending::giveUp() noexcept
 {
+    if (exchange && !exchange->isDone())
+        look();
     if (exchange)
         noteOutcome(exchange->end(CURLE_ABORTED_BY_CALLBACK));
 }
@@ -107,15 +110,17 @@ void Sending::begin()
     Statistics part;
     part.requests = 1;
     note(part);
-    lastLook = {};
-    advance();
+    look();
 }
 
 void Sending::advance() noexcept
 {
-    const Clock::time_point now = Clock::now();
-    if (exchange->isDone() || now - lastLook < BetweenLooks)
-        return;
+    if (!exchange->isDone() && Clock::now() - lastLook >= BetweenLooks)
+        look();
+}
+
+void Sending::look() noexcept
+{
     try {
         session->connections.advance();
     } catch (const std::bad_alloc &) {

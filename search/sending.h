@@ -57,6 +57,7 @@ public:
 
 private:
     void begin();
+    void look() noexcept;
     void note(const Statistics &part);
     void noteOutcome(const http::Outcome &outcome);
     bool goesToNextNode(const http::Outcome &outcome) const;
