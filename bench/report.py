@@ -1,6 +1,7 @@
 """Makes of what the measuring programs printed one table of ratios and their targets, and a chart.
 
-report.py FILE... [--markdown FILE] [--chart FILE]     the files hold JSON lines; "-" is standard input
+report.py FILE... [--markdown FILE] [--chart FILE]     the files hold JSON lines; "-" is standard input,
+                                                       a later file's measures take the place of an earlier one's
 """
 
 import argparse
@@ -16,8 +17,10 @@ import chart
 KINDS = ["300B", "2KB", "20KB", "dense", "fields"]
 OURS, EXACT, USUAL_CHUNK, SMALL_CHUNK = "ours", "exact", 16384, 1024
 CHUNK_NAMES = {0: "whole", USUAL_CHUNK: "16 KiB", SMALL_CHUNK: "1 KiB"}
+WRAPPERS = ["classic", "search"]
 DEFLATE_NAMES = {5: "level 5", -2: "level -2"}
 SMALL_QUERIES = {"lookup": "look-up of one id", "search10": "search for 10 documents"}
+FORMS = {"deflated": ("level 5", "deflate"), "raw": ("level -2", "own rows"), "jsonb": ("jsonb", "own cast")}
 
 
 @dataclasses.dataclass
@@ -31,8 +34,21 @@ class Target:
     def met_by(self, value):
         return value >= self.limit if self.sign == "≥" else value <= self.limit
 
+    def verdict(self, value):
+        return "met" if self.met_by(value) else "**missed**"
+
     def __str__(self):
         return f"{self.sign} {self.limit:g}{self.aim and f', aim {self.aim}'}"
+
+
+class Aim(Target):
+    """What a figure is to come to, although it need not."""
+
+    def verdict(self, value):
+        return "reached" if self.met_by(value) else "not reached"
+
+    def __str__(self):
+        return f"aim {self.sign} {self.limit:g}"
 
 
 @dataclasses.dataclass
@@ -47,19 +63,22 @@ class Row:
     unit: str = ""
 
     def cells(self):
-        verdict = "" if self.target is None else "met" if self.target.met_by(self.value) else "**missed**"
+        verdict = self.target.verdict(self.value) if self.target else ""
         target = str(self.target) if self.target else self.aim and f"aim {self.aim}"
         return [self.what, self.kind, f"{self.value:#.3g}{self.unit}", target, verdict]
 
 
 def read_lines(names):
-    """The measured values, by the name of the measure. A line that is no JSON object is an error."""
+    """The measured values, by the name of the measure. What a file has of a measure takes the place of what one
+    before it has. A line that is no JSON object is an error."""
     values = {}
     for name in names:
         text = sys.stdin.read() if name == "-" else pathlib.Path(name).read_text(encoding="utf-8")
+        of_file = {}
         for line in filter(str.strip, text.splitlines()):
             value = json.loads(line)
-            values.setdefault(value["measure"], []).append(value)
+            of_file.setdefault(value["measure"], []).append(value)
+        values.update(of_file)
     return values
 
 
@@ -148,20 +167,62 @@ def field_rows(reader):
 QUERY_TARGETS = {5: Target("≤", 1.10), -2: Target("≤", 2.0, "1.5")}
 
 
+def named(value):
+    """The name of a query, which tells the wrapper if it is not the classic one."""
+    return value["statement"] + ", search wrapper" * (value["wrapper"] == "search")
+
+
 def query_rows(values):
     for value in values:
-        yield Row(f"{value['statement']}, {DEFLATE_NAMES[value['level']]} / its floor", value["kind"],
+        yield Row(f"{named(value)}, {DEFLATE_NAMES[value['level']]} / its floor", value["kind"],
                   value["ratio"], QUERY_TARGETS[value["level"]])
 
 
 def query_table(values):
     parts = list(dict.fromkeys(part for value in values for part in value["floor"]))
-    yield ["seconds", "documents", "deflate", "count", "query", *(f"floor: {part}" for part in parts),
-           "fetch, one connection"]
+    yield ["seconds", "documents", "deflate", "count", "query", *(f"floor: {part}" for part in parts)]
     for value in values:
-        seconds = [value["seconds"], *map(value["floor"].get, parts), value["fetch_reused_connection"]]
-        yield [value["statement"], value["kind"], DEFLATE_NAMES[value["level"]], f"{value['documents']:,}",
+        seconds = [value["seconds"], *map(value["floor"].get, parts)]
+        yield [named(value), value["kind"], DEFLATE_NAMES[value["level"]], f"{value['documents']:,}",
                *(f"{part:.3f}" for part in seconds)]
+
+
+AHEAD_AIM = Aim("≤", 1.10)
+
+
+def ahead_floor(value):
+    return max(value["read"], value["work"])
+
+
+def ahead_rows(values):
+    """An aim where the search server takes its time; where it takes none there is nearly nothing to gain."""
+    for value in values:
+        delay = value["document_microseconds"]
+        server = f"{delay} µs a document" if delay else "a quick server"
+        yield Row(f"count, {FORMS[value['form']][0]}, {server} / the longer of read and work", value["kind"],
+                  value["ahead"] / ahead_floor(value), AHEAD_AIM if delay else None)
+
+
+def ahead_table(values):
+    yield ["seconds", "documents", "µs a document", "read", "work", "pages ahead", "one by one",
+           "ahead / floor", "one by one / floor"]
+    for value in values:
+        form, work = FORMS[value["form"]]
+        floor = ahead_floor(value)
+        yield [f"count, {form}", f"{value['documents']:,}", str(value["document_microseconds"]),
+               f"{value['read']:.3f}", f"{work} {value['work']:.3f}", f"{value['ahead']:.3f}",
+               f"{value['stepwise']:.3f}", f"{value['ahead'] / floor:.2f}", f"{value['stepwise'] / floor:.2f}"]
+
+
+def ahead_remark(values):
+    """What is to be said where the aim is not reached; empty if it is."""
+    missed = [f"{FORMS[value['form']][0]} ({value['ahead'] / ahead_floor(value):.2f})" for value in values
+              if value["document_microseconds"] and not AHEAD_AIM.met_by(value["ahead"] / ahead_floor(value))]
+    if not missed:
+        return ""
+    return (f"Not within {AHEAD_AIM.limit:.2f} of the floor: {', '.join(missed)}.\nNothing goes on beside the first "
+            "page, the reading of the second and the work on the last, and what it takes to\nreceive is the "
+            "backend's own time.\n")
 
 
 def column_rows(values):
@@ -179,21 +240,29 @@ def column_table(values):
 
 
 def small_name(value):
-    return f"{SMALL_QUERIES[value['query']]}, {DEFLATE_NAMES[value['level']]}" + ", jit" * value["jit"]
+    return (f"{SMALL_QUERIES[value['query']]}, " + "search wrapper, " * (value["wrapper"] == "search") +
+            DEFLATE_NAMES[value["level"]] + ", jit" * value["jit"])
+
+
+SMALL_TARGETS = {"classic": Target("≤", 0.3), "search": Aim("≤", 0.1)}
+
+
+def small_floor(value):
+    """The request, on a new connection or on one that is kept as the wrapper does, and the deflating."""
+    request = value["plain_reused_milliseconds" if value["wrapper"] == "search" else "plain_milliseconds"]
+    return request, value["deflate_milliseconds"]
 
 
 def small_rows(values):
     for value in values:
-        yield Row(f"{small_name(value)} - its floor", "",
-                  value["milliseconds"] - value["plain_milliseconds"] - value["deflate_milliseconds"],
-                  None if value["jit"] else Target("≤", 0.3), unit=" ms")
+        yield Row(f"{small_name(value)} - its floor", "", value["milliseconds"] - sum(small_floor(value)),
+                  None if value["jit"] else SMALL_TARGETS[value["wrapper"]], unit=" ms")
 
 
 def small_table(values):
     yield ["milliseconds", "query", "floor: request", "floor: deflate"]
     for value in values:
-        times = [value[name] for name in ("milliseconds", "plain_milliseconds", "deflate_milliseconds")]
-        yield [small_name(value)] + [f"{time:.3f}" for time in times]
+        yield [small_name(value)] + [f"{time:.3f}" for time in (value["milliseconds"], *small_floor(value))]
 
 
 def contents_rows(values):
@@ -212,10 +281,29 @@ def contents_table(values):
                f"{value['seconds']:.3f}", f"{sum(value['floor'].values()):.3f}", parts]
 
 
+def growth_of(values, wrapper):
+    """The values of a wrapper, from the smallest result to the largest."""
+    return sorted((value for value in values if value["wrapper"] == wrapper), key=lambda value: value["documents"])
+
+
+def growth_rows(values):
+    """What larger results show of the search wrapper: whether a row takes longer, and whether memory grows.
+
+    Of small ones the start of the query is too large a part, and some have no second page."""
+    found = [value for value in growth_of(values, "search") if value["documents"] >= 10_000]
+    if len(found) < 2:
+        return
+    first, last = found[0], found[-1]
+    growth = last["documents"] / first["documents"]
+    what = f"{last['documents']:,} documents / {first['documents']:,}, search wrapper"
+    yield Row(f"time of a row, {what}", "2KB", last["seconds"] / first["seconds"] / growth, Aim("≤", 1.1))
+    yield Row(f"peak memory, {what}", "2KB", last["peak_kB"] / first["peak_kB"], Aim("≤", 1.1))
+
+
 def growth_table(values):
-    yield ["documents", "seconds", "µs a row", "peak memory, MB"]
-    for value in values:
-        yield [f"{value['documents']:,}", f"{value['seconds']:.3f}",
+    yield ["wrapper", "documents", "seconds", "µs a row", "peak memory, MB"]
+    for value in (value for wrapper in WRAPPERS for value in growth_of(values, wrapper)):
+        yield [value["wrapper"], f"{value['documents']:,}", f"{value['seconds']:.3f}",
                f"{value['seconds'] / value['documents'] * 1e6:.2f}", f"{value['peak_kB'] / 1000:.1f}"]
 
 
@@ -252,8 +340,8 @@ def processor():
 
 
 SECTIONS = {"reader": "the reader", "fields": "fields of sources", "query": "large results",
-            "columns": "fields as columns", "small": "small queries", "growth": "growth", "batch": "batch sizes",
-            "contents": "contents in SQL"}
+            "ahead": "pages ahead", "columns": "fields as columns", "small": "small queries", "growth": "growth",
+            "batch": "batch sizes", "contents": "contents in SQL"}
 
 
 def missing(values):
@@ -305,19 +393,40 @@ def markdown(values, rows, chart_name):
         parts += [
             "## Large results\n",
             "The floor of a query is what its work must cost without the module: fetch the responses, deflate the "
-            "contents, and\nreturn as many rows of the same size from a local table. Like the module, the fetch "
-            "of the floor makes a new\nconnection for each page; the last column tells what it takes on one.\n",
+            "contents, and\nreturn as many rows of the same size from a local table. Like the classic wrapper, its "
+            "fetch makes a new connection\nfor each page; that of the search wrapper's floor keeps one, as that "
+            "wrapper does.\n",
             markdown_table(query_table(values["query"])),
+        ]
+    if values.get("ahead"):
+        parts += [
+            "## Pages ahead\n",
+            "The search wrapper asks for a page while the one before becomes rows. The floor of a scan of many pages "
+            "is then the\nlonger of two things: to read all pages, which a bare client does on one connection, and "
+            "the work on them. That is\nto deflate (level 5), and else what the server needs for as many rows of "
+            "its own, as `bytea` (level -2) or cast from\ntext (`jsonb`). Pages one by one are those of "
+            "`pageahead 'false'`, where both add up. The page server keeps a response\nback for so many µs for each "
+            "document in it, as a cluster does that has to find them; where it does not, to read\ncosts next to "
+            "nothing, and there is next to nothing to gain.\n",
+            markdown_table(ahead_table(values["ahead"])),
+            ahead_remark(values["ahead"]),
         ]
     if values.get("columns"):
         parts += ["## Fields as columns\n",
                   "Ten fields of the documents of 24 members, counted as typed columns of the search wrapper, and "
-                  "out of `doccontent`\nas `jsonb` by ten operators. All responses hold the whole sources.\n",
+                  "out of `doccontent`\nas `jsonb` by ten operators. All responses hold the whole sources, and no "
+                  "page is asked for ahead.\n",
                   markdown_table(column_table(values["columns"]))]
     if values.get("small"):
-        parts += ["## Small queries\n", markdown_table(small_table(values["small"]))]
+        parts += ["## Small queries\n",
+                  "The floor of the search wrapper is a bare request on a connection that is kept, as its own is; "
+                  "that of the classic\nwrapper one on a new connection. `jit` tells what it costs to compile "
+                  "expressions.\n",
+                  markdown_table(small_table(values["small"]))]
     if values.get("growth"):
-        parts += ["## Growth\n", "How time and the backend's memory grow with the result.\n",
+        parts += ["## Growth\n",
+                  "How time and the backend's memory grow with the result. The search wrapper has two pages of it at "
+                  "most, of 1,000\ndocuments here, the classic wrapper one.\n",
                   markdown_table(growth_table(values["growth"]))]
     if values.get("batch"):
         parts += ["## Batch sizes\n", markdown_table(batch_table(values["batch"]))]
@@ -340,20 +449,29 @@ def bar_panels(values):
             for kind in reader.kinds})
     queries = values.get("query", [])
     if queries:
-        yield chart.bars("Time of a query against its floor (1 = nothing on top; lower is better)", {
-            kind: {f"{value['statement']}, {DEFLATE_NAMES[value['level']]}": value["ratio"]
-                   for value in queries if value["kind"] == kind}
-            for kind in kinds_of(queries)})
+        for wrapper in WRAPPERS:
+            title = f"The {wrapper} wrapper's queries against their floor (1 = nothing on top; lower is better)"
+            yield chart.bars(title, {
+                kind: {f"{value['statement']}, {DEFLATE_NAMES[value['level']]}": value["ratio"]
+                       for value in queries if value["kind"] == kind and value["wrapper"] == wrapper}
+                for kind in kinds_of(queries)})
+    waiting = [value for value in values.get("ahead", []) if value["document_microseconds"]]
+    if waiting:
+        yield chart.bars("Time of a query against the longer of read and work (1 = all of one is beside the other)", {
+            FORMS[value["form"]][0]: {"pages ahead": value["ahead"] / ahead_floor(value),
+                                      "one by one": value["stepwise"] / ahead_floor(value)}
+            for value in waiting})
 
 
 def line_panels(values):
     """Time and memory over what grows."""
     growth = values.get("growth", [])
     if growth:
-        yield chart.lines("Seconds, by documents", {"query": [(value["documents"], value["seconds"])
-                                                              for value in growth]})
-        yield chart.lines("The backend's peak memory in MB, by documents",
-                          {"query": [(value["documents"], value["peak_kB"] / 1000) for value in growth]})
+        curves = {f"{wrapper} wrapper": growth_of(growth, wrapper) for wrapper in WRAPPERS}
+        for title, member, unit in (("Seconds, by documents", "seconds", 1),
+                                    ("The backend's peak memory in MB, by documents", "peak_kB", 1000)):
+            yield chart.lines(title, {name: [(value["documents"], value[member] / unit) for value in curve]
+                                      for name, curve in curves.items()})
     batches = values.get("batch", [])
     for kind in kinds_of(batches):
         of_kind = [value for value in batches if value["kind"] == kind]
@@ -370,8 +488,9 @@ def main():
     arguments = parser.parse_args()
     values = read_lines(arguments.files)
     rows = [*ReaderValues(values.get("reader", [])).rows(), *field_rows(ReaderValues(values.get("fields", []))),
-            *query_rows(values.get("query", [])), *column_rows(values.get("columns", [])),
-            *small_rows(values.get("small", [])), *contents_rows(values.get("contents", []))]
+            *query_rows(values.get("query", [])), *ahead_rows(values.get("ahead", [])),
+            *column_rows(values.get("columns", [])), *small_rows(values.get("small", [])),
+            *growth_rows(values.get("growth", [])), *contents_rows(values.get("contents", []))]
     print(ratio_table(rows) + missing(values), end="")
     if arguments.chart:
         arguments.chart.write_text(chart.page([*bar_panels(values), *line_panels(values)]), encoding="utf-8")

@@ -115,8 +115,8 @@ void ShownConditions::add(const Condition &condition)
               }));
 }
 
-// The request that the scan begins with, to the first node, as far as it is known, with expressions between angle brackets where
-// values are not.
+// The request that the scan begins with, to the first node, as far as it is known, with expressions between
+// angle brackets where values are not.
 http::Request shownRequest(ForeignScanState *node, ExplainState *state, const TableOptions &options)
 {
     const PlanData plan = callServer(

@@ -31,8 +31,8 @@ public:
     int asChoice(std::initializer_list<const char *> choices) const;
     // A number and a unit, as Elasticsearch writes times.
     std::string asTimeValue() const;
-    // Separated by commas, of each node http or https, with host, port and path prefix, without a slash at the
-    // end.
+    // Separated by commas, of each node http or https, with host, port and path prefix, without a slash at
+    // the end.
     std::vector<std::string> asClusterUrls() const;
     std::string asProxy() const;
     // Names of indices as they stand in a path.

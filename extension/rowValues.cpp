@@ -8,15 +8,23 @@ namespace qm::extension
 namespace
 {
 
+void pack(std::string_view bytes, Packing &packing, varlena *&value)
+{
+    server::compressBytes(bytes.data(), static_cast<unsigned int>(bytes.size()), value,
+                          packing.compressionLevel, packing.stream);
+}
+
 Datum bytesOf(std::string_view bytes, Packing &packing)
 {
     using Clock = std::chrono::steady_clock;
     varlena *value = nullptr;
-    const Clock::time_point begin = Clock::now();
-    server::compressBytes(bytes.data(), static_cast<unsigned int>(bytes.size()), value,
-                          packing.compressionLevel, packing.stream);
-    if (packing.compressionLevel != server::RawLevel)
+    if (packing.compressionLevel == server::RawLevel) {
+        pack(bytes, packing, value);
+    } else {
+        const Clock::time_point begin = Clock::now();
+        pack(bytes, packing, value);
         packing.deflatedMs += std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    }
     if (!value)
         ereport(ERROR, (errcode(ERRCODE_OUT_OF_MEMORY), errmsg("out of memory")));
     return PointerGetDatum(value);

@@ -2,7 +2,6 @@
 #include "http/exchange.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 
 namespace qm::http
@@ -137,7 +136,7 @@ std::size_t Exchange::readBody(char *target, std::size_t size, std::size_t count
 {
     auto *self = static_cast<Exchange *>(exchange);
     const std::size_t length = std::min(size * count, self->request.body.size() - self->bodySent);
-    std::memcpy(target, self->request.body.data() + self->bodySent, length);
+    std::copy_n(self->request.body.data() + self->bodySent, length, target);
     self->bodySent += length;
     return length;
 }

@@ -86,7 +86,7 @@ Clock::time_point endOfBriefWork()
            (StatementTimeout > 0 && timeout > now ? std::min(LongestBriefWork, left) : LongestBriefWork);
 }
 
-void finishBriefly(Exchange &exchange, Clock::time_point end) noexcept
+void finishBriefly(const Exchange &exchange, Clock::time_point end) noexcept
 {
     try {
         while (!mustEnd() && !exchange.isDone()) {

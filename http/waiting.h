@@ -30,6 +30,6 @@ Clock::time_point endOfBriefWork();
 // Waits for an exchange whose outcome does not matter until that moment at the most; gives it up at once when
 // the query is to be cancelled or the server to shut down, which it leaves to the server to act on. Neither
 // throws nor raises.
-void finishBriefly(Exchange &exchange, Clock::time_point end) noexcept;
+void finishBriefly(const Exchange &exchange, Clock::time_point end) noexcept;
 
 } // namespace qm::http

@@ -50,7 +50,7 @@ void ScrollContexts::requestDeletion(const Context &context, http::Clock::time_p
     }
 }
 
-ScrollContexts::Handle ScrollContexts::note(std::shared_ptr<ClusterSession> session,
+ScrollContexts::Handle ScrollContexts::note(const std::shared_ptr<ClusterSession> &session,
                                             const std::string &scrollId)
 {
     try {

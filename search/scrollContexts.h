@@ -23,7 +23,7 @@ public:
     static ScrollContexts &ofSession();
 
     // Notes a context. Throws ServerError or std::bad_alloc, and deletes the context before that.
-    Handle note(std::shared_ptr<ClusterSession> session, const std::string &scrollId);
+    Handle note(const std::shared_ptr<ClusterSession> &session, const std::string &scrollId);
     // A context has got another id.
     void rename(Handle handle, const std::string &scrollId);
     // A context is gone on the cluster.

@@ -21,6 +21,14 @@ MATCH_ALL = """param = 'query={"match_all":{}}'"""
 # The fields that the measure of the reader takes of such documents, too.
 FIELDS = {"sku": "text", "title": "text", "author.name": "text", "year": "int", "publisher": "text",
           "price": "float8", "tags": "text[]", "active": "bool", "created": "timestamptz", "shelf": "text"}
+# How contents come to rows: the column's type, and the table's options.
+FORMS = {"deflated": ("bytea", {"compressionlevel": 5}), "raw": ("bytea", {"compressionlevel": RAW}),
+         "jsonb": ("jsonb", {})}
+# How pages come: options of the foreign server.
+WAYS = {"ahead": {"pageahead": "true"}, "stepwise": {"pageahead": "false"}}
+# How long a search server that plays a real cluster's part needs for a document, in microseconds.
+DOCUMENT_TIME = 50
+SEARCHED = "docname text, doccontent bytea"  # the columns of the search wrapper's table
 COUNT = "SELECT count(doccontent) FROM {}"
 COPY = "COPY (SELECT docname, doccontent FROM {}) TO '/dev/null'"
 
@@ -58,6 +66,13 @@ class Measuring:
             backend.run(f"{COUNT.format('first')} WHERE {MATCH_ALL}")
         return backend
 
+    @staticmethod
+    def make_tables(backend, port, index, level):
+        """Makes a table of each wrapper; returns, by wrapper, what to select from for all documents."""
+        backend.make_table("documents", port, index, batchsize=PAGE, compressionlevel=level)
+        backend.make_search_table("searched", port, SEARCHED, indexlist=index, compressionlevel=level)
+        return {"classic": f"documents WHERE {MATCH_ALL}", "search": "searched"}
+
     def query(self):
         """Long scans: all rows counted, and all rows copied."""
         for kind in KINDS:
@@ -73,17 +88,11 @@ class Measuring:
         index = f"{kind}-{documents}"
         say(f"query: {index} at level {level}")
         fetch = (port, index, documents, PAGE)
-        backend.make_table("documents", port, index, batchsize=PAGE, compressionlevel=level)
-        backend.make_search_table("searched", port, index, level)
-        source = f"documents WHERE {MATCH_ALL}"
-        # Contents that fit into a page stay in it, where they cost the least.
-        local.run("CREATE UNLOGGED TABLE rows_at_hand (docname text, doccontent bytea) "
-                  "WITH (toast_tuple_target = 8160)")
-        local.run("ALTER TABLE rows_at_hand ALTER COLUMN doccontent SET STORAGE EXTERNAL")
-        local.run(f"INSERT INTO rows_at_hand SELECT docname, doccontent FROM {source}")
-        local.run("VACUUM rows_at_hand")
+        sources = self.make_tables(backend, port, index, level)
+        local.make_local_table("rows_at_hand", SEARCHED,
+                               f"SELECT docname, doccontent FROM {sources['classic']}")
         expected = [(documents, self.programs.run("deflateFloor", kind, documents, level)["bytes"])]
-        for session, table in ((backend, source), (backend, "searched"), (local, "rows_at_hand")):
+        for session, table in (*((backend, source) for source in sources.values()), (local, "rows_at_hand")):
             found = session.run(f"SELECT count(*), sum(length(doccontent)) FROM {table}")
             if found != expected:
                 raise RuntimeError(f"{index} at level {level}: {found} in {table}, {expected} expected")
@@ -92,47 +101,102 @@ class Measuring:
                  "fetch_reused": lambda: self.programs.fetch_seconds(*fetch, reuse=True),
                  "deflate": lambda: self.programs.run("deflateFloor", kind, documents, level)["seconds"]}
         for name, statement in (("count", COUNT), ("copy", COPY)):
-            parts[name] = lambda text=statement.format(source): backend.seconds(text)
-            parts[f"{name}, search wrapper"] = lambda text=statement.format("searched"): backend.seconds(text)
-            parts[f"{name} rows"] = lambda text=statement.format("rows_at_hand"): local.seconds(text)
+            for wrapper, source in sources.items():
+                parts[name, wrapper] = lambda text=statement.format(source): backend.seconds(text)
+            parts[name, "rows"] = lambda text=statement.format("rows_at_hand"): local.seconds(text)
         times = in_turn(self.rounds, parts)
         local.run("DROP TABLE rows_at_hand")
-        for name in ("count", "count, search wrapper", "copy", "copy, search wrapper"):
-            rows = times[f"{name.partition(',')[0]} rows"]
-            floor = {"fetch": times["fetch"], "deflate": times["deflate"], "rows": rows}
-            show("query", statement=name, kind=kind, level=level, documents=documents, seconds=times[name],
-                 floor=floor, ratio=round(times[name] / sum(floor.values()), 3),
-                 fetch_reused_connection=times["fetch_reused"])
+        for name in ("count", "copy"):
+            # Each wrapper's floor uses connections as it does.
+            for wrapper, fetch in (("classic", "fetch"), ("search", "fetch_reused")):
+                floor = {"fetch": times[fetch], "deflate": times["deflate"], "rows": times[name, "rows"]}
+                seconds = times[name, wrapper]
+                show("query", statement=name, wrapper=wrapper, kind=kind, level=level, documents=documents,
+                     seconds=seconds, floor=floor, ratio=round(seconds / sum(floor.values()), 3))
+
+    def ahead(self):
+        """Pages that are asked for while the one before is worked on beside pages one after the other, from a search
+        server that needs no time and from one that does."""
+        documents = 10_000 if self.quick else 100_000
+        index = f"2KB-{documents}"
+        for delay in (0, DOCUMENT_TIME):
+            say(f"ahead: {index}, {delay} µs a document")
+            with self.programs.page_server(delay) as port, ExitStack() as stack:
+                backend, local = self.backend(stack), self.backend(stack)
+                for form, (column, options) in FORMS.items():
+                    for way, server in WAYS.items():
+                        backend.make_search_table(f"{form}_{way}", port, f"doccontent {column}", server,
+                                                  indexlist=index, **options)
+                local.make_local_table("contents", "doccontent bytea", "SELECT doccontent FROM raw_ahead")
+                local.make_local_table("texts", "doccontent text",
+                                       "SELECT convert_from(doccontent, 'UTF8') FROM contents")
+                if not delay:
+                    self.check_forms(documents, local)
+                self.ahead_of(documents, delay, port, (backend, local))
+                local.run("DROP TABLE contents, texts")
+
+    def check_forms(self, documents, session):
+        """What is measured must be right."""
+        length = "SELECT sum(length(doccontent{})) FROM {}"
+        sizes = {form: [(self.programs.run("deflateFloor", "2KB", documents, level)["bytes"],)]
+                 for form, level in (("deflated", 5), ("raw", RAW))}
+        sizes["jsonb"] = session.run(length.format("::jsonb::text", "texts"))
+        for form, size in sizes.items():
+            for way in WAYS:
+                found = session.run(length.format("::text" if form == "jsonb" else "", f"{form}_{way}"))
+                if found != size:
+                    raise RuntimeError(f"{found} bytes of {documents} documents, {form} {way}, {size} expected")
+
+    def ahead_of(self, documents, delay, port, sessions):
+        backend, local = sessions
+        actions = {
+            "read": lambda: self.programs.fetch_seconds(port, f"2KB-{documents}", documents, PAGE, reuse=True),
+            # The work on each form
+            "deflated": lambda: self.programs.run("deflateFloor", "2KB", documents, 5)["seconds"],
+            "raw": lambda: local.seconds(COUNT.format("contents")),
+            "jsonb": lambda: local.seconds("SELECT count(doccontent::jsonb) FROM texts")}
+        for table in (f"{form}_{way}" for form in FORMS for way in WAYS):
+            actions[table] = lambda text=COUNT.format(table): backend.seconds(text)
+        # A query that waits takes long, and each time as long.
+        times = in_turn(3 if delay else self.rounds, actions)
+        for form in FORMS:
+            show("ahead", form=form, kind="2KB", documents=documents, document_microseconds=delay,
+                 read=times["read"], work=times[form], **{way: times[f"{form}_{way}"] for way in WAYS})
 
     def small(self):
         """Small queries, prepared, in a warm backend; their floor is the request and the deflating."""
         kind, hits = "2KB", 10
+        index = f"{kind}-{hits}"
+        look_up = "docname = 'doc-00000000'"
         queries = {
-            "lookup": ("docname = 'doc-00000000'", 1, '{"query":{"terms":{"_id":["doc-00000000"]}},"size":1}'),
-            "search10": (MATCH_ALL, hits, f'{{"query":{{"match_all":{{}}}},"size":{hits}}}')}
+            ("classic", "lookup"): (f"documents WHERE {look_up}", 1,
+                                    '{"query":{"terms":{"_id":["doc-00000000"]}},"size":1}'),
+            ("classic", "search10"): (f"documents WHERE {MATCH_ALL}", hits,
+                                      f'{{"query":{{"match_all":{{}}}},"size":{hits}}}'),
+            ("search", "lookup"): (f"searched WHERE {look_up}", 1,
+                                   '{"query":{"ids":{"values":["doc-00000000"]}},"size":1}')}
         with self.programs.page_server() as port, ExitStack() as stack:
             backend = self.backend(stack)
-            index = f"{kind}-{hits}"
             cases = [(5, False), (RAW, False)]
             if backend.has_jit():
                 backend.run("SET jit = on")
                 cases += [(RAW, True)] * backend.run("SELECT pg_jit_available()")[0][0]
-            for name, (clause, rows, body) in queries.items():
+            for (wrapper, name), (source, rows, body) in queries.items():
                 for level, jit in cases:
-                    say(f"small: {name} at level {level}{' with jit' * jit}")
+                    say(f"small: {name}, {wrapper} wrapper, at level {level}{' with jit' * jit}")
                     repeats = 200 if jit or self.quick else 2000
                     backend.make_table("documents", port, index, scroll=False, batchsize=hits,
                                        compressionlevel=level)
+                    backend.make_search_table("searched", port, SEARCHED, indexlist=index, compressionlevel=level)
                     # A later host, the socket's folder, takes the place of an earlier one.
                     session = f"{self.cluster.dsn} host={self.cluster.directory}"
                     if backend.has_jit():
                         session += f" options='-c jit={jit}'"
                     times = self.programs.run(
-                        "smallQueries", session,
-                        f"SELECT docname, doccontent FROM documents WHERE {clause}", rows,
+                        "smallQueries", session, f"SELECT docname, doccontent FROM {source}", rows,
                         f"http://127.0.0.1:{port}/{index}//_search", body, repeats)
                     deflate = self.programs.run("deflateFloor", kind, 10_000, level)["seconds"] / 10_000 * rows
-                    show("small", query=name, kind=kind, level=level, **times,
+                    show("small", query=name, wrapper=wrapper, kind=kind, level=level, **times,
                          deflate_milliseconds=round(deflate * 1000, 4), jit=jit)
 
     def columns(self):
@@ -145,13 +209,15 @@ class Measuring:
                       "jsonb": ", ".join(f"count(doccontent#>>'{path}')" for path in paths.values())}
         with self.programs.page_server() as port, ExitStack() as stack:
             backend = self.backend(stack)
-            backend.make_field_table("fielded", port, index, FIELDS)
+            # What is taken off, the fetch, must not have gone on beside the work.
+            columns = "docname text, doccontent jsonb, " + ", ".join(f'"{field}" {FIELDS[field]}' for field in FIELDS)
+            backend.make_search_table("fielded", port, columns, WAYS["stepwise"], indexlist=index)
             found = [backend.run(f"SELECT {statements[name]} FROM fielded") for name in ("columns", "jsonb")]
             if found[0] != found[1] or found[0][0][0] != documents:
                 raise RuntimeError(f"{index}: {found}")
             actions = {name: lambda text=f"SELECT {what} FROM fielded": backend.seconds(text)
                        for name, what in statements.items()}
-            actions["fetch"] = lambda: self.programs.fetch_seconds(port, index, documents, PAGE)
+            actions["fetch"] = lambda: self.programs.fetch_seconds(port, index, documents, PAGE, reuse=True)
             times = in_turn(self.rounds, actions)
             show("columns", documents=documents, **times)
 
@@ -162,15 +228,17 @@ class Measuring:
                 index = f"2KB-{documents}"
                 say(f"growth: {index}")
                 self.programs.fetch_seconds(port, index, documents, PAGE)  # has the pages rendered
-                runs = [self.growth_of(port, index) for _ in range(3)]
-                seconds, peak, anonymous = (median(values) for values in zip(*runs))
-                show("growth", documents=documents, seconds=round(seconds, 6), peak_kB=peak, rss_anon_kB=anonymous)
+                for wrapper in ("classic", "search"):
+                    runs = [self.growth_of(port, index, wrapper) for _ in range(3)]
+                    seconds, peak, anonymous = (median(values) for values in zip(*runs))
+                    show("growth", wrapper=wrapper, documents=documents, seconds=round(seconds, 6), peak_kB=peak,
+                         rss_anon_kB=anonymous)
 
-    def growth_of(self, port, index):
+    def growth_of(self, port, index, wrapper):
         with ExitStack() as stack:
             backend = self.backend(stack)
-            backend.make_table("documents", port, index, batchsize=PAGE, compressionlevel=RAW)
-            seconds = backend.seconds(f"{COUNT.format('documents')} WHERE {MATCH_ALL}")
+            source = self.make_tables(backend, port, index, RAW)[wrapper]
+            seconds = backend.seconds(COUNT.format(source))
             return seconds, backend.memory("VmHWM"), backend.memory("RssAnon")
 
     def batch(self):
@@ -195,7 +263,7 @@ class Measuring:
 
 
 def main():
-    sections = ("query", "columns", "small", "growth", "batch")
+    sections = ("query", "ahead", "columns", "small", "growth", "batch")
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, metavar="DIR", help="a build with the module and bench/")
     parser.add_argument("--quick", action="store_true", help="fewer documents and rounds")

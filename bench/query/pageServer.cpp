@@ -1,5 +1,8 @@
 // A search server that is never the bottleneck: it responds to searches and scrolls with bytes at hand.
 //
+//   pageServer [MICROSECONDS]      keeps a response back for so long for each document in it, as a cluster
+//   does
+//
 // It listens on a free port of 127.0.0.1, prints it, and ends when its standard input, a pipe, is closed.
 #include "responses.h"
 
@@ -7,23 +10,29 @@
 #include <arpa/inet.h>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <set>
 #include <stdexcept>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/uio.h>
 #include <system_error>
 #include <unistd.h>
 #include <unordered_map>
+#include <utility>
 
 namespace veltrane::bench
 {
 namespace
 {
+
+using Clock = std::chrono::steady_clock;
 
 int checked(int outcome, const char *what)
 {
@@ -40,6 +49,7 @@ struct Request {
 struct Response {
     std::string head;
     std::string_view rest;
+    std::uint64_t documents = 0;
     std::size_t sent = 0;
 };
 
@@ -65,9 +75,11 @@ bool isLookUp(std::string_view body)
            body.find(R"({"ids":)") != std::string_view::npos;
 }
 
-Response respond(const char *status, const std::string &start, std::string_view rest)
+Response respond(const char *status, const std::string &start, std::string_view rest = {},
+                 std::uint64_t documents = 0)
 {
     Response response;
+    response.documents = documents;
     response.head = std::string("HTTP/1.1 ") + status + "\r\ncontent-type: application/json; charset=UTF-8" +
                     "\r\ncontent-length: " + std::to_string(start.size() + rest.size()) + "\r\n\r\n" + start;
     response.rest = rest;
@@ -78,14 +90,15 @@ Response scrollPage(Responses &responses, const ScrollPosition &position)
 {
     const Page page = responses.page(position);
     const ScrollPosition next{position.search, position.offset + position.search.size};
-    return respond("200 OK", std::string(page.beforeId) + idOf(next), page.afterId);
+    return respond("200 OK", std::string(page.beforeId) + idOf(next), page.afterId,
+                   std::min(position.search.size, position.search.total));
 }
 
 Response respondTo(const Request &request, Responses &responses)
 {
     if (request.target.rfind("/_search/scroll", 0) == 0) {
         if (request.method == "DELETE")
-            return respond("200 OK", R"({"succeeded":true,"num_freed":1})", {});
+            return respond("200 OK", R"({"succeeded":true,"num_freed":1})");
         const std::string_view inTarget = between(request.target, "scroll_id=", '&');
         return scrollPage(
             responses,
@@ -99,12 +112,20 @@ Response respondTo(const Request &request, Responses &responses)
         return scrollPage(responses, {search, 0});
     if (isLookUp(request.body))
         search.total = 1;
-    return respond("200 OK", "", responses.only(search));
+    return respond("200 OK", "", responses.only(search), std::min(search.size, search.total));
 }
+
+// What a response is made with.
+struct Workshop {
+    Responses responses;
+    const Clock::duration ofDocument; // for which a response is kept back
+};
 
 class Connection
 {
 public:
+    enum class Awaits { Request, Time, Room };
+
     explicit Connection(int socket) : socket(socket) {}
     ~Connection()
     {
@@ -117,23 +138,44 @@ public:
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
+    Awaits awaits() const { return !pending() ? Awaits::Request : keptBack ? Awaits::Time : Awaits::Room; }
+    // When a response that is kept back goes out.
+    Clock::time_point due() const { return dueTime; }
+
     // Reads or writes what can be now; returns whether the connection lives on.
-    bool serve(Responses &responses) { return pending() ? sendOn() : receive(responses); }
-    bool pending() const { return response.sent < response.head.size() + response.rest.size(); }
+    bool serve(Workshop &workshop)
+    {
+        switch (awaits()) {
+        case Awaits::Request:
+            return receive(workshop);
+        case Awaits::Time:
+            return false; // the peer has gone
+        default:
+            return sendOn();
+        }
+    }
+    // The same when what it waits for is the time.
+    bool sendWhatIsDue()
+    {
+        keptBack = false;
+        return sendOn();
+    }
 
 private:
-    bool receive(Responses &responses)
+    bool pending() const { return response.sent < response.head.size() + response.rest.size(); }
+
+    bool receive(Workshop &workshop)
     {
         char buffer[16384];
         const ssize_t count = recv(socket, buffer, sizeof buffer, 0);
         if (count < 0)
             return errno == EAGAIN || errno == EINTR;
         input.append(buffer, static_cast<std::size_t>(count));
-        return count > 0 && respondIfWhole(responses);
+        return count > 0 && respondIfWhole(workshop);
     }
 
     // Responds to the request if all of it has arrived.
-    bool respondIfWhole(Responses &responses)
+    bool respondIfWhole(Workshop &workshop)
     {
         const std::string_view end = "\r\n\r\n";
         const std::size_t headSize = input.find(end);
@@ -148,12 +190,17 @@ private:
         const Request request{whole.substr(0, methodEnd), between(whole, " ", ' '),
                               whole.substr(headSize + end.size(), length)};
         try {
-            response = respondTo(request, responses);
+            response = respondTo(request, workshop.responses);
         } catch (const std::logic_error &error) {
-            response = respond("400 Bad Request", std::string(R"({"error":")") + error.what() + "\"}", {});
+            response = respond("400 Bad Request", std::string(R"({"error":")") + error.what() + "\"}");
         }
         input.erase(0, size);
-        return sendOn();
+        const Clock::duration delay = response.documents * workshop.ofDocument;
+        if (delay == Clock::duration::zero())
+            return sendOn();
+        dueTime = Clock::now() + delay;
+        keptBack = true;
+        return true;
     }
 
     static std::size_t contentLength(std::string_view head)
@@ -187,17 +234,70 @@ private:
     const int socket;
     std::string input;
     Response response;
+    bool keptBack = false;
+    Clock::time_point dueTime;
+};
+
+// A descriptor that can be read when the earliest of many times has come. It holds for steady_clock, which is
+// the kernel's monotonic clock.
+class Alarm
+{
+public:
+    Alarm() : timer(checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd")) {}
+    ~Alarm() { close(timer); }
+    Alarm(const Alarm &) = delete;
+    Alarm &operator=(const Alarm &) = delete;
+
+    int descriptor() const { return timer; }
+
+    void add(Clock::time_point time, int socket)
+    {
+        times.emplace(time, socket);
+        set();
+    }
+    void remove(Clock::time_point time, int socket) { times.erase({time, socket}); }
+
+    // A socket whose time has come, or -1; it is removed.
+    int takeDue()
+    {
+        if (times.empty() || times.begin()->first > Clock::now()) {
+            set();
+            return -1;
+        }
+        const int socket = times.begin()->second;
+        times.erase(times.begin());
+        return socket;
+    }
+
+private:
+    // For the earliest time that is left. Setting a timer also makes it unreadable.
+    void set() const
+    {
+        using namespace std::chrono;
+        itimerspec when{}; // none
+        if (!times.empty()) {
+            const auto time = duration_cast<nanoseconds>(times.begin()->first.time_since_epoch()).count();
+            when.it_value = {time / 1'000'000'000, time % 1'000'000'000};
+        }
+        checked(timerfd_settime(timer, TFD_TIMER_ABSTIME, &when, nullptr), "timerfd_settime");
+    }
+
+    const int timer;
+    std::set<std::pair<Clock::time_point, int>> times;
 };
 
 class PageServer
 {
 public:
-    PageServer() : epoll(checked(epoll_create1(0), "epoll")), listener(listen()) {}
+    explicit PageServer(Clock::duration ofDocument)
+        : epoll(checked(epoll_create1(0), "epoll")), listener(listen()), workshop{{}, ofDocument}
+    {
+    }
 
     void run()
     {
-        watch(EPOLL_CTL_ADD, STDIN_FILENO, EPOLLIN);
-        watch(EPOLL_CTL_ADD, listener, EPOLLIN);
+        for (const int descriptor : {STDIN_FILENO, listener, alarm.descriptor()})
+            watch(EPOLL_CTL_ADD, descriptor, EPOLLIN);
         for (;;) {
             epoll_event events[64];
             const int count = epoll_wait(epoll, events, 64, -1);
@@ -207,8 +307,10 @@ public:
                     return;
                 if (descriptor == listener)
                     acceptOne();
+                else if (descriptor == alarm.descriptor())
+                    sendAllThatIsDue();
                 else
-                    serve(descriptor);
+                    advance(descriptor, [this](Connection &peer) { return peer.serve(workshop); });
             }
         }
     }
@@ -249,32 +351,62 @@ private:
         watch(EPOLL_CTL_ADD, socket, EPOLLIN);
     }
 
-    void serve(int socket)
+    void sendAllThatIsDue()
+    {
+        for (int socket = alarm.takeDue(); socket >= 0; socket = alarm.takeDue())
+            advance(
+                socket, [](Connection &peer) { return peer.sendWhatIsDue(); });
+    }
+
+    // Takes a step on a connection, which tells whether it lives on, and watches for what it then waits for.
+    template <class Step>
+    void advance(int socket, const Step &step)
     {
         const auto found = connections.find(socket);
-        const bool waitedForRoom = found->second->pending();
-        if (!found->second->serve(responses)) {
+        if (found == connections.end())
+            return; // ended by an event before this one
+        Connection &connection = *found->second;
+        const Connection::Awaits before = connection.awaits();
+        if (before == Connection::Awaits::Time)
+            alarm.remove(connection.due(), socket);
+        if (!step(connection)) {
             connections.erase(found);
             return;
         }
-        const bool waitsForRoom = found->second->pending();
-        if (waitsForRoom != waitedForRoom)
-            watch(EPOLL_CTL_MOD, socket, waitsForRoom ? EPOLLOUT : EPOLLIN);
+        const Connection::Awaits after = connection.awaits();
+        if (after == Connection::Awaits::Time)
+            alarm.add(connection.due(), socket);
+        if (after != before)
+            watch(EPOLL_CTL_MOD, socket, eventsOf(after));
+    }
+
+    static std::uint32_t eventsOf(Connection::Awaits what)
+    {
+        switch (what) {
+        case Connection::Awaits::Request:
+            return EPOLLIN;
+        case Connection::Awaits::Time:
+            return EPOLLRDHUP;
+        default:
+            return EPOLLOUT;
+        }
     }
 
     const int epoll;
     const int listener;
-    Responses responses;
+    Workshop workshop;
+    Alarm alarm;
     std::unordered_map<int, std::unique_ptr<Connection>> connections;
 };
 
 } // namespace
 } // namespace veltrane::bench
 
-int main()
+int main(int count, char **arguments)
 {
     try {
-        veltrane::bench::PageServer().run();
+        const std::chrono::microseconds ofDocument(count > 1 ? std::stoul(arguments[1]) : 0);
+        veltrane::bench::PageServer(ofDocument).run();
         return 0;
     } catch (const std::exception &error) {
         std::fprintf(stderr, "pageServer: %s\n", error.what());

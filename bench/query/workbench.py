@@ -41,10 +41,10 @@ class Programs:
         return self.run("fetchFloor", *options, port, index, total, size)["seconds"]
 
     @contextmanager
-    def page_server(self):
-        """Runs a page server and yields its port."""
-        with subprocess.Popen([self.folder / "pageServer"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                              text=True) as process:
+    def page_server(self, microseconds=0):
+        """Runs a page server, which keeps back a response so long for each document, and yields its port."""
+        with subprocess.Popen([self.folder / "pageServer", str(microseconds)], stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE, text=True) as process:
             try:
                 yield int(process.stdout.readline())
             finally:
@@ -106,21 +106,27 @@ class Backend:
         """Makes a foreign table of the classic wrapper on a page server, replacing one of that name."""
         options = {"connectortype": "elasticsearchscroll" if scroll else "elasticsearch",
                    "address": "127.0.0.1", "port": port, "indexlist": index, **options}
-        texts = ", ".join(f"{key} '{value}'" for key, value in options.items())
         self.run(f"DROP FOREIGN TABLE IF EXISTS {name}")
-        self.run(f"CREATE FOREIGN TABLE {name} ({COLUMNS}) SERVER classic OPTIONS ({texts})")
+        self.run(f"CREATE FOREIGN TABLE {name} ({COLUMNS}) SERVER classic {options_clause(options)}")
 
-    def make_search_table(self, name, port, index, level):
-        """The same for the search wrapper; contents come as text, or at a level of compression."""
-        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); "
-                 f"DROP FOREIGN TABLE IF EXISTS {name}")
-        self.run(f"CREATE FOREIGN TABLE {name} (docname text, doccontent bytea) SERVER search "
-                 f"OPTIONS (indexlist '{index}', compressionlevel '{level}')")
+    def make_search_table(self, name, port, columns, server=None, **options):
+        """The same for the search wrapper; `columns` are definitions, `server` has options of the foreign server, of
+        which each such table has its own."""
+        address = {"address": f"http://127.0.0.1:{port}"}
+        self.run(f"DROP SERVER IF EXISTS {name}_cluster CASCADE")
+        self.run(f"CREATE SERVER {name}_cluster FOREIGN DATA WRAPPER veltranesearch "
+                 f"{options_clause({**address, **(server or {})})}")
+        self.run(f"CREATE FOREIGN TABLE {name} ({columns}) SERVER {name}_cluster {options_clause(options)}")
 
-    def make_field_table(self, name, port, index, fields):
-        """A table of the search wrapper with contents as jsonb and columns for fields, named with their types."""
-        self.run(f"ALTER SERVER search OPTIONS (SET address 'http://127.0.0.1:{port}'); "
-                 f"DROP FOREIGN TABLE IF EXISTS {name}")
-        columns = ", ".join(f'"{field}" {kind}' for field, kind in fields.items())
-        self.run(f"CREATE FOREIGN TABLE {name} (docname text, doccontent jsonb, {columns}) SERVER search "
-                 f"OPTIONS (indexlist '{index}')")
+    def make_local_table(self, name, columns, rows):
+        """Makes a table of the rows of a SELECT, to be read as fast as can be, replacing one of that name."""
+        self.run(f"DROP TABLE IF EXISTS {name}")
+        # Contents that fit into a page stay in it, where they cost the least.
+        self.run(f"CREATE UNLOGGED TABLE {name} ({columns}) WITH (toast_tuple_target = 8160)")
+        self.run(f"ALTER TABLE {name} ALTER COLUMN doccontent SET STORAGE EXTERNAL")
+        self.run(f"INSERT INTO {name} {rows}")
+        self.run(f"VACUUM {name}")
+
+
+def options_clause(options):
+    return "OPTIONS (" + ", ".join(f"{key} '{value}'" for key, value in options.items()) + ")"
