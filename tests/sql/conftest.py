@@ -243,10 +243,11 @@ class Wire:
         """What the requests were for that came since the last `outcome` began."""
         return ["open" if "&scroll=" in peer.path else peer.purpose for peer in self.near.requests]
 
-    def outcome(self, statement, *faults):
-        """The rows of a statement, or its (SQLSTATE, message); its requests meet these faults, a None being none."""
+    def outcome(self, statement, *faults, deletion=None):
+        """The rows of a statement, or its (SQLSTATE, message); its requests meet these faults, a None being none, and
+        its deletions that one."""
         self.near.requests.clear()
-        self.relay.faults[:] = faults
+        self.relay.faults[:], self.relay.deletion = faults, deletion
         return self.db.outcome(statement)
 
     def lose(self, peer):

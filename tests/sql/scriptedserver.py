@@ -104,13 +104,17 @@ class Peer:
 
 
 class Relay:
-    """A script that has the search server of a port respond, or plays the next of its `faults` that is not None."""
+    """A script that has the search server of a port respond, or plays the next of its `faults` that is not None; for a
+    deletion, which may overtake a page that was given up, `deletion`."""
 
     def __init__(self, port):
-        self._port, self.faults = port, []
+        self._port, self.faults, self.deletion = port, [], None
 
     def __call__(self, peer):
-        fault = self.faults.pop(0) if self.faults else None
+        if peer.purpose == "delete":
+            fault = self.deletion
+        else:
+            fault = self.faults.pop(0) if self.faults else None
         (fault or self.forward)(peer)
 
     def ask(self, peer):

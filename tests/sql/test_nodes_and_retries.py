@@ -47,7 +47,7 @@ def test_never(wire, number):
     for place in (1, 2):
         assert wire.outcome(wire.ALL, *[None] * place, status(number)) == REFUSED
         assert wire.kinds() == WHOLE[:place + 1] + ["delete"]
-    assert wire.outcome(wire.ALL, None, None, None, status(number)) == wire.ROWS[wire.ALL] and wire.kinds() == WHOLE
+    assert wire.outcome(wire.ALL, deletion=status(number)) == wire.ROWS[wire.ALL] and wire.kinds() == WHOLE
 
 
 # Options, headers of each refusal, requests that are sent when all are refused, and how long that takes.
