@@ -115,6 +115,7 @@ void Sending::begin()
 
 void Sending::advance() noexcept
 {
+    isUnattended = true;
     if (!exchange->isDone() && Clock::now() - lastLook >= BetweenLooks)
         look();
 }
@@ -134,13 +135,12 @@ const http::Outcome &Sending::finish()
     // The time in which nobody waited does not count.
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline = http::deadlineOf(session->cluster.settings.timeoutMs);
-    const bool wasDone = exchange->isDone();
     for (;;) {
         const http::Outcome &outcome = http::finish(*exchange, deadline);
         noteOutcome(outcome);
         if (isOutOfMemory)
             throw std::bad_alloc();
-        if (!goesToNextNode(outcome) && !(wasDone && failedUnseen(outcome)) && !triesAgain(outcome, deadline))
+        if (!goesToNextNode(outcome) && !failedUnseen(outcome) && !triesAgain(outcome, deadline))
             break;
         begin();
     }
@@ -171,10 +171,12 @@ bool Sending::goesToNextNode(const http::Outcome &outcome) const
     return !outcome.wasSent && isAbsent(outcome) && nodesAsked < session->nodes.count();
 }
 
-// While nobody waits, the time to connect in may pass without a fault: such a request is begun anew.
-bool Sending::failedUnseen(const http::Outcome &outcome) const
+// While nobody waits, the time to connect in may pass without a fault: such a request is begun anew, once.
+bool Sending::failedUnseen(const http::Outcome &outcome)
 {
-    return !outcome.wasSent && nodesAsked == 1 && retries == 0;
+    const bool isUnseen = isUnattended && !outcome.wasSent;
+    isUnattended = false;
+    return isUnseen;
 }
 
 // Waits for the next try, where there is one.
@@ -218,7 +220,7 @@ void sendBriefly(ClusterSession &session, http::Request request, Clock::time_poi
             http::Exchange exchange(session.connections, toNode(session.cluster, node, path, request),
                                     http::dropBody, nullptr);
             http::finishBriefly(exchange, end);
-            const http::Outcome &outcome = exchange.end(CURLE_OPERATION_TIMEDOUT);
+            const http::Outcome &outcome = exchange.end(CURLE_ABORTED_BY_CALLBACK);
             Statistics part = costOf(outcome);
             part.requests = 1;
             session.spent.add(part);

@@ -61,7 +61,7 @@ private:
     void note(const Statistics &part);
     void noteOutcome(const http::Outcome &outcome);
     bool goesToNextNode(const http::Outcome &outcome) const;
-    bool failedUnseen(const http::Outcome &outcome) const;
+    bool failedUnseen(const http::Outcome &outcome);
     bool triesAgain(const http::Outcome &outcome, http::Clock::time_point deadline);
     static std::size_t takeBytes(char *data, std::size_t size, std::size_t count, void *sending);
 
@@ -76,6 +76,7 @@ private:
     std::int32_t retries = 0;   // so far
     bool isOutOfMemory = false;
     bool isNoted = false;
+    bool isUnattended = false; // it goes on while nobody waits for it
     http::Clock::time_point lastLook;
     std::optional<http::Exchange> exchange;
 };
