@@ -101,8 +101,8 @@ const char *hintFor(CURLcode code)
         return "The options \"connecttimeout\" and \"timeout\" of the foreign server say how long a request "
                "may take.";
     case CURLE_SEND_FAIL_REWIND:
-        return "A kept connection broke as the request went out, which is not sent twice: try again. The option "
-               "\"keepconnections\" of the foreign server can do without such connections.";
+        return "A kept connection broke as the request went out, which is not sent twice: try again. The "
+               "foreign server's option \"keepconnections\" can do without such connections.";
     case CURLE_PEER_FAILED_VERIFICATION:
         return "Name the authority that signed the cluster's certificate with the option \"cafile\" of the "
                "foreign server.";
