@@ -260,9 +260,10 @@ def small_rows(values):
 
 
 def small_table(values):
-    yield ["milliseconds", "query", "floor: request", "floor: deflate"]
+    yield ["milliseconds", "query", "floor: request", "floor: deflate", "SELECT 1"]
     for value in values:
-        yield [small_name(value)] + [f"{time:.3f}" for time in (value["milliseconds"], *small_floor(value))]
+        times = (value["milliseconds"], *small_floor(value), value["nothing_milliseconds"])
+        yield [small_name(value)] + [f"{time:.3f}" for time in times]
 
 
 def contents_rows(values):
@@ -420,7 +421,8 @@ def markdown(values, rows, chart_name):
     if values.get("small"):
         parts += ["## Small queries\n",
                   "The floor of the search wrapper is a bare request on a connection that is kept, as its own is; "
-                  "that of the classic\nwrapper one on a new connection. `jit` tells what it costs to compile "
+                  "that of the classic\nwrapper one on a new connection. No floor holds what a `SELECT 1` takes, the "
+                  "statement's way to the PostgreSQL\nserver and back. `jit` tells what it costs to compile "
                   "expressions.\n",
                   markdown_table(small_table(values["small"]))]
     if values.get("growth"):

@@ -8,9 +8,9 @@
 #   scripts/bench.sh --only ahead  one section of them: query, ahead, columns, small, growth or batch; can be repeated
 #   scripts/bench.sh --quick       fewer rounds and documents, to see that all of it works
 #
-# What is not everything, or quick, writes its report to build/bench instead. The figures themselves stay in
-# build/bench/reader.jsonl, queries.jsonl and SECTION.jsonl, of which bench/report.py makes one report where several are
-# named. Let nothing else run on the machine meanwhile.
+# What is not everything, or quick, writes its report to build/bench instead. The figures themselves stay there in
+# reader.jsonl, queries.jsonl and SECTION.jsonl; bench/report.py makes one report of several such files. Let nothing
+# else run on the machine meanwhile.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh

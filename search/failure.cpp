@@ -102,8 +102,7 @@ const char *hintFor(CURLcode code)
                "may take.";
     case CURLE_SEND_FAIL_REWIND:
         return "A kept connection broke as the request went out, which is not sent twice: try again. The "
-               "option "
-               "\"keepconnections\" of the foreign server can do without such connections.";
+               "foreign server's option \"keepconnections\" can do without such connections.";
     case CURLE_PEER_FAILED_VERIFICATION:
         return "Name the authority that signed the cluster's certificate with the option \"cafile\" of the "
                "foreign server.";

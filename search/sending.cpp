@@ -140,7 +140,8 @@ const http::Outcome &Sending::finish()
         noteOutcome(outcome);
         if (isOutOfMemory)
             throw std::bad_alloc();
-        if (!goesToNextNode(outcome) && !failedUnseen(outcome) && !triesAgain(outcome, deadline))
+        const bool isOver = Clock::now() >= deadline;
+        if (isOver || (!goesToNextNode(outcome) && !failedUnseen(outcome) && !triesAgain(outcome, deadline)))
             break;
         begin();
     }

@@ -3,7 +3,8 @@
 //   smallQueries CONNINFO STATEMENT ROWS URL BODY REPEATS
 //
 // Prepares the statement, which must give that many rows, and runs it in turn with the plain request: blocks
-// of the one, the other, and the other on a kept connection. Prints the medians as JSON.
+// of the one, the other, the other on a kept connection, and of a statement that asks for nothing, which
+// tells what the PostgreSQL server itself takes. Prints the medians as JSON.
 #include "plainClient.h"
 #include "stopwatch.h"
 
@@ -73,20 +74,23 @@ void run(char **arguments)
     const std::string url = arguments[3], body = arguments[4];
     const auto repeats = std::stoul(arguments[5]);
     PlainClient plain(false), plainReused(true);
+    Session idle(arguments[0], "SELECT 1", 1);
 
-    std::vector<double> query, fresh, reused;
+    std::vector<double> query, fresh, reused, nothing;
     const auto runBlocks = [&] {
         runBlock(query, [&] { session.runOnce(); });
         runBlock(fresh, [&] { plain.send(url, body); });
         runBlock(reused, [&] { plainReused.send(url, body); });
+        runBlock(nothing, [&] { idle.runOnce(); });
     };
     runBlocks(); // warms all of them
-    for (std::vector<double> *const times : {&query, &fresh, &reused})
+    for (std::vector<double> *const times : {&query, &fresh, &reused, &nothing})
         times->clear();
     while (query.size() < repeats)
         runBlocks();
-    std::printf("{\"milliseconds\":%.4f,\"plain_milliseconds\":%.4f,\"plain_reused_milliseconds\":%.4f}\n",
-                median(query), median(fresh), median(reused));
+    std::printf("{\"milliseconds\":%.4f,\"plain_milliseconds\":%.4f,\"plain_reused_milliseconds\":%.4f,"
+                "\"nothing_milliseconds\":%.4f}\n",
+                median(query), median(fresh), median(reused), median(nothing));
 }
 
 } // namespace
