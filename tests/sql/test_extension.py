@@ -14,6 +14,7 @@ from conftest import Database, module_path, new_database, running_cluster
 FUNCTIONS = [("veltranepgfdw_jsonb(bytea)", True, "i", "s"), ("veltranepgfdw_text(bytea)", True, "i", "s"),
              ("veltranepgfdwinterfacehandler()", True, "v", "u"),
              ("veltranepgfdwinterfacevalidator(text[],oid)", True, "v", "u"),
+             *[(f"veltranesearch_exchanges{rest}", True, "v", "r") for rest in ("(oid)", "_reset()")],
              ("veltranesearch_handler()", True, "v", "u"), ("veltranesearch_validator(text[],oid)", True, "v", "u")]
 LEFT_BEHIND = """
 SELECT proname::text FROM pg_proc WHERE proname LIKE 'veltrane%' OR probin ~ 'Veltrane'
@@ -66,8 +67,8 @@ def check_objects(session):
         SELECT pg_describe_object(classid, objid, 0), obj_description(objid, classid::regclass::text) IS NOT NULL
         FROM pg_depend WHERE refclassid = 'pg_extension'::regclass AND deptype = 'e'
             AND refobjid = (SELECT oid FROM pg_extension WHERE extname = 'veltranepgfdw')""")
-    wrappers = [f"foreign-data wrapper {name}" for name in ("veltranepgfdw", "veltranesearch")]
-    assert dict(described) == dict.fromkeys([*wrappers, *(f"function {name}" for name, *_ in FUNCTIONS)], True)
+    others = [*(f"foreign-data wrapper {name}" for name in ("veltranepgfdw", "veltranesearch")), "view veltranesearch_exchanges"]
+    assert dict(described) == dict.fromkeys([*others, *(f"function {name}" for name, *_ in FUNCTIONS)], True)
 
 
 def test_objects_and_the_installed_library(db, installed):
@@ -130,7 +131,7 @@ def test_script_by_hand_makes_nothing(db, installed):
 
 # What others may call: the server, and modules that use the clauses' analysis and the reader of terms aggregations.
 CALLED = [f"veltranepgfdw{name}" for name in ("interfacehandler", "interfacevalidator", "_text", "_jsonb")] + [
-    f"veltranesearch_{name}" for name in ("handler", "validator")]
+    f"veltranesearch_{name}" for name in ("handler", "validator", "exchanges", "exchanges_reset")]
 READER, COLLECTOR = "zq::elasticsearch::TermAggResultParserInterface", "qm::pgFdw::TermAggResultParser"
 EXPORTED = {
     "Pg_magic_func", "_PG_init", "_PG_fini", *CALLED, *[f"pg_finfo_{name}" for name in CALLED],

@@ -170,13 +170,16 @@ def option(catalog, text, message, hint="", state="22023"):
 A, I = "address 'http://h:1', ", "indexlist 'i', "
 URL = 'option "address" takes an http or https URL of host, port and path prefix, without credentials'
 REFUSALS = [
-    *[option("server", f"address '{url}'", URL) for url in ("", "h:9200", "ftp://h", "http://u:p@h", "http://h?x", "http:// h")],
+    *[option("server", f"address '{url}'", URL) for url in ("", "h:9200", "ftp://h", "http://u:p@h", "http://h?x", "http:// h", "http://h,", ",http://h",
+                                                                     "http://a,,http://b", "http://a, http://b", "http://a,b:9200", "http://a,http://u@b")],
     option("server", "tlsverify 'no'", 'option "address" of the foreign server is required', state="HV00J"),
     option("server", "adress 'x'", NO_OPTION.format("adress"), 'Perhaps you meant the option "address": URL of the cluster', "HV00D"),
     option("server", "x 'x'", NO_OPTION.format("x"), "Valid options in this context are: address,", "HV00D"),
     option("wrapper", "x 'x'", NO_OPTION.format("x"), "There are no options in this context.", "HV00D"),
     option("server", A + "timeout '1s'", 'option "timeout" takes a whole number from 1 to 2147483647'),
-    option("server", A + "tlsverify '2'", 'option "tlsverify" takes true or false'),
+    *[option("server", A + f"{name} '2'", f'option "{name}" takes true or false')
+      for name in ("tlsverify", "keepconnections", "pageahead", "httpcompression", "opaqueid")],
+    *[option("server", A + f"retries '{number}'", 'option "retries" takes a whole number from 0 to 10') for number in ("-1", "11", "x")],
     option("server", A + "proxy 'h'", 'option "proxy" takes an http or https URL of host and port, without credentials'),
     option("server", A + "rowcost '-1'", 'option "rowcost" takes a number that is not negative'),
     option("server", A + "cafile '/etc'", 'option "cafile" takes the absolute path of a file that the server can read'),
@@ -350,10 +353,11 @@ def test_no_context_stays(cluster, version):
 def test_cancel(docs, scripted, where):
     """Wherever the cluster falls silent, a query ends soon after its time, and its connection with it."""
     pages = {"first": CONTEXT, "next": CONTEXT, "delete": "{}"}
-    scripted.script = lambda peer: (silence if peer.purpose == where else response(pages[peer.purpose]))(peer)
-    docs.make_documents(scripted.port)
+    now_silent = lambda peer: (silence if peer.purpose == where else response(pages[peer.purpose]))(peer)
+    docs.make_documents(scripted.port, keepconnections="false")
     docs.make("docname text", batchsize=1)
-    docs.run("SELECT docname FROM docs LIMIT 0; SET statement_timeout = 400")
+    docs.run("SELECT count(*) FROM docs; SET statement_timeout = 400")
+    scripted.script = now_silent
     before, start = sockets(docs.pid), time.monotonic()
     # What is deleted at the end of a query that has its rows takes none of them back.
     statement = "SELECT docname FROM docs WHERE length(docname) > 0" + " LIMIT 1" * (where == "delete")
