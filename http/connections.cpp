@@ -29,22 +29,31 @@ void leaveResolverBehind(CURLM *multi)
 #endif
 }
 
-// Blocks the signals that the server handles. libcurl may start a thread to resolve a name: born while this
-// lives, it inherits the mask, and the server's handlers never run in it.
-class SignalsBlocked
+// Of a step that nothing interrupts.
+constexpr std::chrono::milliseconds LongestStep{100};
+
+sigset_t signalsOfServer()
+{
+    sigset_t all;
+    sigfillset(&all);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+        sigdelset(&all, fault);
+    return all;
+}
+
+// Blocks the signals that the server handles, or lets them in. libcurl may start a thread to resolve a name:
+// born while they are blocked, it inherits the mask, and the server's handlers never run in it.
+class SignalMask
 {
 public:
-    SignalsBlocked()
+    explicit SignalMask(int how)
     {
-        sigset_t all;
-        sigfillset(&all);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
-            sigdelset(&all, fault);
-        pthread_sigmask(SIG_BLOCK, &all, &saved);
+        const sigset_t signals = signalsOfServer();
+        pthread_sigmask(how, &signals, &saved);
     }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &saved, nullptr); }
-    SignalsBlocked(const SignalsBlocked &) = delete;
-    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+    ~SignalMask() { pthread_sigmask(SIG_SETMASK, &saved, nullptr); }
+    SignalMask(const SignalMask &) = delete;
+    SignalMask &operator=(const SignalMask &) = delete;
 
 private:
     sigset_t saved;
@@ -72,7 +81,8 @@ void Connections::add(CURL *easy, Completion &completion)
 
 void Connections::advance()
 {
-    const SignalsBlocked blocked;
+    const SignalMask blocked(SIG_BLOCK);
+    stepBegin = std::chrono::steady_clock::now();
     int count = 0;
     if (curl_multi_perform(multi.get(), &count) != CURLM_OK)
         throw std::bad_alloc();
@@ -81,6 +91,15 @@ void Connections::advance()
         curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &completion);
         *reinterpret_cast<Completion *>(completion) = {true, message->data.result};
     }
+}
+
+// The server's handlers only take notice, wherever they run.
+bool Connections::mustStop() const
+{
+    if (std::chrono::steady_clock::now() - stepBegin < LongestStep)
+        return false;
+    const SignalMask letIn(SIG_UNBLOCK);
+    return QueryCancelPending || ProcDiePending;
 }
 
 void Connections::wait(int milliseconds)

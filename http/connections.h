@@ -4,6 +4,8 @@
 #include "http/handles.h"
 #include "http/settings.h"
 
+#include <chrono>
+
 namespace qm::http
 {
 
@@ -30,6 +32,9 @@ public:
 
     // Works off what can be done without waiting. Throws std::bad_alloc.
     void advance();
+    // For the callbacks of exchanges: whether what is worked off takes long, as when a little that was
+    // compressed becomes much, and the query is to be cancelled or the server to shut down.
+    bool mustStop() const;
     // Waits until there is something to do, so many milliseconds at the most, or until a signal arrives.
     void wait(int milliseconds);
 
@@ -38,6 +43,7 @@ public:
 private:
     const Reuse reuse;
     const MultiHandle multi;
+    std::chrono::steady_clock::time_point stepBegin;
 };
 
 } // namespace qm::http

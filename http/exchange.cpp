@@ -88,18 +88,18 @@ HeaderList headersOf(const Settings &settings, const Request &request)
 std::size_t dropBody(char *, std::size_t size, std::size_t count, void *) { return size * count; }
 
 Exchange::Exchange(Connections &connections, Request request, curl_write_callback write, void *target)
-    : connections(connections), request(std::move(request)),
+    : connections(connections), request(std::move(request)), write(write), target(target),
       headers(headersOf(connections.settings, this->request)), easy(curl_easy_init())
 {
     if (!easy)
         throw std::bad_alloc();
-    prepare(write, target);
+    prepare();
     connections.add(easy.get(), completion);
 }
 
 Exchange::~Exchange() { end(CURLE_ABORTED_BY_CALLBACK); }
 
-void Exchange::prepare(curl_write_callback write, void *target)
+void Exchange::prepare()
 {
     curl_easy_setopt(easy.get(), CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy.get(), CURLOPT_FOLLOWLOCATION, 0L);
@@ -113,8 +113,8 @@ void Exchange::prepare(curl_write_callback write, void *target)
         curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
     if (request.method == Method::Delete)
         curl_easy_setopt(easy.get(), CURLOPT_CUSTOMREQUEST, "DELETE");
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, write);
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, target);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, writeBody);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, this);
 }
 
 // libcurl cannot wind back a body that it reads from a function, and gives up in place of sending it twice.
@@ -139,6 +139,12 @@ std::size_t Exchange::readBody(char *target, std::size_t size, std::size_t count
     std::copy_n(self->request.body.data() + self->bodySent, length, target);
     self->bodySent += length;
     return length;
+}
+
+std::size_t Exchange::writeBody(char *data, std::size_t size, std::size_t count, void *exchange)
+{
+    const auto *self = static_cast<const Exchange *>(exchange);
+    return self->connections.mustStop() ? 0 : self->write(data, size, count, self->target);
 }
 
 // The connection is kept, unless it is in the midst of something.

@@ -57,12 +57,15 @@ public:
     Connections &carrier() const { return connections; }
 
 private:
-    void prepare(curl_write_callback write, void *target);
+    void prepare();
     void prepareBody();
     static std::size_t readBody(char *target, std::size_t size, std::size_t count, void *exchange);
+    static std::size_t writeBody(char *data, std::size_t size, std::size_t count, void *exchange);
 
     Connections &connections;
     const Request request;
+    const curl_write_callback write;
+    void *const target;
     std::size_t bodySent = 0;
     HeaderList headers;
     EasyHandle easy; // null when it was ended

@@ -59,9 +59,9 @@ const Outcome &finish(Exchange &exchange, Clock::time_point deadline)
 {
     for (;;) {
         exchange.carrier().advance();
+        serveInterrupts();
         if (exchange.isDone())
             break;
-        serveInterrupts();
         if (!waitUntil(exchange.carrier(), deadline))
             break;
         serveInterrupts();
