@@ -8,7 +8,7 @@ import pytest
 
 from conftest import Database, memory
 from scriptedserver import endless, hits, named, response
-from test_kept_connections import WHOLE
+from test_kept_connections import BROKEN, WHOLE
 
 # ---- Compression --------------------------------------------------------------------------------------------
 
@@ -73,18 +73,36 @@ def deflated(*texts):
             for text in texts]
 
 
-@pytest.mark.unsanitized
-@pytest.mark.parametrize("begin, piece, seconds, outcome", [
-    (b"", b" ", 30, LARGE), (b'{"a":', b"[", 0.2, ("57014", "canceling statement due to statement timeout"))])
-def test_bombs(wire, scripted, begin, piece, seconds, outcome):
-    """Few bytes that become endless ones: the bound is that of what they become, and a cancel need not wait for it."""
+def bomb(begin, piece):
     start, more = deflated(begin, piece)
-    scripted.script = endless(more, b"HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\n" + start)
-    wire.make(httpcompression="true")
-    wire.db.run(f"SET statement_timeout = {int(seconds * 1000)}")
+    return endless(more, b"HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\n" + start)
+
+
+CANCELLED = ("57014", "canceling statement due to statement timeout")
+
+
+@pytest.mark.unsanitized
+@pytest.mark.parametrize("script, option, setting, outcome, seconds", [
+    (bomb(b"", b" "), 60_000, 30_000, LARGE, 30), (bomb(b'{"a":', b"["), 60_000, 200, CANCELLED, 1.7),
+    (bomb(b'{"a":', b"["), 200, 30_000, BROKEN, 1.7)])
+def test_bombs(wire, script, option, setting, outcome, seconds):
+    """Few bytes that become endless ones: the bound is that of what they become, and nothing that ends a query waits
+    for it."""
+    wire.make(httpcompression="true", timeout=option)
+    wire.db.run(f"SET statement_timeout = {setting}")
     before, begun = memory(wire.db.pid, "VmHWM"), time.monotonic()
-    assert wire.db.failure(wire.SEARCH) == outcome
-    assert memory(wire.db.pid, "VmHWM") - before < 2200 << 10 and time.monotonic() - begun < seconds + 1.5
+    assert wire.outcome(wire.SEARCH, script) == outcome
+    assert memory(wire.db.pid, "VmHWM") - before < 2200 << 10 and time.monotonic() - begun < seconds
+
+
+@pytest.mark.unsanitized
+def test_bomb_in_place_of_a_deletion(wire):
+    """Nobody waits for it longer than for any other response that does not matter."""
+    wire.make(httpcompression="true")
+    wire.db.run("SET statement_timeout = 20000")
+    begun = time.monotonic()
+    assert wire.outcome(wire.ALL, deletion=bomb(b"", b" ")) == wire.ROWS[wire.ALL]
+    assert time.monotonic() - begun < 2.5
 
 
 # ---- Whose request it is ------------------------------------------------------------------------------------
