@@ -82,7 +82,7 @@ void Connections::add(CURL *easy, Completion &completion)
 void Connections::advance()
 {
     const SignalMask blocked(SIG_BLOCK);
-    stepBegin = std::chrono::steady_clock::now();
+    stepBegin = Clock::now();
     int count = 0;
     if (curl_multi_perform(multi.get(), &count) != CURLM_OK)
         throw std::bad_alloc();
@@ -94,12 +94,13 @@ void Connections::advance()
 }
 
 // The server's handlers only take notice, wherever they run.
-bool Connections::mustStop() const
+bool Connections::mustStop(Clock::time_point deadline) const
 {
-    if (std::chrono::steady_clock::now() - stepBegin < LongestStep)
+    const Clock::time_point now = Clock::now();
+    if (now - stepBegin < LongestStep)
         return false;
     const SignalMask letIn(SIG_UNBLOCK);
-    return QueryCancelPending || ProcDiePending;
+    return now >= deadline || QueryCancelPending || ProcDiePending;
 }
 
 void Connections::wait(int milliseconds)

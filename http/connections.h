@@ -1,10 +1,9 @@
 // Connections to a server that are kept from one exchange to the next.
 #pragma once
 
+#include "http/clock.h"
 #include "http/handles.h"
 #include "http/settings.h"
-
-#include <chrono>
 
 namespace qm::http
 {
@@ -33,8 +32,9 @@ public:
     // Works off what can be done without waiting. Throws std::bad_alloc.
     void advance();
     // For the callbacks of exchanges: whether what is worked off takes long, as when a little that was
-    // compressed becomes much, and the query is to be cancelled or the server to shut down.
-    bool mustStop() const;
+    // compressed becomes much, and the deadline has passed, the query is to be cancelled or the server to
+    // shut down.
+    bool mustStop(Clock::time_point deadline) const;
     // Waits until there is something to do, so many milliseconds at the most, or until a signal arrives.
     void wait(int milliseconds);
 
@@ -43,7 +43,7 @@ public:
 private:
     const Reuse reuse;
     const MultiHandle multi;
-    std::chrono::steady_clock::time_point stepBegin;
+    Clock::time_point stepBegin;
 };
 
 } // namespace qm::http

@@ -143,8 +143,9 @@ std::size_t Exchange::readBody(char *target, std::size_t size, std::size_t count
 
 std::size_t Exchange::writeBody(char *data, std::size_t size, std::size_t count, void *exchange)
 {
-    const auto *self = static_cast<const Exchange *>(exchange);
-    return self->connections.mustStop() ? 0 : self->write(data, size, count, self->target);
+    auto *self = static_cast<Exchange *>(exchange);
+    self->isStopped = self->connections.mustStop(self->deadline);
+    return self->isStopped ? 0 : self->write(data, size, count, self->target);
 }
 
 // The connection is kept, unless it is in the midst of something.
@@ -152,7 +153,7 @@ const Outcome &Exchange::end(CURLcode code) noexcept
 {
     if (!easy)
         return outcome;
-    outcome.code = isDone() ? completion.code : code;
+    outcome.code = isStopped ? CURLE_OPERATION_TIMEDOUT : isDone() ? completion.code : code;
     completion.isDone = true;
     curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &outcome.status);
     long sentBytes = 0;

@@ -51,6 +51,8 @@ public:
     Exchange &operator=(const Exchange &) = delete;
 
     bool isDone() const { return completion.isDone; }
+    // It is not to go on after that, however much there is to work off at a time.
+    void endBy(Clock::time_point moment) { deadline = moment; }
     // What came of it. What is not done is ended, with this code.
     const Outcome &end(CURLcode code) noexcept;
 
@@ -70,6 +72,8 @@ private:
     HeaderList headers;
     EasyHandle easy; // null when it was ended
     Completion completion;
+    Clock::time_point deadline = Never;
+    bool isStopped = false; // in the midst of its response
     Outcome outcome;
 };
 

@@ -57,6 +57,7 @@ Clock::time_point deadlineOf(std::int32_t timeoutMs)
 
 const Outcome &finish(Exchange &exchange, Clock::time_point deadline)
 {
+    exchange.endBy(deadline);
     for (;;) {
         exchange.carrier().advance();
         serveInterrupts();
@@ -86,8 +87,9 @@ Clock::time_point endOfBriefWork()
            (StatementTimeout > 0 && timeout > now ? std::min(LongestBriefWork, left) : LongestBriefWork);
 }
 
-void finishBriefly(const Exchange &exchange, Clock::time_point end) noexcept
+void finishBriefly(Exchange &exchange, Clock::time_point end) noexcept
 {
+    exchange.endBy(end);
     try {
         while (!mustEnd() && !exchange.isDone()) {
             exchange.carrier().advance();

@@ -1,16 +1,11 @@
 // Waiting for exchanges, in ways that the server can interrupt.
 #pragma once
 
+#include "http/clock.h"
 #include "http/exchange.h"
-
-#include <chrono>
 
 namespace qm::http
 {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr Clock::time_point Never = Clock::time_point::max();
 
 // What begins now is to be done by then; Never where `timeoutMs` is 0.
 Clock::time_point deadlineOf(std::int32_t timeoutMs);
@@ -30,6 +25,6 @@ Clock::time_point endOfBriefWork();
 // Waits for an exchange whose outcome does not matter until that moment at the most; gives it up at once when
 // the query is to be cancelled or the server to shut down, which it leaves to the server to act on. Neither
 // throws nor raises.
-void finishBriefly(const Exchange &exchange, Clock::time_point end) noexcept;
+void finishBriefly(Exchange &exchange, Clock::time_point end) noexcept;
 
 } // namespace qm::http
