@@ -2,6 +2,7 @@
 import contextlib
 import os
 import re
+import socket
 import ssl
 import subprocess
 import sys
@@ -237,7 +238,8 @@ class Wire:
         """Makes the server `documents`, of which these ports are the nodes, and the table."""
         nodes = ",".join(f"{scheme}://127.0.0.1:{port}" for port in ports or [self.near.port])
         self.db.make_documents(address=nodes, **options)
-        self.db.run("CREATE FOREIGN TABLE docs (docname text) SERVER documents OPTIONS (indexlist 'books', batchsize '100')")
+        self.db.run("CREATE FOREIGN TABLE docs (docname text) SERVER documents "
+                    "OPTIONS (indexlist 'books', batchsize '100')")
 
     def kinds(self):
         """What the requests were for that came since the last `outcome` began."""
@@ -274,6 +276,17 @@ def sent(db, scripted):
         return outcome if isinstance(outcome, tuple) else [peer.body.decode() for peer in scripted.requests]
 
     return run
+
+
+@pytest.fixture
+def full_port():
+    """A port whose queue is full of connections that nobody accepts: any further one waits."""
+    with contextlib.ExitStack() as stack:
+        listener = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
+        with pytest.raises(socket.timeout):
+            for _ in range(100):
+                stack.enter_context(socket.create_connection(listener.getsockname(), 0.2))
+        yield listener.getsockname()[1]
 
 
 @pytest.fixture(scope="session")

@@ -7,7 +7,6 @@ import select
 import socket
 import struct
 import threading
-import time
 
 NEVER = 10  # seconds: a query that nothing interrupts is to fail its test, not to hang it
 
@@ -104,8 +103,8 @@ class Peer:
 
 
 class Relay:
-    """A script that has the search server of a port respond, or plays the next of its `faults` that is not None; for a
-    deletion, which may overtake a page that was given up, `deletion`."""
+    """A script that has the search server of a port respond, or plays the next of its `faults` that is not None; for
+    a deletion, which may overtake a page that was given up, `deletion`."""
 
     def __init__(self, port):
         self._port, self.faults, self.deletion = port, [], None

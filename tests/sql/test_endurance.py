@@ -1,9 +1,7 @@
 """One backend at length: its memory and time over many rows, and how soon a cancel is heeded."""
-import contextlib
 import ctypes
 import os
 import re
-import socket
 import subprocess
 import threading
 import time
@@ -81,17 +79,6 @@ def arrange(db, end, act_after):
         db.run(f"SET statement_timeout = {int(act_after * 1000)}")
     elif end:
         threading.Timer(act_after, Database(db.cluster, 0).run, (f"SELECT {end}({db.pid})",)).start()
-
-
-@pytest.fixture
-def full_port():
-    """A port whose queue is full of connections that nobody accepts: any further one waits."""
-    with contextlib.ExitStack() as stack:
-        listener = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
-        with pytest.raises(socket.timeout):
-            for _ in range(100):
-                stack.enter_context(socket.create_connection(listener.getsockname(), 0.2))
-        yield listener.getsockname()[1]
 
 
 PAGE = response(hits('"_id":"a","_score":1,"_source":{}', total=2, scroll_id="s"))

@@ -33,7 +33,8 @@ def test_compression(wire, compressing):
         wire.db.run("SELECT veltranesearch_exchanges_reset()")
         for statement, rows in wire.ROWS.items():
             assert wire.outcome(statement) == rows
-            assert {peer.headers["Accept-Encoding"] for peer in wire.near.requests if peer.verb != "DELETE"} == {asked}
+            searches = [peer for peer in wire.near.requests if peer.purpose != "delete"]
+            assert {peer.headers["Accept-Encoding"] for peer in searches} == {asked}
         sizes[compression] = wire.db.value("SELECT bytes FROM veltranesearch_exchanges WHERE server = 'documents'")
     assert sizes["true"] < sizes["false"] / 2
 
@@ -69,8 +70,9 @@ def test_damaged(wire, scripted, damage):
 def deflated(*texts):
     """Each text compressed such that the last may come again and again."""
     packer = zlib.compressobj(9, zlib.DEFLATED, 31)
-    return [packer.compress(text * ((1 << 20) // len(text) if text == texts[-1] else 1)) + packer.flush(zlib.Z_FULL_FLUSH)
-            for text in texts]
+    *begin, piece = texts
+    texts = [*begin, piece * ((1 << 20) // len(piece))]
+    return [packer.compress(text) + packer.flush(zlib.Z_FULL_FLUSH) for text in texts]
 
 
 def bomb(begin, piece):
@@ -108,13 +110,15 @@ def test_bomb_in_place_of_a_deletion(wire):
 # ---- Whose request it is ------------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("name, told", [
-    ("psql", "psql"), ("", ""), ("it's \"q\" \\", "it's \"q\" \\"), ("a\r\nX-Evil: 1", None), ("n\u00e4\u65e5", None), (" x", None)])
+    ("psql", "psql"), ("", ""), ("it's \"q\" \\", "it's \"q\" \\"), ("a\r\nX-Evil: 1", None),
+    ("n\u00e4\u65e5", None), (" x", None)])
 def test_opaque_id(wire, name, told):
     """Every request tells its session; no name makes a header of its own."""
     wire.db.run("SELECT set_config('application_name', %s, false)", (name,))
     wire.make()
-    for statement, kinds in ((wire.LOOK_UP, ["first"]), (wire.COUNT, ["first"]), (wire.ALL, WHOLE), ("ANALYZE docs", None), (
-            "CREATE SCHEMA s; IMPORT FOREIGN SCHEMA \"books\" FROM SERVER documents INTO s; DROP SCHEMA s CASCADE", None)):
+    imports = "CREATE SCHEMA s; IMPORT FOREIGN SCHEMA \"books\" FROM SERVER documents INTO s; DROP SCHEMA s CASCADE"
+    for statement, kinds in ((wire.LOOK_UP, ["first"]), (wire.COUNT, ["first"]), (wire.ALL, WHOLE),
+                             ("ANALYZE docs", None), (imports, None)):
         wire.outcome(statement)
         assert wire.near.requests and kinds in (None, wire.kinds())
         for peer in wire.near.requests:
@@ -155,7 +159,8 @@ def test_figures(wire, cluster):
     told, idle = sorted(wire.db.run(TOLD))
     assert idle == nothing and told == ("documents", 5, 4, 251, told[4], 0, 1, 4)
     assert sum(sent) <= told[4] <= sum(sent) + 5 * 300, "the headers are counted or not"
-    waited, deflated_ms = wire.db.run("SELECT waited_ms, deflated_ms FROM veltranesearch_exchanges WHERE server = 'documents'")[0]
+    (waited, deflated_ms), = wire.db.run(
+        "SELECT waited_ms, deflated_ms FROM veltranesearch_exchanges WHERE server = 'documents'")
     assert 0 < waited < 5000 and deflated_ms == 0
     wire.near.script = wire.relay
     plan = "\n".join(line for line, in wire.outcome("EXPLAIN (ANALYZE) " + wire.LOOK_UP, response("{}", "503 No")))

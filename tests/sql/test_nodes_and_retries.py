@@ -5,7 +5,6 @@ import time
 import pytest
 
 from scriptedserver import ScriptedServer, response, silence
-from test_endurance import full_port  # noqa: F401 - a fixture
 from test_kept_connections import BROKEN, WHOLE
 from test_search_wrapper import report
 
@@ -114,7 +113,7 @@ def gone(node):
     node.hang_up()
 
 
-# What the first node does, and what becomes of a search and of one that opens a scroll; None where that gets its rows.
+# What the first node does, and what becomes of a search and of one that opens a scroll; None where it gets its rows.
 FAULTS = [(None, None, None), (status(503), None, None), (status(502), None, REFUSED), (status(504), None, REFUSED),
           (lambda peer: None, BROKEN, BROKEN), (silence, BROKEN, BROKEN),
           (lambda peer: peer.send(b"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{"), BROKEN, BROKEN)]
@@ -139,7 +138,7 @@ def test_a_node_that_fails(wire, second, kind, fault, of_search, of_scroll):
 
 @pytest.mark.parametrize("page, kinds", [(1, ["next", "next", "delete"]), (2, ["next", "delete"])])
 def test_a_node_that_goes_in_the_midst(wire, second, page, kinds):
-    """What was not sent goes to the other node, a page too, with no retry to spare: no row is lost, none comes twice."""
+    """What was not sent goes to the other node, a page too, with no retry to spare; no row is lost or comes twice."""
     wire.make(wire.near.port, second.port, retries=0, pageahead="false")
     wire.db.run(f"BEGIN; DECLARE c CURSOR FOR {wire.ALL}")
     rows = wire.db.run(f"FETCH {page * 100} FROM c")
@@ -163,7 +162,7 @@ def test_a_node_that_goes_with_a_page_ahead(wire, second):
     assert wire.db.run(wire.ALL) == wire.ROWS[wire.ALL]
 
 
-def test_a_node_out_of_reach(wire, second, full_port):  # noqa: F811
+def test_a_node_out_of_reach(wire, second, full_port):
     wire.make(full_port, second.port, connecttimeout=300, retries=0)
     assert 0.25 < seconds(lambda: wire.db.run(wire.ALL)) < 1
     assert seconds(lambda: wire.db.run(wire.ALL)) < 0.25

@@ -60,8 +60,8 @@ BODIES = [edited(change) for change in (tell_more, lose_hits, tell_bound, fail_s
 
 
 class Network:
-    """A script that forwards each request to the search server and, from time to time, harms a connection or what comes
-    back; the `nodes` are the servers that play it."""
+    """A script that forwards each request to the search server and, from time to time, harms a connection or what
+    comes back; the `nodes` are the servers that play it."""
 
     def __init__(self, server, random):
         self.server, self.random, self.harm, self.damages, self.nodes = server, random, 0, 0, []

@@ -3,7 +3,6 @@ import os
 import re
 from random import Random
 
-import psycopg2
 import pytest
 from psycopg2.extensions import new_type, register_type
 
