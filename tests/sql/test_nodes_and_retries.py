@@ -50,11 +50,11 @@ def test_never(wire, number):
 
 
 # Options, headers of each refusal, requests that are sent when all are refused, and how long that takes.
-ALWAYS = [({}, (), 4, (0.6, 1.5)), ({"retries": 0}, (), 1, (0, 0.4)), ({"retries": 1}, (), 2, (0.09, 0.6)),
-          ({"retries": 1}, ("Retry-After: 1",), 2, (0.9, 1.6)), ({}, ("Retry-After: 3600",), 1, (0, 0.9)),
-          ({}, ("Retry-After: 99999999999999999999",), None, (0, 1.5)), ({}, ("Retry-After: -1",), None, (0, 1.5)),
-          ({}, ("Retry-After: Fri, 31 Dec 2100 23:59:59 GMT",), None, (0, 1.5)),
-          ({"timeout": 400}, (), 3, (0.25, 0.6)), ({"timeout": 400}, ("Retry-After: 1",), 1, (0, 0.6))]
+ALWAYS = [({}, (), 4, (0.6, 2)), ({"retries": 0}, (), 1, (0, 1)), ({"retries": 1}, (), 2, (0.09, 1)),
+          ({"retries": 1}, ("Retry-After: 1",), 2, (0.9, 2.5)), ({}, ("Retry-After: 3600",), 1, (0, 1)),
+          ({}, ("Retry-After: 99999999999999999999",), None, (0, 2)), ({}, ("Retry-After: -1",), None, (0, 2)),
+          ({}, ("Retry-After: Fri, 31 Dec 2100 23:59:59 GMT",), None, (0, 2)),
+          ({"timeout": 400}, (), 3, (0.25, 1)), ({"timeout": 400}, ("Retry-After: 1",), 1, (0, 0.9))]
 
 
 @pytest.mark.parametrize("options, headers, sent, taken", ALWAYS)
@@ -71,7 +71,7 @@ def test_always(wire, options, headers, sent, taken):
 def test_cancel(wire):
     wire.db.run("SET statement_timeout = 300")
     taken = seconds(lambda: wire.outcome(wire.LOOK_UP, status(503, "Retry-After: 30")))
-    assert 0.2 < taken < 1 and wire.kinds() == ["first"]
+    assert 0.2 < taken < 1.5 and wire.kinds() == ["first"]
 
 
 @pytest.mark.parametrize("kind", [*SEARCHES, "ALL"])
