@@ -3,9 +3,13 @@
 
 #include "http/connections.h"
 
+#include <algorithm>
 #include <csignal>
 #include <new>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace qm::http
 {
@@ -75,8 +79,47 @@ void Connections::add(CURL *easy, Completion &completion)
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &completion);
     curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, LongestRest);
     curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, reuse == Reuse::None ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocket);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocket);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+    // libcurl looks as well, but newer versions no more than once a second.
+    curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, isOneBroken() ? 1L : 0L);
     if (curl_multi_add_handle(multi.get(), easy) != CURLM_OK)
         throw std::bad_alloc();
+}
+
+// Whether the other side has closed a connection, which a request must not go out on.
+bool Connections::isOneBroken() const
+{
+    return std::any_of(
+        sockets.begin(), sockets.end(),
+        [](curl_socket_t socket) {
+            pollfd asked = {socket, POLLRDHUP, 0};
+            return poll(&asked, 1, 0) > 0;
+        });
+}
+
+curl_socket_t Connections::openSocket(void *connections, curlsocktype, curl_sockaddr *address) noexcept
+{
+    auto &sockets = static_cast<Connections *>(connections)->sockets;
+    const curl_socket_t made = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (made == CURL_SOCKET_BAD)
+        return made;
+    try {
+        sockets.push_back(made);
+        return made;
+    } catch (const std::bad_alloc &) {
+        close(made);
+        return CURL_SOCKET_BAD;
+    }
+}
+
+int Connections::closeSocket(void *connections, curl_socket_t socket) noexcept
+{
+    auto &sockets = static_cast<Connections *>(connections)->sockets;
+    sockets.erase(std::remove(sockets.begin(), sockets.end(), socket), sockets.end());
+    return close(socket);
 }
 
 void Connections::advance()

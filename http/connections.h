@@ -5,6 +5,8 @@
 #include "http/handles.h"
 #include "http/settings.h"
 
+#include <vector>
+
 namespace qm::http
 {
 
@@ -41,7 +43,12 @@ public:
     const Settings settings;
 
 private:
+    bool isOneBroken() const;
+    static curl_socket_t openSocket(void *connections, curlsocktype purpose, curl_sockaddr *address) noexcept;
+    static int closeSocket(void *connections, curl_socket_t socket) noexcept;
+
     const Reuse reuse;
+    std::vector<curl_socket_t> sockets; // open ones; there when the last of them is closed
     const MultiHandle multi;
     Clock::time_point stepBegin;
 };

@@ -66,6 +66,7 @@ def check_objects(session):
     described = session.run("""
         SELECT pg_describe_object(classid, objid, 0), obj_description(objid, classid::regclass::text) IS NOT NULL
         FROM pg_depend WHERE refclassid = 'pg_extension'::regclass AND deptype = 'e'
+            AND classid <> 'pg_type'::regclass -- the view's, which only some versions list
             AND refobjid = (SELECT oid FROM pg_extension WHERE extname = 'veltranepgfdw')""")
     others = [*(f"foreign-data wrapper {name}" for name in ("veltranepgfdw", "veltranesearch")), "view veltranesearch_exchanges"]
     assert dict(described) == dict.fromkeys([*others, *(f"function {name}" for name, *_ in FUNCTIONS)], True)
