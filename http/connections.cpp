@@ -102,12 +102,11 @@ bool Connections::isOneBroken() const
 
 curl_socket_t Connections::openSocket(void *connections, curlsocktype, curl_sockaddr *address) noexcept
 {
-    auto &sockets = static_cast<Connections *>(connections)->sockets;
     const curl_socket_t made = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
     if (made == CURL_SOCKET_BAD)
         return made;
     try {
-        sockets.push_back(made);
+        static_cast<Connections *>(connections)->sockets.push_back(made);
         return made;
     } catch (const std::bad_alloc &) {
         close(made);
