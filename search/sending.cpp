@@ -17,6 +17,9 @@ using std::chrono::seconds;
 // buffer.
 constexpr std::chrono::microseconds BetweenLooks{500};
 
+// Nobody waits for what a look brings: one that takes so long is none of a page.
+constexpr seconds LongestLook{1};
+
 constexpr milliseconds FirstPause{100};        // doubled with each retry
 constexpr std::int64_t LongestRetryAfter = 60; // seconds
 
@@ -122,6 +125,7 @@ void Sending::advance() noexcept
 
 void Sending::look() noexcept
 {
+    exchange->endBy(Clock::now() + LongestLook);
     try {
         session->connections.advance();
     } catch (const std::bad_alloc &) {
