@@ -36,7 +36,7 @@ std::shared_ptr<ClusterSession> ClusterSession::of(Oid server, Oid user, const C
     std::shared_ptr<ClusterSession> &session = (*sessions)[{server, user}];
     if (!session || !(session->cluster == cluster))
         session = std::make_shared<ClusterSession>(server, cluster);
-    session->lastUse = now;
+    session->touch();
     return session;
 }
 

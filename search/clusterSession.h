@@ -26,6 +26,9 @@ public:
     // process id. Empty where that is not wanted.
     std::string opaqueId() const;
 
+    // Its connections are in use now.
+    void touch() noexcept { lastUse = http::Clock::now(); }
+
     const Cluster cluster;
     http::Connections connections;
     Nodes nodes;

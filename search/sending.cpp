@@ -166,6 +166,7 @@ void Sending::noteOutcome(const http::Outcome &outcome)
     if (isNoted)
         return;
     isNoted = true;
+    session->touch();
     note(costOf(outcome));
     if (isAbsent(outcome))
         session->nodes.passOver(node);
