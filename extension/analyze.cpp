@@ -38,7 +38,7 @@ search::HitStream sampleOf(const TableOptions &options, const std::vector<Column
     request.needsScores = true;
     search::Paging paging;
     paging.limit = rows;
-    paging.toleratesPartial = options.partialResults == PartialResults::Warning;
+    paging.partialResults = options.partialResults;
     return {search::ClusterSession::of(options.serverId, options.userId, options.cluster), request, paging};
 }
 
@@ -67,7 +67,7 @@ int sample(Relation relation, HeapTuple *rows, int wanted, double *documents)
         ++count;
     }
     hits.close();
-    *documents = static_cast<double>(hits.matching());
+    *documents = static_cast<double>(hits.summary().total);
     return count;
 }
 

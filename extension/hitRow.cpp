@@ -198,4 +198,9 @@ std::string_view idOf(const HitStream &hits, std::string &target)
     return decoded(hits, HitMember::Id, target);
 }
 
+std::string_view indexOf(const HitStream &hits, std::string &target)
+{
+    return decoded(hits, HitMember::Index, target);
+}
+
 } // namespace qm::extension

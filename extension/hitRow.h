@@ -58,7 +58,8 @@ private:
     std::string docType;
 };
 
-// The decoded id of a stream's hit.
+// The decoded id of a stream's hit, and the name of its index.
 std::string_view idOf(const search::HitStream &hits, std::string &target);
+std::string_view indexOf(const search::HitStream &hits, std::string &target);
 
 } // namespace qm::extension

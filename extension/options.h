@@ -2,6 +2,7 @@
 #pragma once
 
 #include "search/cluster.h"
+#include "search/partial.h"
 #include "server/serverApi.h"
 
 #include <string>
@@ -9,8 +10,7 @@
 namespace qm::extension
 {
 
-// What becomes of a response that lacks hits because shards failed or time ran out.
-enum class PartialResults { Error, Warning };
+using search::PartialResults;
 
 // The options of a foreign table and of what it belongs to, with the defaults of those that are not set.
 // Texts are in UTF-8.

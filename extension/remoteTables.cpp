@@ -11,6 +11,8 @@
 namespace qm::extension
 {
 
+using search::reading;
+using search::readResponse;
 using search::Response;
 using server::FdwError;
 using zq::elasticsearch::forEachMember;
@@ -33,32 +35,6 @@ constexpr const char *Settings =
 
 // What indices of the mode for logs have by themselves.
 constexpr const char *IgnoreAboveOfLogs = "8191";
-
-// Runs read(), which reads `text`, a part of the response; what it finds wrong becomes an FdwError.
-template <typename Read>
-void reading(const Response &response, std::string_view text, Read &&read)
-{
-    try {
-        read();
-    } catch (const zq::elasticsearch::JsonError &fault) {
-        const auto before = static_cast<std::size_t>(text.data() - response.body.data());
-        throw search::unreadable(response.request, std::string(fault.what()) + " at byte " +
-                                                       std::to_string(before + fault.position + 1));
-    } catch (const zq::elasticsearch::JsonNeedsMore &) {
-        throw search::unreadable(response.request,
-                                 response.body.empty()
-                                     ? "empty response"
-                                     : "response cut off at byte " + std::to_string(response.body.size()));
-    }
-}
-
-// Calls take(cursor), which reads the value that the whole response is.
-template <typename Take>
-void readResponse(const Response &response, Take &&take)
-{
-    reading(
-        response, response.body, [&] { zq::elasticsearch::readJson(response.body, take); });
-}
 
 [[noreturn]] void throwRefusal(const Response &response)
 {

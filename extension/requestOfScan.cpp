@@ -92,7 +92,7 @@ search::Paging pagingOfScan(const TableOptions &options, const PlanData &plan, c
     paging.limit = isOrdered ? plan.limit : -1;
     paging.limitIsByScore = plan.limitIsByScore;
     paging.isSmall = plan.isSmall;
-    paging.toleratesPartial = options.partialResults == PartialResults::Warning;
+    paging.partialResults = options.partialResults;
     return paging;
 }
 

@@ -38,7 +38,7 @@ Datum datumOf(const Column &column, std::string_view utf8, Packing &packing)
     case FLOAT8OID:
         return DirectFunctionCall1(float8in, CStringGetDatum(search::cStringOf(utf8)));
     case JSONBOID:
-        return DirectFunctionCall1(jsonb_in, CStringGetDatum(search::cStringOf(utf8)));
+        return search::jsonOf(utf8);
     case JSONOID:
         return DirectFunctionCall1(json_in, CStringGetDatum(search::cStringOf(utf8)));
     case BYTEAOID:

@@ -8,7 +8,7 @@ answer_help "$0" "$@"
 
 # shellcheck disable=SC2086  # the list is meant to be split
 install_packages $BUILD_PACKAGES libgtest-dev clang-format clang-tidy cppcheck git
-ROOMS=(elasticsearch server http search src extension)
+ROOMS=(elasticsearch server http search src extension functions)
 cmake --preset release >/dev/null # for its compile_commands.json
 
 status=0

@@ -10,7 +10,8 @@ from collections import Counter
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-SOURCES = [f"{room}/*.{kind}" for room in ("elasticsearch", "server", "http", "search", "src", "inc", "extension")
+SOURCES = [f"{room}/*.{kind}" for room in ("elasticsearch", "server", "http", "search", "src", "inc", "extension",
+                                         "functions")
            for kind in ("cpp", "h")]
 PATIENCE = 400  # seconds for a run of the tests; a fault may make them hang
 # Neither what measures or does not concern the module, as for a module under sanitizers, nor the documentation.

@@ -29,8 +29,7 @@ std::vector<std::string> idsFrom(const std::vector<std::string> &ids, std::size_
 http::Request searchFor(const SearchRequest &request, std::string_view filter, std::int64_t size)
 {
     const Order order = request.needsScores ? Order::ByScore : Order::AsItComes;
-    return {http::Method::Post, "/" + request.indices + "/_search?allow_no_indices=false",
-            searchBody(request, filter, size, order)};
+    return {http::Method::Post, searchPath(request.indices), searchBody(request, filter, size, order)};
 }
 
 http::Request scrollFor(const SearchRequest &request, std::string_view filter, std::int64_t size)
@@ -122,6 +121,8 @@ bool HitStream::beginPart()
     } else if (state != State::NotBegun) {
         state = State::Done;
         return false;
+    } else if (paging.requests == Requests::Scroll) {
+        openScroll();
     } else if (paging.limit >= 0) {
         searchOnce(wanted());
     } else if (paging.isSmall) {
@@ -175,7 +176,7 @@ void HitStream::searchOnce(std::int64_t size)
 {
     exchange(searchFor(request, filter, size), Purpose::Search);
     total = summary().total;
-    if (received == total || received == wanted()) {
+    if (received == total || received == wanted() || paging.requests == Requests::One) {
         state = State::OneSearch;
         total = received;
         return;
@@ -235,7 +236,8 @@ bool HitStream::nextPage()
         ScrollContexts::ofSession().rename(*context, scrollId);
     }
     const bool isEnd = hitCount() == 0;
-    if (summary().total != total || received > total || (isEnd && !paging.toleratesPartial))
+    if (summary().total != total || received > total ||
+        (isEnd && paging.partialResults == PartialResults::Error))
         throwLost();
     if (isEnd || received == total) {
         const std::int64_t all = received;
@@ -262,7 +264,7 @@ void HitStream::exchange(http::Request sent, Purpose purpose)
 }
 
 // Waits for the page, and makes sure that it is whole. Without an exact total nobody could tell whether all
-// hits arrive.
+// hits of several pages arrive.
 void HitStream::acceptPage()
 {
     nextHit = 0;
@@ -275,36 +277,10 @@ void HitStream::acceptPage()
     spent.add(part);
     session->spent.add(part);
     received += hits;
-    if (summary().isPartial())
-        reportPartial();
-    if (!summary().hasTotal || summary().totalIsLowerBound)
+    checkWhole(page->response(), page->request(), paging.partialResults);
+    const bool countsAll = summary().hasTotal && !summary().totalIsLowerBound;
+    if (!countsAll && paging.requests != Requests::One)
         throw unreadable(page->request(), "no exact total of hits");
-}
-
-void HitStream::reportPartial() const
-{
-    std::string what;
-    const auto append = [&](const std::string &text) { what += (what.empty() ? "" : ", ") + text; };
-    if (summary().timedOut)
-        append("timed out");
-    if (summary().successfulShards < summary().totalShards || summary().failedShards > 0)
-        append(std::to_string(summary().totalShards - summary().successfulShards) + " of " +
-               std::to_string(summary().totalShards) + " shards failed or did not respond");
-    if (summary().lackingClusters > 0)
-        append(std::to_string(summary().lackingClusters) + " clusters did not respond in full");
-    const std::string reason = failedShardReason(page->response().shards());
-    const std::string detail =
-        describe(page->request()) + ": " + what + (reason.empty() ? "" : ": " + quoted(reason));
-    const char *message = "the response of the search cluster lacks hits";
-    if (!paging.toleratesPartial)
-        throw FdwError(ERRCODE_FDW_ERROR, message)
-            .detailed(detail)
-            .hinted("Look at the cluster's health. The option \"partialresults\" of the foreign table can "
-                    "make this a warning.");
-    callServer([&] {
-        ereport(WARNING, (errcode(ERRCODE_FDW_ERROR), errmsg_internal("%s", message),
-                          errdetail_internal("%s", detail.c_str())));
-    });
 }
 
 void HitStream::throwLost() const

@@ -3,6 +3,7 @@
 
 #include "search/clusterSession.h"
 #include "search/fetch.h"
+#include "search/partial.h"
 #include "search/scrollContexts.h"
 #include "search/searchRequest.h"
 
@@ -14,13 +15,17 @@
 namespace qm::search
 {
 
+// In how many requests the hits are fetched: as few as are needed; one, whatever it brings; a scroll.
+enum class Requests { AsNeeded, One, Scroll };
+
 // How the hits are fetched.
 struct Paging {
-    std::int64_t pageSize = 1000;  // hits a page
-    std::int64_t limit = -1;       // so many hits are enough; -1: all are wanted; 0: a count
-    bool limitIsByScore = false;   // and they are those of the highest scores
-    bool isSmall = false;          // the result is likely to fit into a page
-    bool toleratesPartial = false; // a response that lacks hits is worth a warning only
+    std::int64_t pageSize = 1000; // hits a page
+    std::int64_t limit = -1;      // so many hits are enough; -1: all are wanted; 0: a count
+    bool limitIsByScore = false;  // and they are those of the highest scores
+    bool isSmall = false;         // the result is likely to fit into a page
+    PartialResults partialResults = PartialResults::Error;
+    Requests requests = Requests::AsNeeded; // One takes a limit
 };
 
 // The request that a stream of these begins with; its URL is what follows that of a node.
@@ -54,8 +59,8 @@ public:
     // Ends the stream: deletes an open scroll context.
     void close() noexcept;
 
-    // How many documents match, as the last response said.
-    std::int64_t matching() const { return page->response().summary().total; }
+    // What the last response says beside its hits.
+    const zq::elasticsearch::ResponseSummary &summary() const { return page->response().summary(); }
 
     Statistics statistics() const;
 
@@ -75,9 +80,7 @@ private:
     void exchange(http::Request request, Purpose purpose);
     void acceptPage();
     void noteContext();
-    void reportPartial() const;
     [[noreturn]] void throwLost() const;
-    const zq::elasticsearch::ResponseSummary &summary() const { return page->response().summary(); }
     std::size_t hitCount() const { return page->response().hitCount(); }
     // Of this part. Of the highest scores any part may have all.
     std::int64_t wanted() const

@@ -36,11 +36,11 @@ private:
 
 } // namespace
 
-Response get(const std::shared_ptr<ClusterSession> &session, const std::string &path)
+Response ask(const std::shared_ptr<ClusterSession> &session, http::Request request)
 {
     Response response;
     Body body(response.body);
-    Sending sending(session, {http::Method::Get, path, ""}, Purpose::Search, body);
+    Sending sending(session, std::move(request), Purpose::Search, body);
     response.outcome = sending.finish();
     response.request = sending.request();
     if (body.isTooLarge)
@@ -50,6 +50,11 @@ Response get(const std::shared_ptr<ClusterSession> &session, const std::string &
     if (response.outcome.code != CURLE_OK)
         throw transferFailure(response.request, response.outcome);
     return response;
+}
+
+Response get(const std::shared_ptr<ClusterSession> &session, const std::string &path)
+{
+    return ask(session, {http::Method::Get, path, ""});
 }
 
 } // namespace qm::search

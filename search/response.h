@@ -1,8 +1,10 @@
 // What a cluster responds to a question about itself, read as a whole.
 #pragma once
 
+#include "elasticsearch/jsonRead.h"
 #include "http/exchange.h"
 #include "search/clusterSession.h"
+#include "search/failure.h"
 
 #include <cstddef>
 #include <memory>
@@ -22,9 +24,37 @@ struct Response {
     bool isOk() const { return outcome.status == 200; }
 };
 
-// Sends a GET of the path, which begins with a slash, as Sending does. The status is for the caller to judge.
-// Throws FdwError where no response comes in full, or one larger than a search's may be, and ServerError for
-// a cancel.
+// Sends a request, whose URL is what follows that of a node, as Sending does. The status is for the caller to
+// judge. Throws FdwError where no response comes in full, or one larger than a search's may be, and
+// ServerError for a cancel.
+Response ask(const std::shared_ptr<ClusterSession> &session, http::Request request);
+
+// The same for a GET of the path, which begins with a slash.
 Response get(const std::shared_ptr<ClusterSession> &session, const std::string &path);
+
+// Runs read(), which reads `text`, a part of the response; what it finds wrong becomes an FdwError.
+template <typename Read>
+void reading(const Response &response, std::string_view text, Read &&read)
+{
+    try {
+        read();
+    } catch (const zq::elasticsearch::JsonError &fault) {
+        const auto before = static_cast<std::size_t>(text.data() - response.body.data());
+        throw unreadable(response.request, std::string(fault.what()) + " at byte " +
+                                               std::to_string(before + fault.position + 1));
+    } catch (const zq::elasticsearch::JsonNeedsMore &) {
+        throw unreadable(response.request, response.body.empty() ? "empty response"
+                                                                 : "response cut off at byte " +
+                                                                       std::to_string(response.body.size()));
+    }
+}
+
+// Calls take(cursor), which reads the value that the whole response is.
+template <typename Take>
+void readResponse(const Response &response, Take &&take)
+{
+    reading(
+        response, response.body, [&] { zq::elasticsearch::readJson(response.body, take); });
+}
 
 } // namespace qm::search

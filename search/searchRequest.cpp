@@ -76,8 +76,15 @@ std::string termsFilter(std::string_view field, const std::vector<std::string> &
     return R"({"terms":{)" + jsonString(field) + ":" + jsonArray(values) + "}}";
 }
 
+std::string searchPath(const std::string &indices)
+{
+    return "/" + indices + "/_search?allow_no_indices=false";
+}
+
 std::string searchBody(const SearchRequest &request, std::string_view filter, std::int64_t size, Order order)
 {
+    if (request.body)
+        return "{" + *request.body + R"("size":)" + std::to_string(size) + "}";
     std::string body = R"({"query":)" + queryMember(request, filter);
     body += R"(,"size":)" + std::to_string(size) + R"(,"track_total_hits":true)";
     body += R"(,"_source":)" + sourceMember(request.source);

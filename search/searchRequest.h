@@ -20,6 +20,7 @@ struct SourceChoice {
 // A search, all texts in UTF-8. What stands here as JSON was checked to be one value of its kind.
 struct SearchRequest {
     std::string indices;              // as they stand in the path, percent-encoded
+    std::optional<std::string> body;  // JSON members, each with a comma behind it, in place of what follows
     std::string query;                // a JSON object; empty: all documents, each with a score of 1
     std::vector<std::string> filters; // JSON objects, which must hold too and score nothing
     std::string highlight;            // a JSON object; empty: none
@@ -36,10 +37,13 @@ struct SearchRequest {
 std::string idFilter(const std::vector<std::string> &ids);
 std::string termsFilter(std::string_view field, const std::vector<std::string> &values);
 
+// The path of a search in these; that there is none of them is an error, also where they are a pattern.
+std::string searchPath(const std::string &indices);
+
 enum class Order { ByScore, AsItComes };
 
 // The body of a search for so many hits, with one more filter (empty: none). In the order as it comes hits
-// have no scores.
+// have no scores. A body that is given has its own of both.
 std::string searchBody(const SearchRequest &request, std::string_view filter, std::int64_t size, Order order);
 
 // A text as a JSON string. Throws std::invalid_argument for what is not valid UTF-8.

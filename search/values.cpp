@@ -34,6 +34,11 @@ char *cStringOf(std::string_view utf8)
     return converted == utf8.data() ? pnstrdup(utf8.data(), length) : converted;
 }
 
+Datum jsonOf(std::string_view utf8)
+{
+    return DirectFunctionCall1(jsonb_in, CStringGetDatum(cStringOf(utf8)));
+}
+
 Datum scoreOf(Datum text)
 {
     const char *number = server::utf8ToMessage(DatumGetCString(text));

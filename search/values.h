@@ -24,6 +24,10 @@ enum class Container { Bytes, Text, Json };
 Datum textOf(std::string_view utf8);
 char *cStringOf(std::string_view utf8);
 
+// [server side] A jsonb of JSON text in UTF-8, in the current memory context. Raises the server's error for
+// what that cannot hold.
+Datum jsonOf(std::string_view utf8);
+
 // [server side] A float4 made of the text of a score, a C string in UTF-8. Raises 22P02 for one that is no
 // number, and quotes it.
 Datum scoreOf(Datum text);

@@ -17,7 +17,7 @@ from test_extension import cluster, installed  # noqa: F401  # a server that has
 START = "Five-minute start"
 SHOWN_PORT = "9200"
 MOST_FORMS = 4
-ROOMS = ["server", "http", "search", "src", "extension"]
+ROOMS = ["server", "http", "search", "src", "extension", "functions"]
 DOCUMENTS = {path: path.read_text(encoding="utf-8")
              for path in [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *sorted(ROOT.glob("docs/*.md"))]}
 README = DOCUMENTS[ROOT / "README.md"]

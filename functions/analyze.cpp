@@ -1,0 +1,129 @@
+// The SQL function veltranesearch_analyze: the terms that a text becomes in a field.
+#include "server/errorBoundary.h"
+
+#include "elasticsearch/jsonRead.h"
+#include "functions/arguments.h"
+#include "functions/resultRows.h"
+#include "functions/searchedTable.h"
+#include "search/failure.h"
+#include "search/response.h"
+#include "search/searchRequest.h"
+
+#include <charconv>
+
+namespace
+{
+
+using namespace qm::functions; // NOLINT(google-build-using-namespace)
+using qm::search::Response;
+using zq::elasticsearch::JsonCursor;
+
+enum Column { Term, Position, StartOffset, EndOffset, Type, ColumnCount };
+
+struct Token {
+    std::string term;
+    std::string type;
+    std::int32_t position = -1;
+    std::int32_t startOffset = -1;
+    std::int32_t endOffset = -1;
+    bool isWhole = false;
+};
+
+std::int32_t number(JsonCursor &cursor)
+{
+    const std::string_view digits = cursor.value();
+    std::int32_t value = -1;
+    std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    return value;
+}
+
+Token readToken(JsonCursor &cursor)
+{
+    Token token;
+    bool hasTerm = false;
+    forEachMember(cursor, [&](std::string_view name) {
+        if (name == "token") {
+            hasTerm = cursor.peek() == '"';
+            token.term = zq::elasticsearch::takeText(cursor);
+        } else if (name == "type") {
+            token.type = zq::elasticsearch::takeText(cursor);
+        } else if (name == "position") {
+            token.position = number(cursor);
+        } else if (name == "start_offset") {
+            token.startOffset = number(cursor);
+        } else if (name == "end_offset") {
+            token.endOffset = number(cursor);
+        } else {
+            cursor.value();
+        }
+    });
+    token.isWhole = hasTerm && token.position >= 0 && token.startOffset >= 0 && token.endOffset >= 0;
+    return token;
+}
+
+Response ask(FunctionCallInfo fcinfo)
+{
+    const SearchedTable table = searchedTable(PG_GETARG_OID(0));
+    const std::string body = R"({"field":)" + qm::search::jsonString(textArgument(fcinfo, 1, "field")) +
+                             R"(,"text":)" + qm::search::jsonString(textArgument(fcinfo, 2, "text")) + "}";
+    Response response = qm::search::ask(
+        table.session, {qm::http::Method::Post, "/" + table.options.indices + "/_analyze", body});
+    if (!response.isOk())
+        throw qm::search::refusal(response.request, response.outcome, response.body);
+    return response;
+}
+
+// Calls take(token) for each of the response's.
+template <typename Take>
+void readTokens(const Response &response, Take &&take)
+{
+    bool hasTokens = false;
+    qm::search::readResponse(response, [&](JsonCursor &cursor) {
+        forEachMember(cursor, [&](std::string_view name) {
+            if (name != "tokens" || cursor.peek() != '[') {
+                cursor.value();
+                return;
+            }
+            hasTokens = true;
+            cursor.take('[');
+            for (bool isFirst = true; cursor.nextElement(isFirst); isFirst = false)
+                take(readToken(cursor));
+        });
+    });
+    if (!hasTokens)
+        throw qm::search::unreadable(response.request, "no tokens");
+}
+
+void returnTokens(FunctionCallInfo fcinfo)
+{
+    ResultRows rows(fcinfo, ColumnCount);
+    const Response response = ask(fcinfo);
+    readTokens(response, [&](const Token &token) {
+        if (!token.isWhole)
+            throw qm::search::unreadable(response.request, "a token without its text or its place");
+        rows.add([&](ResultRows::Row &row) {
+            row.setText(Term, token.term);
+            row.set(Position, Int32GetDatum(token.position));
+            row.set(StartOffset, Int32GetDatum(token.startOffset));
+            row.set(EndOffset, Int32GetDatum(token.endOffset));
+            row.setText(Type, token.type);
+        });
+    });
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+PG_FUNCTION_INFO_V1(veltranesearch_analyze);
+
+// veltranesearch_analyze(relation regclass, field text, text text) returns the terms in their order.
+Datum veltranesearch_analyze(PG_FUNCTION_ARGS)
+{
+    qm::server::guardEntry([&] { returnTokens(fcinfo); });
+    return 0;
+}
+
+} // extern "C"
+#pragma GCC visibility pop

@@ -1,0 +1,68 @@
+// The SQL function veltranesearch_explain: why a document has its score.
+#include "server/errorBoundary.h"
+
+#include "extension/hitRow.h"
+#include "functions/arguments.h"
+#include "functions/hitsBody.h"
+#include "functions/resultRows.h"
+#include "functions/searchedTable.h"
+#include "search/values.h"
+
+namespace
+{
+
+using namespace qm::functions; // NOLINT(google-build-using-namespace)
+using qm::search::HitStream;
+using zq::elasticsearch::HitMember;
+
+enum Column { DocIndex, Score, Explanation, ColumnCount };
+
+// An id may be one in each of several indices.
+std::string bodyFor(const std::string &id, const std::string &query)
+{
+    return R"({"explain":true,"_source":false,"query":{"bool":{"must":[)" + query + R"(],"filter":[)" +
+           qm::search::idFilter({id}) + "]}}}";
+}
+
+void returnExplanations(FunctionCallInfo fcinfo)
+{
+    ResultRows rows(fcinfo, ColumnCount);
+    const SearchedTable table = searchedTable(PG_GETARG_OID(0));
+    const std::string id = textArgument(fcinfo, 1, "docname");
+    const std::string query = jsonArgument(fcinfo, 2, "query", JsonKind::Object);
+    const HitsBody body(bodyFor(id, query));
+    qm::search::Paging paging = body.paging(table.options.batchSize);
+    paging.partialResults = table.options.partialResults;
+    HitStream hits(table.session, body.request(table.options.indices, table.options.scrollTimeout), paging);
+    std::string index;
+    while (hits.next()) {
+        const std::string_view name = qm::extension::indexOf(hits, index);
+        const std::string_view explanation = hits.member(HitMember::Explanation);
+        if (explanation.empty())
+            throw qm::server::FdwError(ERRCODE_FDW_ERROR, "a hit comes without its explanation");
+        rows.add([&](ResultRows::Row &row) {
+            row.setText(DocIndex, name);
+            row.set(Score, qm::search::scoreOf(
+                               CStringGetDatum(qm::search::cStringOf(hits.member(HitMember::Score)))));
+            row.setJson(Explanation, explanation);
+        });
+    }
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+PG_FUNCTION_INFO_V1(veltranesearch_explain);
+
+// veltranesearch_explain(relation regclass, docname text, query jsonb) returns a row for each document of the
+// id that the query finds.
+Datum veltranesearch_explain(PG_FUNCTION_ARGS)
+{
+    qm::server::guardEntry([&] { returnExplanations(fcinfo); });
+    return 0;
+}
+
+} // extern "C"
+#pragma GCC visibility pop
