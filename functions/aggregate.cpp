@@ -8,11 +8,12 @@
 
 #include <algorithm>
 
+namespace qm::functions
+{
 namespace
 {
 
-using namespace qm::functions; // NOLINT(google-build-using-namespace)
-using qm::server::callServer;
+using server::callServer;
 
 // The aggregations of a response, none of which may be missing.
 std::string_view checkedAggregations(AggregationSearch &search, const std::string &query,
@@ -20,13 +21,13 @@ std::string_view checkedAggregations(AggregationSearch &search, const std::strin
 {
     const std::vector<std::string> wanted = namesOf(aggregations);
     if (wanted.empty())
-        throw qm::server::FdwError(ERRCODE_INVALID_PARAMETER_VALUE,
-                                   "argument \"aggregations\" names no aggregation");
+        throw server::FdwError(ERRCODE_INVALID_PARAMETER_VALUE,
+                               "argument \"aggregations\" names no aggregation");
     const std::string_view found = search.run(query, aggregations);
     const std::vector<std::string> names = namesOf(found);
     for (const std::string &each : wanted)
         if (std::find(names.begin(), names.end(), each) == names.end())
-            search.refuse("no aggregation \"" + qm::search::quoted(each) + "\"");
+            search.refuse("no aggregation \"" + search::quoted(each) + "\"");
     return found;
 }
 
@@ -37,10 +38,11 @@ Datum aggregate(FunctionCallInfo fcinfo)
     const std::string query = jsonArgument(fcinfo, 2, "query", JsonKind::Object);
     AggregationSearch search(table);
     const std::string_view found = checkedAggregations(search, query, aggregations);
-    return callServer([&] { return qm::search::jsonOf(found); });
+    return callServer([&] { return search::jsonOf(found); });
 }
 
 } // namespace
+} // namespace qm::functions
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -50,7 +52,7 @@ PG_FUNCTION_INFO_V1(veltranesearch_aggregate);
 // veltranesearch_aggregate(relation regclass, aggregations jsonb, query jsonb) returns jsonb.
 Datum veltranesearch_aggregate(PG_FUNCTION_ARGS)
 {
-    return qm::server::guardEntry([&] { return aggregate(fcinfo); });
+    return qm::server::guardEntry([&] { return qm::functions::aggregate(fcinfo); });
 }
 
 } // extern "C"

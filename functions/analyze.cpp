@@ -11,11 +11,12 @@
 
 #include <charconv>
 
+namespace qm::functions
+{
 namespace
 {
 
-using namespace qm::functions; // NOLINT(google-build-using-namespace)
-using qm::search::Response;
+using search::Response;
 using zq::elasticsearch::JsonCursor;
 
 enum Column { Term, Position, StartOffset, EndOffset, Type, ColumnCount };
@@ -64,12 +65,12 @@ Token readToken(JsonCursor &cursor)
 Response ask(FunctionCallInfo fcinfo)
 {
     const SearchedTable table = searchedTable(PG_GETARG_OID(0));
-    const std::string body = R"({"field":)" + qm::search::jsonString(textArgument(fcinfo, 1, "field")) +
-                             R"(,"text":)" + qm::search::jsonString(textArgument(fcinfo, 2, "text")) + "}";
-    Response response = qm::search::ask(
-        table.session, {qm::http::Method::Post, "/" + table.options.indices + "/_analyze", body});
+    const std::string body = R"({"field":)" + search::jsonString(textArgument(fcinfo, 1, "field")) +
+                             R"(,"text":)" + search::jsonString(textArgument(fcinfo, 2, "text")) + "}";
+    Response response =
+        search::ask(table.session, {http::Method::Post, "/" + table.options.indices + "/_analyze", body});
     if (!response.isOk())
-        throw qm::search::refusal(response.request, response.outcome, response.body);
+        throw search::refusal(response.request, response.outcome, response.body);
     return response;
 }
 
@@ -78,7 +79,7 @@ template <typename Take>
 void readTokens(const Response &response, Take &&take)
 {
     bool hasTokens = false;
-    qm::search::readResponse(response, [&](JsonCursor &cursor) {
+    search::readResponse(response, [&](JsonCursor &cursor) {
         forEachMember(cursor, [&](std::string_view name) {
             if (name != "tokens" || cursor.peek() != '[') {
                 cursor.value();
@@ -91,7 +92,7 @@ void readTokens(const Response &response, Take &&take)
         });
     });
     if (!hasTokens)
-        throw qm::search::unreadable(response.request, "no tokens");
+        throw search::unreadable(response.request, "no tokens");
 }
 
 void returnTokens(FunctionCallInfo fcinfo)
@@ -100,7 +101,7 @@ void returnTokens(FunctionCallInfo fcinfo)
     const Response response = ask(fcinfo);
     readTokens(response, [&](const Token &token) {
         if (!token.isWhole)
-            throw qm::search::unreadable(response.request, "a token without its text or its place");
+            throw search::unreadable(response.request, "a token without its text or its place");
         rows.add([&](ResultRows::Row &row) {
             row.setText(Term, token.term);
             row.set(Position, Int32GetDatum(token.position));
@@ -112,6 +113,7 @@ void returnTokens(FunctionCallInfo fcinfo)
 }
 
 } // namespace
+} // namespace qm::functions
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -121,7 +123,7 @@ PG_FUNCTION_INFO_V1(veltranesearch_analyze);
 // veltranesearch_analyze(relation regclass, field text, text text) returns the terms in their order.
 Datum veltranesearch_analyze(PG_FUNCTION_ARGS)
 {
-    qm::server::guardEntry([&] { returnTokens(fcinfo); });
+    qm::server::guardEntry([&] { qm::functions::returnTokens(fcinfo); });
     return 0;
 }
 

@@ -50,7 +50,7 @@ Texts textsOf(ArrayType *array)
 
 std::string jsonArgument(FunctionCallInfo fcinfo, int number, const char *name, JsonKind kind)
 {
-    const std::string text = callServer([&] {
+    std::string text = callServer([&] {
         return server::serverToUtf8(DatumGetCString(DirectFunctionCall1(jsonb_out, PG_GETARG_DATUM(number))));
     });
     checkUtf8(text, name);

@@ -9,10 +9,11 @@
 
 #include <charconv>
 
+namespace qm::functions
+{
 namespace
 {
 
-using namespace qm::functions; // NOLINT(google-build-using-namespace)
 using zq::elasticsearch::JsonCursor;
 
 enum Column { Key, Documents, Aggregations, ColumnCount };
@@ -41,7 +42,9 @@ public:
 private:
     std::string aggregation() const;
     template <typename Take>
-    void readBuckets(JsonCursor &cursor, Take &&take);
+    void readComposite(JsonCursor &cursor, Take &&take);
+    template <typename Take>
+    std::string readBuckets(JsonCursor &cursor, Take &&take);
     Bucket readBucket(JsonCursor &cursor) const;
 
     AggregationSearch search;
@@ -49,8 +52,8 @@ private:
     const std::string children;
     const std::string query;
     const std::int64_t pageSize;
-    std::string after;   // the key that the page before ended with; empty before the first
-    std::string lastKey; // of this page
+    std::string after; // the key that the last page ended with; empty before the first
+    bool hasBuckets = false;
 };
 
 std::string BucketWalk::aggregation() const
@@ -63,40 +66,48 @@ template <typename Take>
 bool BucketWalk::nextPage(Take &&take)
 {
     const std::string_view found = search.run(query, aggregation());
-    std::string afterKey;
-    bool hasBuckets = false;
-    lastKey.clear();
+    const std::string before = std::move(after);
+    after.clear();
+    hasBuckets = false;
     zq::elasticsearch::readJson(found, [&](JsonCursor &cursor) {
         forEachMember(cursor, [&](std::string_view name) {
-            if (name != "buckets" || cursor.peek() != '{') {
+            if (name == "buckets" && cursor.peek() == '{')
+                readComposite(cursor, take);
+            else
                 cursor.value();
-                return;
-            }
-            forEachMember(cursor, [&](std::string_view member) {
-                if (member == "after_key") {
-                    afterKey = cursor.value();
-                } else if (member == "buckets" && cursor.peek() == '[') {
-                    hasBuckets = true;
-                    readBuckets(cursor, take);
-                } else {
-                    cursor.value();
-                }
-            });
         });
     });
     if (!hasBuckets)
         search.refuse("no buckets");
-    // Early releases of version 6 name no key to go on behind: it is that of the last bucket.
-    const std::string next = afterKey.empty() ? lastKey : afterKey;
-    if (!next.empty() && next == after)
-        search.refuse("the same page of buckets again");
-    after = next;
+    if (!after.empty() && (after == before || after.front() != '{'))
+        search.refuse("no key to go on behind");
     return !after.empty();
 }
 
+// Early releases of version 6 name no key to go on behind: it is that of the last bucket.
 template <typename Take>
-void BucketWalk::readBuckets(JsonCursor &cursor, Take &&take)
+void BucketWalk::readComposite(JsonCursor &cursor, Take &&take)
 {
+    std::string lastKey;
+    forEachMember(cursor, [&](std::string_view name) {
+        if (name == "after_key") {
+            after = cursor.value();
+        } else if (name == "buckets" && cursor.peek() == '[') {
+            hasBuckets = true;
+            lastKey = readBuckets(cursor, take);
+        } else {
+            cursor.value();
+        }
+    });
+    if (after.empty())
+        after = lastKey;
+}
+
+// Returns the key of the last bucket; empty when there is none.
+template <typename Take>
+std::string BucketWalk::readBuckets(JsonCursor &cursor, Take &&take)
+{
+    std::string lastKey;
     cursor.take('[');
     for (bool isFirst = true; cursor.nextElement(isFirst); isFirst = false) {
         Bucket bucket = readBucket(cursor);
@@ -104,6 +115,7 @@ void BucketWalk::readBuckets(JsonCursor &cursor, Take &&take)
         bucket.aggregations += "}";
         take(bucket);
     }
+    return lastKey;
 }
 
 Bucket BucketWalk::readBucket(JsonCursor &cursor) const
@@ -119,8 +131,8 @@ Bucket BucketWalk::readBucket(JsonCursor &cursor) const
         else if (name == "doc_count")
             std::from_chars(value.data(), value.data() + value.size(), bucket.documents);
         else
-            bucket.aggregations += (bucket.aggregations.size() > 1 ? "," : "") +
-                                   qm::search::jsonString(name) + ":" + std::string(value);
+            bucket.aggregations += (bucket.aggregations.size() > 1 ? "," : "") + search::jsonString(name) +
+                                   ":" + std::string(value);
     });
     if (bucket.key.empty() || bucket.key.front() != '{' || bucket.documents < 0)
         search.refuse("a bucket without a key or a count");
@@ -143,6 +155,7 @@ void returnBuckets(FunctionCallInfo fcinfo)
 }
 
 } // namespace
+} // namespace qm::functions
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -153,7 +166,7 @@ PG_FUNCTION_INFO_V1(veltranesearch_buckets);
 // buckets, each with its key, the number of its documents and the aggregations within it.
 Datum veltranesearch_buckets(PG_FUNCTION_ARGS)
 {
-    qm::server::guardEntry([&] { returnBuckets(fcinfo); });
+    qm::server::guardEntry([&] { qm::functions::returnBuckets(fcinfo); });
     return 0;
 }
 

@@ -8,11 +8,12 @@
 #include "functions/searchedTable.h"
 #include "search/values.h"
 
+namespace qm::functions
+{
 namespace
 {
 
-using namespace qm::functions; // NOLINT(google-build-using-namespace)
-using qm::search::HitStream;
+using search::HitStream;
 using zq::elasticsearch::HitMember;
 
 enum Column { DocIndex, Score, Explanation, ColumnCount };
@@ -21,7 +22,7 @@ enum Column { DocIndex, Score, Explanation, ColumnCount };
 std::string bodyFor(const std::string &id, const std::string &query)
 {
     return R"({"explain":true,"_source":false,"query":{"bool":{"must":[)" + query + R"(],"filter":[)" +
-           qm::search::idFilter({id}) + "]}}}";
+           search::idFilter({id}) + "]}}}";
 }
 
 void returnExplanations(FunctionCallInfo fcinfo)
@@ -31,25 +32,24 @@ void returnExplanations(FunctionCallInfo fcinfo)
     const std::string id = textArgument(fcinfo, 1, "docname");
     const std::string query = jsonArgument(fcinfo, 2, "query", JsonKind::Object);
     const HitsBody body(bodyFor(id, query));
-    qm::search::Paging paging = body.paging(table.options.batchSize);
-    paging.partialResults = table.options.partialResults;
-    HitStream hits(table.session, body.request(table.options.indices, table.options.scrollTimeout), paging);
+    HitStream hits(table.session, body.request(table.options), body.paging(table.options));
     std::string index;
     while (hits.next()) {
-        const std::string_view name = qm::extension::indexOf(hits, index);
+        const std::string_view name = extension::indexOf(hits, index);
         const std::string_view explanation = hits.member(HitMember::Explanation);
         if (explanation.empty())
-            throw qm::server::FdwError(ERRCODE_FDW_ERROR, "a hit comes without its explanation");
+            throw server::FdwError(ERRCODE_FDW_ERROR, "a hit comes without its explanation");
         rows.add([&](ResultRows::Row &row) {
             row.setText(DocIndex, name);
-            row.set(Score, qm::search::scoreOf(
-                               CStringGetDatum(qm::search::cStringOf(hits.member(HitMember::Score)))));
+            row.set(Score,
+                    search::scoreOf(CStringGetDatum(search::cStringOf(hits.member(HitMember::Score)))));
             row.setJson(Explanation, explanation);
         });
     }
 }
 
 } // namespace
+} // namespace qm::functions
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -60,7 +60,7 @@ PG_FUNCTION_INFO_V1(veltranesearch_explain);
 // id that the query finds.
 Datum veltranesearch_explain(PG_FUNCTION_ARGS)
 {
-    qm::server::guardEntry([&] { returnExplanations(fcinfo); });
+    qm::server::guardEntry([&] { qm::functions::returnExplanations(fcinfo); });
     return 0;
 }
 

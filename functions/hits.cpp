@@ -8,11 +8,12 @@
 #include "functions/searchedTable.h"
 #include "search/values.h"
 
+namespace qm::functions
+{
 namespace
 {
 
-using namespace qm::functions; // NOLINT(google-build-using-namespace)
-using qm::search::HitStream;
+using search::HitStream;
 using zq::elasticsearch::HitMember;
 
 enum Column { DocIndex, DocName, Score, Sort, Source, Highlights, Fields, InnerHits, ColumnCount };
@@ -35,7 +36,7 @@ void addRow(ResultRows &rows, const HitStream &hits, std::string_view index, std
             row.setText(DocIndex, index);
         row.setText(DocName, id);
         if (const std::string_view score = hits.member(HitMember::Score); !score.empty())
-            row.set(Score, qm::search::scoreOf(CStringGetDatum(qm::search::cStringOf(score))));
+            row.set(Score, search::scoreOf(CStringGetDatum(search::cStringOf(score))));
         for (const JsonColumn &each : JsonColumns)
             if (const std::string_view json = hits.member(each.member); !json.empty())
                 row.setJson(each.column, json);
@@ -47,21 +48,19 @@ void returnHits(FunctionCallInfo fcinfo)
     ResultRows rows(fcinfo, ColumnCount);
     const SearchedTable table = searchedTable(PG_GETARG_OID(0));
     const HitsBody body(jsonArgument(fcinfo, 1, "body", JsonKind::Object));
-    const std::int64_t pageSize = table.options.batchSize;
-    qm::search::Paging paging = body.paging(pageSize);
-    paging.partialResults = table.options.partialResults;
-    HitStream hits(table.session, body.request(table.options.indices, table.options.scrollTimeout), paging);
+    HitStream hits(table.session, body.request(table.options), body.paging(table.options));
     std::int64_t returned = 0;
     std::string index;
     std::string id;
     while (hits.next()) {
-        addRow(rows, hits, qm::extension::indexOf(hits, index), qm::extension::idOf(hits, id));
+        addRow(rows, hits, extension::indexOf(hits, index), extension::idOf(hits, id));
         ++returned;
     }
-    body.checkAll(hits, returned, pageSize);
+    body.checkAll(hits, returned, table.options);
 }
 
 } // namespace
+} // namespace qm::functions
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -71,7 +70,7 @@ PG_FUNCTION_INFO_V1(veltranesearch_hits);
 // veltranesearch_hits(relation regclass, body jsonb) returns a row for each hit.
 Datum veltranesearch_hits(PG_FUNCTION_ARGS)
 {
-    qm::server::guardEntry([&] { returnHits(fcinfo); });
+    qm::server::guardEntry([&] { qm::functions::returnHits(fcinfo); });
     return 0;
 }
 

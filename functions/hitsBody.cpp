@@ -79,24 +79,25 @@ void HitsBody::read(std::string_view name, std::string_view value)
     members += member;
 }
 
-search::SearchRequest HitsBody::request(const std::string &indices, const std::string &scrollTimeout) const
+search::SearchRequest HitsBody::request(const extension::TableOptions &options) const
 {
     // Whoever says how many hits are wanted need not have all of them counted.
     const bool needsTotal = !isOneSearch() || !size;
     search::SearchRequest request;
-    request.indices = indices;
-    request.scrollTimeout = scrollTimeout;
+    request.indices = options.indices;
+    request.scrollTimeout = options.scrollTimeout;
     request.body = members + (needsTotal ? R"("track_total_hits":true,)" : tracking);
     return request;
 }
 
-search::Paging HitsBody::paging(std::int64_t pageSize) const
+search::Paging HitsBody::paging(const extension::TableOptions &options) const
 {
     search::Paging paging;
-    paging.pageSize = pageSize;
+    paging.pageSize = options.batchSize;
+    paging.partialResults = options.partialResults;
     if (isOneSearch()) {
         paging.requests = search::Requests::One;
-        paging.limit = sizeOfOneSearch(pageSize);
+        paging.limit = sizeOfOneSearch(options.batchSize);
     } else if (size) {
         paging.requests = search::Requests::Scroll;
         paging.limit = *size;
@@ -113,9 +114,10 @@ std::int64_t HitsBody::sizeOfOneSearch(std::int64_t pageSize) const
     return size ? *size : std::clamp<std::int64_t>(ResultWindow - from, 1, pageSize);
 }
 
-void HitsBody::checkAll(const search::HitStream &hits, std::int64_t returned, std::int64_t pageSize) const
+void HitsBody::checkAll(const search::HitStream &hits, std::int64_t returned,
+                        const extension::TableOptions &options) const
 {
-    const std::int64_t asked = sizeOfOneSearch(pageSize);
+    const std::int64_t asked = sizeOfOneSearch(options.batchSize);
     if (!isOneSearch() || asked == 0)
         return;
     const std::int64_t there = std::max<std::int64_t>(hits.summary().total - from, 0);

@@ -1,6 +1,7 @@
 // The body of a search for hits, as a user gives it.
 #pragma once
 
+#include "extension/options.h"
 #include "search/hitStream.h"
 
 #include <cstdint>
@@ -21,11 +22,12 @@ public:
     // for what asks for something else than hits.
     explicit HitsBody(const std::string &body);
 
-    search::SearchRequest request(const std::string &indices, const std::string &scrollTimeout) const;
-    search::Paging paging(std::int64_t pageSize) const;
+    search::SearchRequest request(const extension::TableOptions &options) const;
+    search::Paging paging(const extension::TableOptions &options) const;
     // Throws FdwError unless the stream, which has come to its end after so many hits, has returned all that
     // the body asks for.
-    void checkAll(const search::HitStream &hits, std::int64_t returned, std::int64_t pageSize) const;
+    void checkAll(const search::HitStream &hits, std::int64_t returned,
+                  const extension::TableOptions &options) const;
 
 private:
     void read(std::string_view name, std::string_view value);

@@ -11,11 +11,12 @@
 #include <charconv>
 #include <optional>
 
+namespace qm::functions
+{
 namespace
 {
 
-using namespace qm::functions; // NOLINT(google-build-using-namespace)
-using qm::server::callServer;
+using server::callServer;
 using zq::elasticsearch::JsonCursor;
 
 enum Column { Field, Value, Documents, ColumnCount };
@@ -44,7 +45,7 @@ std::string aggregationsOf(const std::vector<std::string> &fields, std::int32_t 
     std::string all = "{";
     for (std::size_t i = 0; i < fields.size(); ++i)
         all += (i == 0 ? "\"" : ",\"") + std::to_string(i) + R"(":{"terms":{"field":)" +
-               qm::search::jsonString(fields[i]) + R"(,"size":)" + std::to_string(size) + "}}";
+               search::jsonString(fields[i]) + R"(,"size":)" + std::to_string(size) + "}}";
     return all + "}";
 }
 
@@ -97,7 +98,7 @@ FieldTerms readTerms(JsonCursor &cursor, const AggregationSearch &search)
 // Shards tell only their most frequent terms, so that one may miss what is less frequent there.
 void warnOfMissed(const std::string &field, std::int64_t missed)
 {
-    const std::string name = qm::search::quoted(field);
+    const std::string name = search::quoted(field);
     const std::string bound =
         missed < 0 ? "It is not known by how many."
                    : "Of each value up to " + std::to_string(missed) + " documents may not be counted.";
@@ -113,8 +114,8 @@ std::int32_t sizeArgument(FunctionCallInfo fcinfo)
 {
     const std::int32_t size = PG_GETARG_INT32(3);
     if (size < 1)
-        throw qm::server::FdwError(ERRCODE_INVALID_PARAMETER_VALUE,
-                                   "argument \"size\" takes a whole number from 1 on");
+        throw server::FdwError(ERRCODE_INVALID_PARAMETER_VALUE,
+                               "argument \"size\" takes a whole number from 1 on");
     return size;
 }
 
@@ -162,6 +163,7 @@ void returnTerms(FunctionCallInfo fcinfo)
 }
 
 } // namespace
+} // namespace qm::functions
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -172,7 +174,7 @@ PG_FUNCTION_INFO_V1(veltranesearch_terms);
 // values of each field and in how many documents they are.
 Datum veltranesearch_terms(PG_FUNCTION_ARGS)
 {
-    qm::server::guardEntry([&] { returnTerms(fcinfo); });
+    qm::server::guardEntry([&] { qm::functions::returnTerms(fcinfo); });
     return 0;
 }
 

@@ -121,12 +121,8 @@ bool HitStream::beginPart()
     } else if (state != State::NotBegun) {
         state = State::Done;
         return false;
-    } else if (paging.requests == Requests::Scroll) {
-        openScroll();
-    } else if (paging.limit >= 0) {
-        searchOnce(wanted());
-    } else if (paging.isSmall) {
-        searchOnce(paging.pageSize);
+    } else if (paging.requests != Requests::Scroll && (paging.limit >= 0 || paging.isSmall)) {
+        searchOnce(paging.limit >= 0 ? wanted() : paging.pageSize);
     } else {
         openScroll();
     }
