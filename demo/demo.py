@@ -98,13 +98,21 @@ def major_version(url):
         return json.load(response)["version"]["number"].partition(".")[0]
 
 
+def extension_script(module):
+    """What CREATE EXTENSION runs, for a module that is not installed."""
+    scripts = sorted((HERE.parent / "extension").glob("*.sql"), key=lambda path: path.name.count("--"))
+    text = "".join(path.read_text(encoding="utf-8").partition("\n")[2] for path in scripts)
+    return text.replace("MODULE_PATHNAME", module)
+
+
 def create_tables(connection, cluster, url, index):
-    """Makes the tables of the tour, for a search server of any version."""
+    """Makes the wrappers and the tables of the tour, for a search server of any version."""
     parts = urllib.parse.urlsplit(url)
     address = parts.hostname if parts.scheme == "http" else f"{parts.scheme}://{parts.hostname}"
-    values = {"module": os.path.splitext(cluster.module_path)[0], "url": url, "address": address,
-              "port": str(parts.port or 9200), "index": index, "version": major_version(url)}
+    values = {"url": url, "address": address, "port": str(parts.port or 9200), "index": index,
+              "version": major_version(url)}
     with connection.cursor() as cursor:
+        cursor.execute(extension_script(cluster.module_path))
         cursor.execute(SETUP.format(**{name: QuotedString(value).getquoted().decode()
                                        for name, value in values.items()}))
 

@@ -1,9 +1,6 @@
 """The tour: what the demo creates and the queries it shows, each with a line on what to look at."""
 
 SETUP = """
-CREATE FUNCTION veltranesearch_handler() RETURNS fdw_handler AS {module} LANGUAGE C STRICT;
-CREATE FUNCTION veltranesearch_validator(text[], oid) RETURNS void AS {module} LANGUAGE C STRICT;
-CREATE FOREIGN DATA WRAPPER veltranesearch HANDLER veltranesearch_handler VALIDATOR veltranesearch_validator;
 CREATE SERVER search FOREIGN DATA WRAPPER veltranesearch OPTIONS (address {url});
 CREATE FOREIGN TABLE books
     (docname text, score real, title text, author text, year int OPTIONS (search 'long'), type text,
@@ -11,14 +8,6 @@ CREATE FOREIGN TABLE books
      doccontent jsonb, highlights jsonb, param text)
     SERVER search OPTIONS (indexlist {index});
 
-CREATE FUNCTION veltranepgfdwinterfacehandler() RETURNS fdw_handler AS {module} LANGUAGE C STRICT;
-CREATE FUNCTION veltranepgfdwinterfacevalidator(text[], oid) RETURNS void AS {module} LANGUAGE C STRICT;
-CREATE FOREIGN DATA WRAPPER veltranepgfdw
-    HANDLER veltranepgfdwinterfacehandler VALIDATOR veltranepgfdwinterfacevalidator;
-CREATE FUNCTION veltranepgfdw_text(bytea) RETURNS text
-    AS {module} LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
-CREATE FUNCTION veltranepgfdw_jsonb(bytea) RETURNS jsonb
-    AS {module} LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 CREATE SERVER classic FOREIGN DATA WRAPPER veltranepgfdw;
 CREATE FOREIGN TABLE classic_books
     (docname text, doccontent bytea, score real, doctype text, highlights bytea, param text)
@@ -85,6 +74,22 @@ FROM topics LEFT JOIN LATERAL (
     ORDER BY score DESC
     LIMIT 2) AS found ON true
 ORDER BY topic, score DESC"""),
+    ("Facets of a search, counted by the cluster", """\
+SELECT field, value, documents
+FROM veltranesearch_terms('books', ARRAY['type.keyword', 'tags.keyword'], '{"match": {"text": "sea ship"}}', 100)
+WHERE documents > 1"""),
+    ("Every group of documents, with a figure of each", """\
+SELECT key->>'type' AS type, documents, aggregations->'first'->>'value' AS first
+FROM veltranesearch_buckets('books', '[{"type": {"terms": {"field": "type.keyword"}}}]',
+                            '{"first": {"min": {"field": "year"}}}')
+ORDER BY documents DESC, type"""),
+    ("A search with a body of one's own: the best of each type", """\
+SELECT fields->'type.keyword'->>0 AS type, docname, score
+FROM veltranesearch_hits('books', '{"query": {"match": {"text": "life book"}},
+                                    "collapse": {"field": "type.keyword"}, "size": 4}')
+ORDER BY score DESC"""),
+    ("What becomes of a text, so what a search compares", """\
+SELECT term, start_offset, end_offset FROM veltranesearch_analyze('books', 'text', 'The White Whale''s ship')"""),
     ("What goes to the search, before it goes", """\
 EXPLAIN (VERBOSE, COSTS OFF)
 SELECT docname FROM books WHERE docname LIKE 'm%' AND param = 'query={"match":{"text":"whale"}}'"""),

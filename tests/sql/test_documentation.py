@@ -3,10 +3,13 @@
 # order of the document. What psql prints must be the block marked "text" that follows; where none follows, it only
 # must not be an error. All documents begin with the README's section START, which sets the wrapper up. A block marked
 # "sql form" holds placeholders and is not run, one marked "sql from 12" not on a server before that version. The
-# examples talk to the bundled search server with the demo's books. Its port stands for the one in the text.
+# examples talk to the bundled search server with the demo's books. Its port stands for the one in the text. What a
+# block marked "sh curl" sends goes to it, too.
 import os
 import re
+import shlex
 import subprocess
+import urllib.request
 from collections import namedtuple
 
 import pytest
@@ -41,11 +44,21 @@ def examples(text):
     """The examples of a document that can be run."""
     blocks = list(FENCED.finditer(text))
     for block, following in zip(blocks, [*blocks[1:], None]):
-        since = re.fullmatch(r"sql(?: from (\d+))?", block[1])
+        since = re.fullmatch(r"sql(?: from (\d+))?|sh curl", block[1])
         if since:
             shows = following and following[1] == "text" and not text[block.end():following.start()].strip()
             *_, section = "", *re.findall(r"^## (.*)", text[:block.start()], re.M)
             yield Example(section, block[2], following[2] if shows else None, int(since[1] or 0))
+
+
+def curl(commands):
+    """Sends what lines of curl would, on a machine that may not have it."""
+    for command in re.split(r"^curl ", commands, flags=re.M)[1:]:
+        url, *words = shlex.split(command)
+        options = dict(zip(words[::2], words[1::2]))
+        kind = dict([options["-H"].split(": ")])
+        request = urllib.request.Request(url, options["-d"].encode(), kind, method=options["-X"])
+        urllib.request.urlopen(request, timeout=20).close()
 
 
 def as_before(version, text):
@@ -70,6 +83,8 @@ def reader(cluster):
 
         def types(sql):
             sql = re.sub(rf"\b{SHOWN_PORT}\b", str(bookshelf.port), sql)
+            if sql.startswith("curl "):
+                return curl(sql) or ""
             printed = subprocess.run(psql, input=sql, env=environment, encoding="utf-8", check=True,
                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
             return re.sub(rf"\b{bookshelf.port}\b", SHOWN_PORT, printed)
