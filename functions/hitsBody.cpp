@@ -100,6 +100,7 @@ search::Paging HitsBody::paging(std::int64_t pageSize) const
     } else if (size) {
         paging.requests = search::Requests::Scroll;
         paging.limit = *size;
+        paging.pageSize = std::clamp<std::int64_t>(*size, 1, pageSize);
     } else if (isSliced) {
         paging.requests = search::Requests::Scroll;
     } else {
