@@ -229,7 +229,7 @@ class Source:
             return dates.write(key * 10 ** 6, self.format) if self.format else key
         if field.kind == "boolean":
             return key == "T"
-        return field.show(key) if field.kind in ("date", "ip") else field.show_key(key)[0]
+        return field.show(key) if field.kind == "ip" else field.show_key(key)[0]
 
     def read(self, field, value):
         """The key that "after" gives."""

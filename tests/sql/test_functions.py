@@ -131,3 +131,164 @@ def test_requests(shelf, batch, size, kinds):
     assert len(found(shelf, body)) == min(size or COUNT, COUNT)
     assert purposes(shelf.search).rstrip("d") == kinds.rstrip("d")
     assert shelf.search.open_scrolls() == 0
+
+
+def test_many_hits(cluster):
+    """Beyond what one search may bring, and the slices of a scroll, which are each document once."""
+    with SearchServer(7) as server:
+        server.create_index("dust", 3)
+        server.put_many("dust", ((f"d{number}", "{}") for number in range(DUST)))
+        db = Database(cluster, server.port)
+        db.make_documents()
+        db.run("CREATE FOREIGN TABLE dust (docname text) SERVER documents OPTIONS (indexlist 'dust', batchsize '5000')")
+        for size in (9_999, 10_000, 10_001, DUST - 1, DUST, DUST + 1, None):
+            rows = found(db, {} if size is None else {"size": size}, "dust")
+            assert len({row[1] for row in rows}) == len(rows) == min(size or DUST, DUST), size
+        sliced = [row[1] for number in range(5) for row in found(db, {"slice": {"id": number, "max": 5}}, "dust")]
+        assert len(set(sliced)) == len(sliced) == DUST
+        assert len(found(db, {"slice": {"id": 1, "max": 2}, "size": 7}, "dust")) == 7
+        body = {"query": {"ids": {"values": ["d1", "d2"]}}, "slice": {"id": 0, "max": 2}}
+        assert len(found(db, body, "dust")) + len(found(db, {**body, "slice": {"id": 1, "max": 2}}, "dust")) == 2
+        assert server.open_scrolls() == 0
+        db.connection.close()
+
+
+# ---- aggregations -------------------------------------------------------------------------------------------
+
+def values(source, name):
+    """The distinct values of a field of a document."""
+    value = source.get(name, [])
+    return set(value) if isinstance(value, list) else {value}
+
+
+def milliseconds(day):
+    return int(datetime.fromisoformat(day).replace(tzinfo=timezone.utc).timestamp() * 1000)
+
+
+SPELT = {"kw": str, "ip": str, "n": str, "ok": lambda value: str(value).lower(), "day": lambda value: value + "T00:00:00.000Z"}
+
+
+@every_version
+def test_terms(shelf):
+    """Like a GROUP BY of a local copy, of all documents and of those that a query finds."""
+    for query, chosen in (("{\"match_all\":{}}", list(DOCUMENTS.values())),
+                          ("{\"term\":{\"ok\":true}}", [each for each in DOCUMENTS.values() if each.get("ok")])):
+        wanted = {}
+        for source, name in itertools.product(chosen, SPELT):
+            for value in values(source, name):
+                wanted[name, SPELT[name](value)] = wanted.get((name, SPELT[name](value)), 0) + 1
+        rows = shelf.run("SELECT * FROM veltranesearch_terms('docs', %s, %s, 1000)", (list(SPELT), query))
+        assert {row[:2]: row[2] for row in rows} == wanted and len(rows) == len(wanted)
+        best = shelf.run("SELECT value, documents FROM veltranesearch_terms('docs', '{kw}', %s, 3)", (query,))
+        assert best == sorted(((value, count) for (name, value), count in wanted.items() if name == "kw"),
+                              key=lambda row: (-row[1], row[0].encode()))[:3]
+    assert shelf.run("SELECT * FROM veltranesearch_terms('docs', '{none,ok,none}', size => 1)") == [
+        ("ok", "false", sum(each.get("ok") is False for each in DOCUMENTS.values()))]
+    assert shelf.run("SELECT * FROM veltranesearch_terms('docs', '{}')") == [] and not shelf.connection.notices
+
+
+def month(day):
+    return milliseconds(day[:7] + "-01")
+
+
+# Sources, and what they make of a document's values; None of one without.
+SOURCES = [([{"k": {"terms": {"field": "kw"}}}], [("kw", str)]),
+           ([{"n": {"terms": {"field": "n", "order": "desc"}}}], [("n", int)]),
+           ([{"o": {"terms": {"field": "ok", "missing_bucket": True}}}, {"i": {"terms": {"field": "ip"}}}],
+            [("ok", lambda value: value), ("ip", str)]),
+           ([{"d": {"terms": {"field": "day"}}}, {"k": {"terms": {"field": "kw", "missing_bucket": True, "order": "desc"}}}],
+            [("day", milliseconds), ("kw", lambda value: value)]),
+           ([{"m": {"date_histogram": {"field": "day", "INTERVAL": "1M"}}}, {"h": {"histogram": {"field": "n", "interval": 2 ** 43}}}],
+            [("day", month), ("n", lambda number: number // 2 ** 43 * 2 ** 43)])]
+
+
+def grouped(sources, readers):
+    """{members of a key: (documents, greatest n)} of a local copy."""
+    names, groups = [next(iter(each)) for each in sources], {}
+    missing = ["missing_bucket" in str(each) for each in sources]
+    for source in DOCUMENTS.values():
+        parts = [{read(value) for value in values(source, field)} or ({None} if takes else set())
+                 for (field, read), takes in zip(readers, missing)]
+        for key in itertools.product(*parts):
+            groups.setdefault(frozenset(zip(names, key)), []).append(source.get("n"))
+    return {key: (len(found), max((n for n in found if n is not None), default=None)) for key, found in groups.items()}
+
+
+@every_version
+def test_buckets(shelf):
+    """Like a GROUP BY, each key once and in order, however many come at a time."""
+    interval = "interval" if shelf.search.version == 6 else "calendar_interval"
+    for (sources, readers), batch in itertools.product(SOURCES, (1, 7, 1000)):
+        if batch == 1 and readers[0][0] == "n":
+            continue
+        shelf.make(batchsize=batch)
+        rows = shelf.run("SELECT * FROM veltranesearch_buckets('docs', %s, %s)", (
+            json.dumps(sources).replace("INTERVAL", interval), '{"max": {"max": {"field": "n"}}}'))
+        wanted = grouped(sources, readers)
+        assert len(rows) == len(wanted)
+        assert {frozenset(key.items()): (count, aggregations["max"]["value"]) for key, count, aggregations in rows} == wanted
+    ordered = [key["n"] for key, _, _ in shelf.run("SELECT * FROM veltranesearch_buckets('docs', %s)", (json.dumps(SOURCES[1][0]),))]
+    assert ordered == sorted(ordered, reverse=True)
+    few = shelf.run("SELECT * FROM veltranesearch_buckets('docs', %s, query => %s)", (
+        json.dumps(SOURCES[0][0]), '{"terms": {"kw": ["plain"]}}'))
+    assert max(few, key=lambda row: row[1])[0] == {"k": "plain"} and few[0][2] == {}
+
+
+@every_version
+def test_aggregate(shelf):
+    wanted = {"a\"b\u00e9": {"terms": {"field": "kw"}, "aggs": {"s": {"stats": {"field": "n"}}}},
+              "days": {"filter": {"term": {"ok": True}}, "aggs": {"none": {"missing": {"field": "n"}}}}}
+    for query in ({"match_all": {}}, WHALES["query"]):
+        there = ask(shelf.search, "/all/_search", {"size": 0, "query": query, "aggs": wanted})["aggregations"]
+        assert shelf.value("SELECT veltranesearch_aggregate('docs', %s, %s)", (json.dumps(wanted), json.dumps(query))) == there
+
+
+def test_like_the_recordings(cluster):
+    """What real clusters responded is what the functions return."""
+    with SearchServer(7) as server:
+        set_up(server)
+        db = Database(cluster, server.port)
+        db.make_documents()
+        db.run("CREATE FOREIGN TABLE typed (docname text) SERVER documents OPTIONS (indexlist 'typed', batchsize '2')")
+
+        def told(name):
+            return json.loads(recording(name)["response"]), json.loads(recording(name)["request"]["body"])
+
+        pages = [told(f"aggregation-composite-{page}") for page in (1, 2, 3, 4)]
+        rows = db.run("SELECT * FROM veltranesearch_buckets('typed', %s)", (json.dumps(pages[0][1]["aggs"]["c"]["composite"]["sources"]),))
+        assert [row[:2] for row in rows] == [(each["key"], each["doc_count"]) for page, _ in pages for each in page["aggregations"]["c"]["buckets"]]
+        response_, body = told("analyze-field")
+        assert db.run("SELECT term, start_offset, end_offset, type, position FROM veltranesearch_analyze('typed', %(field)s, %(text)s)", body) == [
+            tuple(each[name] for name in ("token", "start_offset", "end_offset", "type", "position")) for each in response_["tokens"]]
+        response_, body = told("inner-hits")
+        assert found(db, body, "typed") == [shown(hit) for hit in response_["hits"]["hits"]]
+        response_, body = told("explain-in-search")
+        hit, = response_["hits"]["hits"]
+        query = json.dumps(body["query"]["bool"]["must"][0])
+        (index, score, explanation), = db.run("SELECT * FROM veltranesearch_explain('typed', 'all', %s)", (query,))
+        assert (index, single(score), explanation["details"][0]) == ("typed", single(hit["_score"]), hit["_explanation"]["details"][0])
+        (message,) = [report(db, "SELECT * FROM veltranesearch_terms('typed', '{txt}')")[2]]
+        assert "Text fields are not optimised" in message
+        db.connection.close()
+
+
+@every_version
+def test_explain(shelf):
+    """The score is that of the search; a document that the query does not find has no row."""
+    scores = {row[1]: row[:3] for row in found(shelf, WHALES)}
+    for name in list(DOCUMENTS)[:40]:
+        rows = shelf.run("SELECT * FROM veltranesearch_explain('docs', %s, %s)", (name, json.dumps(WHALES["query"])))
+        assert [(index, name, single(score)) for index, score, _ in rows] == [scores[name]] * (name in scores)
+        assert all(single(explanation["value"]) == single(score) for _, score, explanation in rows)
+    shelf.make(indexlist="shelf,all")
+    assert len(shelf.run("SELECT * FROM veltranesearch_explain('docs', 'plain-10', '{\"match_all\":{}}')")) == 1
+
+
+def test_analyze(shelf):
+    shelf.make(indexlist="shelf")
+    told = shelf.run("SELECT * FROM veltranesearch_analyze('docs', %s, %s)", ("title", "The \"Whale\" \U0001f40b \u6f22"))
+    assert [row[0] for row in told] == ["the", "whale", "\U0001f40b", "\u6f22"] and told[1] == ("whale", 1, 5, 10, "<ALPHANUM>")
+    assert shelf.run("SELECT * FROM veltranesearch_analyze('docs', 'title', '')") == []
+    for field, indices, hint in (("n", "shelf", "tokenized"), ("title", "all", "more than one index"), ("title", "sh*", "no such index")):
+        shelf.make(indexlist=indices)
+        assert hint in report(shelf, f"SELECT * FROM veltranesearch_analyze('docs', '{field}', 'x')")[2]
