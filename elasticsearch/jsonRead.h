@@ -4,6 +4,8 @@
 #include "elasticsearch/jsonCursor.h"
 #include "elasticsearch/jsonString.h"
 
+#include <charconv>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -37,6 +39,15 @@ inline std::string takeText(JsonCursor &cursor)
     std::string decoded;
     decodeJsonText(cursor.string(), decoded);
     return decoded;
+}
+
+// Takes a value that is a whole number from 0 on; -1 for any other.
+inline std::int64_t takeCount(JsonCursor &cursor)
+{
+    const std::string_view digits = cursor.value();
+    std::int64_t number = -1;
+    const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return problem == std::errc() && end == digits.data() + digits.size() && number >= 0 ? number : -1;
 }
 
 } // namespace zq::elasticsearch

@@ -225,14 +225,19 @@ void SearchResponseReader::readHitsMember(JsonCursor &cursor)
     isFirst = false;
 }
 
-// A number, or from version 7 on an object that tells how far was counted.
+// A number, -1 where nobody counted, or from version 7 on an object that tells how far was counted.
 void SearchResponseReader::readTotal(JsonCursor &cursor)
 {
     std::int64_t total = 0;
     bool hasTotal = true;
     bool isLowerBound = false;
     if (cursor.peek() != '{') {
-        total = count(cursor, INT64_MAX);
+        JsonCursor ahead(cursor);
+        hasTotal = ahead.scalar() != "-1";
+        if (hasTotal)
+            total = count(cursor, INT64_MAX);
+        else
+            cursor = ahead;
     } else {
         hasTotal = false;
         forEachMember(cursor, [&](std::string_view name) {

@@ -9,7 +9,7 @@
 #include "search/response.h"
 #include "search/searchRequest.h"
 
-#include <charconv>
+#include <cstdint>
 
 namespace qm::functions
 {
@@ -30,12 +30,11 @@ struct Token {
     bool isWhole = false;
 };
 
-std::int32_t number(JsonCursor &cursor)
+// -1 for what is no place in a text.
+std::int32_t place(JsonCursor &cursor)
 {
-    const std::string_view digits = cursor.value();
-    std::int32_t value = -1;
-    std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    return value;
+    const std::int64_t number = zq::elasticsearch::takeCount(cursor);
+    return number <= INT32_MAX ? static_cast<std::int32_t>(number) : -1;
 }
 
 Token readToken(JsonCursor &cursor)
@@ -44,16 +43,17 @@ Token readToken(JsonCursor &cursor)
     bool hasTerm = false;
     forEachMember(cursor, [&](std::string_view name) {
         if (name == "token") {
-            hasTerm = cursor.peek() == '"';
-            token.term = zq::elasticsearch::takeText(cursor);
+            hasTerm = cursor.peek() == '"' &&
+                      zq::elasticsearch::decodeJsonText(JsonCursor(cursor).string(), token.term);
+            cursor.value();
         } else if (name == "type") {
             token.type = zq::elasticsearch::takeText(cursor);
         } else if (name == "position") {
-            token.position = number(cursor);
+            token.position = place(cursor);
         } else if (name == "start_offset") {
-            token.startOffset = number(cursor);
+            token.startOffset = place(cursor);
         } else if (name == "end_offset") {
-            token.endOffset = number(cursor);
+            token.endOffset = place(cursor);
         } else {
             cursor.value();
         }

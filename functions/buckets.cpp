@@ -7,8 +7,6 @@
 #include "functions/resultRows.h"
 #include "search/searchRequest.h"
 
-#include <charconv>
-
 namespace qm::functions
 {
 namespace
@@ -79,8 +77,10 @@ bool BucketWalk::nextPage(Take &&take)
     });
     if (!hasBuckets)
         search.refuse("no buckets");
-    if (!after.empty() && (after == before || after.front() != '{'))
-        search.refuse("no key to go on behind");
+    if (!after.empty() && after.front() != '{')
+        search.refuse("a key to go on behind that is no object");
+    if (!after.empty() && after == before)
+        search.refuse("the same page of buckets again");
     return !after.empty();
 }
 
@@ -124,15 +124,16 @@ Bucket BucketWalk::readBucket(JsonCursor &cursor) const
     if (cursor.peek() != '{')
         search.refuse("a bucket that is no object");
     forEachMember(cursor, [&](std::string_view member) {
-        const std::string name(member);
-        const std::string_view value = cursor.value();
-        if (name == "key")
-            bucket.key = value;
-        else if (name == "doc_count")
-            std::from_chars(value.data(), value.data() + value.size(), bucket.documents);
-        else
-            bucket.aggregations += (bucket.aggregations.size() > 1 ? "," : "") + search::jsonString(name) +
-                                   ":" + std::string(value);
+        // An aggregation of the same name comes behind what is the bucket's own.
+        if (member == "key" && bucket.key.empty()) {
+            bucket.key = cursor.value();
+        } else if (member == "doc_count" && bucket.documents < 0) {
+            bucket.documents = zq::elasticsearch::takeCount(cursor);
+        } else {
+            const std::string name = search::jsonString(member);
+            bucket.aggregations += (bucket.aggregations.size() > 1 ? "," : "") + name + ":";
+            bucket.aggregations += cursor.value();
+        }
     });
     if (bucket.key.empty() || bucket.key.front() != '{' || bucket.documents < 0)
         search.refuse("a bucket without a key or a count");

@@ -41,8 +41,8 @@ void returnExplanations(FunctionCallInfo fcinfo)
             throw server::FdwError(ERRCODE_FDW_ERROR, "a hit comes without its explanation");
         rows.add([&](ResultRows::Row &row) {
             row.setText(DocIndex, name);
-            row.set(Score,
-                    search::scoreOf(CStringGetDatum(search::cStringOf(hits.member(HitMember::Score)))));
+            if (const std::string_view score = hits.member(HitMember::Score); !score.empty())
+                row.set(Score, search::scoreOf(CStringGetDatum(search::cStringOf(score))));
             row.setJson(Explanation, explanation);
         });
     }

@@ -101,6 +101,7 @@ search::Paging HitsBody::paging(const extension::TableOptions &options) const
     } else if (size) {
         paging.requests = search::Requests::Scroll;
         paging.limit = *size;
+        paging.pageSize = std::clamp<std::int64_t>(*size, 1, paging.pageSize);
     } else if (isSliced) {
         paging.requests = search::Requests::Scroll;
     } else {

@@ -31,7 +31,7 @@ public:
 
 private:
     void read(std::string_view name, std::string_view value);
-    bool isOneSearch() const { return !isPageable || (size && *size <= ResultWindow); }
+    bool isOneSearch() const { return !isPageable || (size && *size <= ResultWindow && !isSliced); }
     std::int64_t sizeOfOneSearch(std::int64_t pageSize) const;
 
     std::string members; // all others, each with a comma behind it

@@ -32,13 +32,6 @@ struct FieldTerms {
     bool isThere = false;
 };
 
-std::int64_t count(std::string_view digits)
-{
-    std::int64_t number = -1;
-    std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    return number;
-}
-
 // Aggregations whose names are the places of the fields.
 std::string aggregationsOf(const std::vector<std::string> &fields, std::int32_t size)
 {
@@ -49,6 +42,15 @@ std::string aggregationsOf(const std::vector<std::string> &fields, std::int32_t 
     return all + "}";
 }
 
+// A text, a number or a truth value; false for anything else.
+bool takeKey(JsonCursor &cursor, std::string &key)
+{
+    if (cursor.peek() == '"')
+        return zq::elasticsearch::decodeJsonText(cursor.string(), key);
+    key = zq::elasticsearch::takeText(cursor);
+    return !key.empty() && key != "null";
+}
+
 // Dates, truth values and the like have a form that is better to read than their keys.
 std::optional<Term> readTerm(JsonCursor &cursor)
 {
@@ -56,17 +58,14 @@ std::optional<Term> readTerm(JsonCursor &cursor)
     bool hasKey = false;
     std::string shown;
     forEachMember(cursor, [&](std::string_view name) {
-        if (name == "key") {
-            const bool isText = cursor.peek() == '"';
-            term.value = zq::elasticsearch::takeText(cursor);
-            hasKey = isText || !term.value.empty();
-        } else if (name == "key_as_string") {
+        if (name == "key")
+            hasKey = takeKey(cursor, term.value);
+        else if (name == "key_as_string")
             shown = zq::elasticsearch::takeText(cursor);
-        } else if (name == "doc_count") {
-            term.documents = count(cursor.value());
-        } else {
+        else if (name == "doc_count")
+            term.documents = zq::elasticsearch::takeCount(cursor);
+        else
             cursor.value();
-        }
     });
     if (!shown.empty())
         term.value = shown;
@@ -78,7 +77,7 @@ FieldTerms readTerms(JsonCursor &cursor, const AggregationSearch &search)
     FieldTerms found;
     forEachMember(cursor, [&](std::string_view name) {
         if (name == "doc_count_error_upper_bound") {
-            found.missed = count(cursor.value());
+            found.missed = zq::elasticsearch::takeCount(cursor);
         } else if (name == "buckets" && cursor.peek() == '[') {
             found.isThere = true;
             cursor.take('[');
@@ -126,9 +125,10 @@ std::vector<FieldTerms> searchTerms(AggregationSearch &search, const std::vector
     const std::string_view aggregations = search.run(query, aggregationsOf(fields, size));
     zq::elasticsearch::readJson(aggregations, [&](JsonCursor &cursor) {
         forEachMember(cursor, [&](std::string_view name) {
-            const std::int64_t place = count(name);
-            if (place >= 0 && static_cast<std::size_t>(place) < found.size() && cursor.peek() == '{')
-                found[static_cast<std::size_t>(place)] = readTerms(cursor, search);
+            std::size_t place = found.size();
+            std::from_chars(name.data(), name.data() + name.size(), place);
+            if (place < found.size() && cursor.peek() == '{')
+                found[place] = readTerms(cursor, search);
             else
                 cursor.value();
         });

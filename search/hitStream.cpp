@@ -83,7 +83,7 @@ bool HitStream::next()
 {
     if (isAhead)
         following->advance();
-    if (nextHit == hitCount() && !fetch())
+    if ((nextHit == hitCount() || isEnough()) && !fetch())
         return false;
     current = nextHit++;
     ++returned;
@@ -95,8 +95,7 @@ bool HitStream::next()
 bool HitStream::fetch()
 {
     for (;;) {
-        const bool isEnough = paging.limit >= 0 && returned >= paging.limit && !paging.limitIsByScore;
-        if (state == State::Done || isEnough) {
+        if (state == State::Done || isEnough()) {
             close();
             return false;
         }

@@ -82,6 +82,7 @@ private:
     void noteContext();
     [[noreturn]] void throwLost() const;
     std::size_t hitCount() const { return page->response().hitCount(); }
+    bool isEnough() const { return paging.limit >= 0 && returned >= paging.limit && !paging.limitIsByScore; }
     // Of this part. Of the highest scores any part may have all.
     std::int64_t wanted() const
     {

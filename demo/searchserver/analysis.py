@@ -34,17 +34,17 @@ FILTERS = {"lowercase": str.lower, "uppercase": str.upper, "asciifolding": fold,
 
 
 class Analyzer:
-    """A tokenizer and the filters that its tokens go through."""
+    """A tokenizer and the filters, by name or as functions, that its tokens go through."""
 
     def __init__(self, tokenizer, filters):
         if tokenizer not in TOKENIZERS:
             raise illegal_argument(f"failed to find tokenizer [{tokenizer}]")
         for name in filters:
-            if name not in FILTERS:
+            if not callable(name) and name not in FILTERS:
                 raise illegal_argument(f"failed to find filter [{name}]")
         self.tokenizer = tokenizer
         self.pattern = TOKENIZERS[tokenizer]
-        self.filters = [FILTERS[name] for name in filters]
+        self.filters = [FILTERS.get(name, name) for name in filters]
 
     def filtered(self, text):
         for change in self.filters:

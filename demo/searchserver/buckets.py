@@ -72,17 +72,15 @@ class Terms(Aggregation):
         return buckets
 
     def result(self, selection, run):
-        size_of_shard = self.size if len(selection) == 1 else int(self.size * 1.5 + 10)
-        size_of_shard = max(self.size, int(self.body.get("shard_size", size_of_shard)))
+        size_of_shard = max(self.size, int(self.body.get("shard_size", self.size * 1.5 + 10)))
         by_figure = any(name not in ("_key", "_term", "_count") for name, _ in self.order)
-        merged, others, uncertain, fields = {}, 0, 0, []
+        merged, others, errors, fields = {}, 0, [], []
         for level, places in selection:
             found = self.groups(level, places)
             ranked = [(key, len(members), None) for key, members in found.items()]
             kept = ranked if by_figure else self.rank(ranked)[:size_of_shard]
             others += sum(count for _, count, _ in ranked[len(kept):])
-            if len(kept) < len(ranked) and self.order[0] == ("_count", "desc"):
-                uncertain += kept[-1][1]
+            errors.append(self.most_missed(kept, size_of_shard))
             for key, _, _ in kept:
                 merged.setdefault(key, []).append((level, found[key]))
             fields += [level.column(self.name).field] if found else []
@@ -93,9 +91,16 @@ class Terms(Aggregation):
         buckets = self.rank([bucket for bucket in buckets if bucket[1] >= least])
         others += sum(count for _, count, _ in buckets[self.size:])
         run.add_buckets(len(buckets[:self.size]))
+        uncertain = 0 if len(errors) == 1 else -1 if -1 in errors else sum(errors)
         return {"doc_count_error_upper_bound": uncertain, "sum_other_doc_count": others,
                 "buckets": [{**spelt(fields[0], key), **self.bucket(merged[key], run)}
                             for key, _, _ in buckets[:self.size]]}
+
+    def most_missed(self, kept, size_of_shard):
+        """Of how many documents of a term a shard that tells these buckets may say nothing; -1 for nobody knows."""
+        if len(kept) < size_of_shard or self.order[0][0] in ("_key", "_term"):
+            return 0
+        return kept[-1][1] if self.order[0] == ("_count", "desc") else -1
 
     def figures(self, selection, run):
         return {name: child.result(selection, run) for name, child in self.children.items()}
@@ -224,7 +229,7 @@ class Source:
             return dates.write(key * 10 ** 6, self.format) if self.format else key
         if field.kind == "boolean":
             return key == "T"
-        return field.show(key) if field.kind in ("date", "ip") else field.show_key(key)[0]
+        return field.show(key) if field.kind == "ip" else field.show_key(key)[0]
 
     def read(self, field, value):
         """The key that "after" gives."""
@@ -271,6 +276,14 @@ class Composite(Aggregation):
         return [next((level.column(source.inner.name).field for level, _ in selection
                       if level.column(source.inner.name)), None) for source in self.sources]
 
+    def check_after(self):
+        """SearchError for a key that is not of these sources."""
+        if len(self.after) != len(self.sources):
+            raise illegal_argument(f"[after] has {len(self.after)} value(s) but [sources] has {len(self.sources)}")
+        for source in self.sources:
+            if source.name not in self.after:
+                raise illegal_argument(f"Missing value for [after.{source.name}]")
+
     def ordered(self, keys):
         keys = list(keys)
         for number in range(len(self.sources) - 1, -1, -1):
@@ -297,6 +310,7 @@ class Composite(Aggregation):
                 merged.setdefault(key, []).append((level, members))
         keys = merged
         if self.after is not None:
+            self.check_after()
             bound = [source.read(field, self.after.get(source.name)) if field else None
                      for source, field in zip(self.sources, fields)]
             keys = [key for key in merged if self.comes_after(key, bound)]

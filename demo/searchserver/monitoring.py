@@ -4,7 +4,8 @@ import json
 import time
 
 from . import names
-from .errors import NODE, illegal_argument
+from .analysis import Analyzer
+from .errors import NODE, illegal_argument, index_closed, index_not_found
 from .exchange import INDEX_OPTIONS, response, endpoint
 from .strings import Text
 
@@ -106,17 +107,35 @@ def resolve(exchange, expression):
                                     for name, members in sorted(cluster.streams.items()) if wanted(name)]})
 
 
+def single_index(cluster, name):
+    """The one index of a name, which is no list and no pattern here; SearchError for any other."""
+    members = names.groups(cluster).get(name)
+    if members is None:
+        raise index_not_found(name)
+    if len(members) > 1:
+        raise illegal_argument(f"alias [{name}] has more than one index associated with it"
+                               f" [{', '.join(index.name for index in members)}], can't execute a single index op")
+    if members[0].closed:
+        raise index_closed(members[0])
+    return members[0]
+
+
 @endpoint()
 def analyze(exchange, name):
     body = exchange.json()
-    index, = exchange.select(name)
+    index = single_index(exchange.cluster, name)
     analysis, field = index.mapping.analysis, index.mapping.field(body.get("field", ""))
     if "analyzer" in body:
         analyzer = analysis.named(body["analyzer"])
     elif isinstance(field, Text):
         analyzer = field.analyzer
+    elif field and field.kind == "keyword":
+        analyzer = Analyzer("keyword", [field.normalize])
+    elif field:
+        raise illegal_argument(f"Can't process field [{body['field']}], Analysis requests are only supported on"
+                               " tokenized fields")
     else:
-        analyzer = analysis.named("keyword" if field else "standard")
+        analyzer = analysis.named("standard")
     texts = body.get("text")
     if texts is None:
         raise illegal_argument("Validation Failed: 1: text is missing;")

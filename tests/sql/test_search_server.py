@@ -177,12 +177,29 @@ EXCHANGES = [
     ("books", {"aggs": {"x": TAGS}}, "aggregations.x.buckets", [{"key": "two*words", "doc_count": 1}]),
     ("books", {"aggs": {"x": DAYS}}, "aggregations.x.buckets.*.m.avg", (None, *[[1.3, None]] * 3)),
     ("books", {"aggs": {"x": {"composite": BY_N}}}, "aggregations.x.buckets.*.key.n", [-5, None]),
+    ("books", {"aggs": {"x": {"composite": {**BY_N, "after": {"m": 5}}}}}, "status", 400),
+    ("books", {"aggs": {"x": {"composite": {**BY_N, "size": 65537}}}}, "status", (None, 503, 400, 400)),
+    ("books", {"aggs": {"x": {"terms": {"field": "n", "size": 0}}}}, "status", 400),
+    *[(name, {"aggs": {"x": {"terms": {"field": "n", "size": 1, "shard_size": size, "order": order}}}},
+       "aggregations.x.doc_count_error_upper_bound", bound) for name, size, order, bound in (
+           ("books", 1, {"_count": "desc"}, 0), (".spread", 3, {"_count": "desc"}, 4),
+           (".spread", 4, {"_count": "desc"}, 0), (".spread", 1, {"_key": "asc"}, 0),
+           (".spread", 1, {"_count": "asc"}, -1))],
+    *[("../books/_search?scroll=1m", {"sort": "_doc", **more}, "error.type", kind) for more, kind in (
+        ({"from": 1}, "action_request_validation_exception"), ({"search_after": [1]}, "illegal_argument_exception"),
+        ({"collapse": {"field": "n"}}, "search_phase_execution_exception"),
+        ({"rescore": {"query": {"rescore_query": {"match_all": {}}}}}, "action_request_validation_exception"))],
+    *[(f"../{name}/_analyze", {"field": field, "text": "Two Words"}, *told) for name, field, told in (
+        ("books", "tag.keyword", ("tokens.*.token", ["Two Words"])), ("books", "n", ("status", 400)),
+        ("books", "tag", ("tokens.*.token", ["two", "words"])), ("books", "no", ("tokens.*.end_offset", [3, 9])),
+        ("many", "tag", ("status", 400)), ("books,notes", "tag", ("status", 404)), ("book*", "tag", ("status", 404)),
+        ("shut", "tag", ("status", 400)))],
     ("books", CASE, "hits.hits.*._id", (None, None, ["c", "b"], ["c", "b"])),
     ("books", {"track_total_hits": 2}, "hits.total.relation", (None, "gte", "gte", "gte")),
     ("books/", {}, "hits.hits.0._type", ("_doc", "_doc", None, None)), ("books", b'{"query":"\xff"}', "status", 400),
     ("many", None, "hits.hits.*._id", list("acb2")), ("*,-books", None, "hits.hits.*._id", ["1", "2"]),
     (".h*,stream", None, "hits.hits.1._id", "3"), ("shut", None, "status", 400), ("*", {"o": 1}, "status", 400),
-    ("../*/_count?expand_wildcards=open,hidden", None, "count", 6), ("../_search?scroll=2d", None, "status", 400),
+    ("../*/_count?expand_wildcards=open,hidden", None, "count", 18), ("../_search?scroll=2d", None, "status", 400),
     ("../", None, "version.number", ("6.8.0", "7.8.0", "8.0.0", "9.0.0")),
     ("../books/_mapping", None, "books.mappings._doc.properties.when.type", ("date", None, None, None)),
     ("../_resolve/index/*", None, "aliases.0.name", (None, None, "many", "many"))]
@@ -198,6 +215,8 @@ def test_what_no_recording_tells(version):
             server.put(name, doc_id, {})
         server.add_alias("many", "books", "notes")
         server.close_index("shut")
+        server.create_index(".spread", 2)
+        server.put_many(".spread", [(str(number), {"n": number % 3}) for number in range(12)])
         asked = [("books", {"query": query}, "hits.hits.*._id", list(found)) for query, found in QUERIES] + EXCHANGES
         for name, body, where, expected in asked:
             path = name[2:] if name.startswith("../") else f"/{name}/_search"

@@ -385,9 +385,16 @@ private:
     {
         found.hasTotal = json.next() != '{';
         found.totalIsLowerBound = false;
-        found.total = found.hasTotal ? count(INT64_MAX) : 0;
-        if (found.hasTotal)
+        found.total = 0;
+        if (found.hasTotal) {
+            const std::size_t begin = json.at;
+            found.hasTotal = json.scalar() != "-1";
+            if (found.hasTotal) {
+                json.at = begin;
+                found.total = count(INT64_MAX);
+            }
             return;
+        }
         json.members([&](const std::string &name) {
             if (name == "value") {
                 found.total = count(INT64_MAX);
