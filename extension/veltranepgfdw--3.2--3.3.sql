@@ -43,38 +43,38 @@ GRANT SELECT ON veltranesearch_exchanges TO PUBLIC;
 CREATE FUNCTION veltranesearch_hits(relation regclass, body jsonb, OUT docindex text, OUT docname text,
         OUT score real, OUT sort jsonb, OUT source jsonb, OUT highlights jsonb, OUT fields jsonb,
         OUT inner_hits jsonb)
-    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT STABLE PARALLEL RESTRICTED COST 10000;
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000;
 COMMENT ON FUNCTION veltranesearch_hits(regclass, jsonb) IS
     'the hits of a search with this body in the indices of a foreign table';
 
 CREATE FUNCTION veltranesearch_terms(relation regclass, fields text[], query jsonb DEFAULT '{"match_all": {}}',
         size integer DEFAULT 10, OUT field text, OUT value text, OUT documents bigint)
-    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT STABLE PARALLEL RESTRICTED COST 10000 ROWS 10;
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000 ROWS 10;
 COMMENT ON FUNCTION veltranesearch_terms(regclass, text[], jsonb, integer) IS
     'the most frequent values of each field among the documents that a query finds';
 
 CREATE FUNCTION veltranesearch_aggregate(relation regclass, aggregations jsonb,
         query jsonb DEFAULT '{"match_all": {}}')
-    RETURNS jsonb AS 'MODULE_PATHNAME' LANGUAGE C STRICT STABLE PARALLEL RESTRICTED COST 10000;
+    RETURNS jsonb AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000;
 COMMENT ON FUNCTION veltranesearch_aggregate(regclass, jsonb, jsonb) IS
     'what these aggregations are of the documents that a query finds';
 
 CREATE FUNCTION veltranesearch_buckets(relation regclass, sources jsonb, aggregations jsonb DEFAULT '{}',
         query jsonb DEFAULT '{"match_all": {}}', OUT key jsonb, OUT documents bigint,
         OUT aggregations jsonb)
-    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT STABLE PARALLEL RESTRICTED COST 10000;
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000;
 COMMENT ON FUNCTION veltranesearch_buckets(regclass, jsonb, jsonb, jsonb) IS
     'all buckets of a composite aggregation with these sources';
 
 CREATE FUNCTION veltranesearch_explain(relation regclass, docname text, query jsonb, OUT docindex text,
         OUT score real, OUT explanation jsonb)
-    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT STABLE PARALLEL RESTRICTED COST 10000 ROWS 1;
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000 ROWS 1;
 COMMENT ON FUNCTION veltranesearch_explain(regclass, text, jsonb) IS
     'why a document that a query finds has its score';
 
 CREATE FUNCTION veltranesearch_analyze(relation regclass, field text, text text, OUT term text,
         OUT "position" integer, OUT start_offset integer, OUT end_offset integer, OUT type text)
-    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT STABLE PARALLEL RESTRICTED COST 10000 ROWS 10;
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000 ROWS 10;
 COMMENT ON FUNCTION veltranesearch_analyze(regclass, text, text) IS
     'the terms that a text becomes in a field of the index of a foreign table';
 

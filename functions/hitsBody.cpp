@@ -112,7 +112,8 @@ search::Paging HitsBody::paging(const extension::TableOptions &options) const
 
 std::int64_t HitsBody::sizeOfOneSearch(std::int64_t pageSize) const
 {
-    return size ? *size : std::clamp<std::int64_t>(ResultWindow - from, 1, pageSize);
+    // One more than are wanted tells whether there are more, also where the total is not one of hits.
+    return size ? *size : std::clamp<std::int64_t>(ResultWindow - from, 1, pageSize + 1);
 }
 
 void HitsBody::checkAll(const search::HitStream &hits, std::int64_t returned,
