@@ -70,6 +70,16 @@ Read readDefinition(JsonCursor &cursor)
     return read;
 }
 
+// The sub-field that is searched in place of a field that is found by words.
+std::optional<Searchable> usualOf(const std::vector<Searchable> &parts, const std::string &path)
+{
+    if (parts.empty())
+        return std::nullopt;
+    const auto usual = std::find_if(parts.begin(), parts.end(),
+                                    [&](const Searchable &part) { return part.field == path + ".keyword"; });
+    return usual == parts.end() ? parts.front() : *usual;
+}
+
 // Reads the properties of objects, one in another.
 class MappingReader
 {
@@ -84,7 +94,7 @@ private:
     void readProperties(JsonCursor &cursor, const std::string &parent, int level);
     void readField(JsonCursor &cursor, const std::string &path, int level);
     void readRuntime(JsonCursor &cursor);
-    std::optional<Searchable> searchableOf(const Read &read, const std::string &path) const;
+    std::vector<Searchable> partsOf(const Read &read, const std::string &path) const;
 
     Mapping &mapping;
     const MappingDefaults &defaults;
@@ -130,7 +140,11 @@ void MappingReader::readField(JsonCursor &cursor, const std::string &path, int l
     } else if (definition.hasNoValue()) {
         mapping.valueless.push_back({path, definition.type});
     } else {
-        mapping.fields.push_back({path, kindOf(definition), searchableOf(read, path)});
+        std::vector<Searchable> parts = partsOf(read, path);
+        mapping.fields.push_back(
+            {path, definition.type, kindOf(definition),
+             definition.isFullText() ? usualOf(parts, path) : searchableOf(definition, defaults),
+             std::move(parts)});
     }
 }
 
@@ -146,24 +160,20 @@ void MappingReader::readRuntime(JsonCursor &cursor)
         });
 }
 
-std::optional<Searchable> MappingReader::searchableOf(const Read &read, const std::string &path) const
+std::vector<Searchable> MappingReader::partsOf(const Read &read, const std::string &path) const
 {
-    if (!read.definition.isFullText())
-        return extension::searchableOf(read.definition, defaults);
-    std::optional<Searchable> found;
-    if (read.parts) {
-        JsonCursor cursor = *read.parts;
-        forEachMember(cursor, [&](std::string_view name) {
-            const std::string partPath = path + "." + std::string(name);
-            const bool isUsual = name == "keyword";
-            std::optional<Searchable> part =
-                extension::searchableOf(readDefinition(cursor).definition, defaults);
-            if (!part || part->type != "keyword" || (found && !isUsual))
-                return;
-            found = part;
-            found->field = partPath;
-        });
-    }
+    std::vector<Searchable> found;
+    if (!read.parts)
+        return found;
+    JsonCursor cursor = *read.parts;
+    forEachMember(cursor, [&](std::string_view name) {
+        const std::string partPath = path + "." + std::string(name);
+        std::optional<Searchable> part = searchableOf(readDefinition(cursor).definition, defaults);
+        if (!part || part->type != "keyword")
+            return;
+        part->field = partPath;
+        found.push_back(*part);
+    });
     return found;
 }
 
@@ -179,10 +189,14 @@ void MappingReader::leaveOutShadowed()
                 return false;
         }
     };
-    for (MappedField &field : mapping.fields)
+    for (MappedField &field : mapping.fields) {
         if (field.searchable &&
             isShadowed(field.searchable->field.empty() ? field.path : field.searchable->field))
             field.searchable.reset();
+        const auto end = std::remove_if(field.parts.begin(), field.parts.end(),
+                                        [&](const Searchable &part) { return isShadowed(part.field); });
+        field.parts.erase(end, field.parts.end());
+    }
 }
 
 } // namespace

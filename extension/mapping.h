@@ -42,8 +42,10 @@ enum class Kind {
 // A field with values in the source.
 struct MappedField {
     std::string path; // with dots between the names of objects, in UTF-8
+    std::string type; // as it is mapped
     Kind kind;
     std::optional<Searchable> searchable; // where the search finds what the source says, and nothing else
+    std::vector<Searchable> parts;        // its sub-fields, of type keyword, where it does so, too
 };
 
 // A field without.

@@ -263,6 +263,27 @@ void checkCredentials(const http::Settings &settings)
                        "options \"clientcert\" and \"clientkey\" take effect only together");
 }
 
+const Known &require(Oid catalog, const char *name)
+{
+    const Known *known = find(catalog, name);
+    if (!known)
+        throw FdwError(ERRCODE_FDW_INVALID_OPTION_NAME, std::string("invalid option \"") + name + "\"")
+            .hinted(hintFor(catalog, name));
+    return *known;
+}
+
+void checkTogether(const AnyOptions &options, Oid catalog)
+{
+    if (catalog == ForeignServerRelationId)
+        requireAddress(options);
+    if (catalog == ForeignTableRelationId)
+        requireIndices(options);
+    if (catalog == AttributeRelationId)
+        checkColumn(options.column);
+    if (catalog == UserMappingRelationId)
+        checkCredentials(options.cluster.settings);
+}
+
 void readServer(AnyOptions &options, Oid serverId)
 {
     const ForeignServer *server = callServer([&] { return GetForeignServer(serverId); });
@@ -324,28 +345,56 @@ ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute)
     return options.column;
 }
 
+ColumnOptions columnOptionsFor(const Searchable &searchable)
+{
+    AnyOptions options;
+    const auto set = [&](const char *name, const std::string &value) {
+        if (!value.empty())
+            find(AttributeRelationId, name)->read(options, OptionValue(name, value.c_str()));
+    };
+    set("search", searchable.type);
+    set("ignoreabove", searchable.ignoreAbove);
+    set("scalingfactor", searchable.scalingFactor);
+    options.column.searchField = searchable.field; // which is in UTF-8 already
+    return options.column;
+}
+
 void validateOptions(List *definitions, Oid catalog)
 {
     AnyOptions options;
     for (const OptionValue &value : valuesOf(definitions)) {
-        const Known *known = find(catalog, value.optionName());
-        if (!known)
-            throw FdwError(ERRCODE_FDW_INVALID_OPTION_NAME,
-                           std::string("invalid option \"") + value.optionName() + "\"")
-                .hinted(hintFor(catalog, value.optionName()));
-        if (known->namesFile && !callServer([] { return superuser(); }))
+        const Known &known = require(catalog, value.optionName());
+        if (known.namesFile && !callServer([] { return superuser(); }))
             throw FdwError(ERRCODE_INSUFFICIENT_PRIVILEGE,
-                           std::string("only superusers may set the option \"") + known->name + "\"");
-        known->read(options, value);
+                           std::string("only superusers may set the option \"") + known.name + "\"");
+        known.read(options, value);
     }
-    if (catalog == ForeignServerRelationId)
-        requireAddress(options);
-    if (catalog == ForeignTableRelationId)
-        requireIndices(options);
-    if (catalog == AttributeRelationId)
-        checkColumn(options.column);
-    if (catalog == UserMappingRelationId)
-        checkCredentials(options.cluster.settings);
+    checkTogether(options, catalog);
+}
+
+std::vector<FdwError> faultsIn(List *definitions, Oid catalog)
+{
+    std::vector<FdwError> faults;
+    const auto note = [&](auto &&check) {
+        try {
+            check();
+        } catch (FdwError &fault) {
+            faults.push_back(std::move(fault));
+        }
+    };
+    AnyOptions options;
+    bool isRead = true;
+    for (const OptionValue &value : valuesOf(definitions)) {
+        note([&] { require(catalog, value.optionName()); });
+        const Known *known = find(catalog, value.optionName());
+        const std::size_t before = faults.size();
+        if (known)
+            note([&] { known->read(options, value); });
+        isRead = isRead && (!known || faults.size() == before);
+    }
+    if (isRead)
+        note([&] { checkTogether(options, catalog); });
+    return faults;
 }
 
 } // namespace qm::extension

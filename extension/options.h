@@ -1,11 +1,13 @@
 // The options of veltranesearch: of foreign servers, user mappings, foreign tables and their columns.
 #pragma once
 
+#include "extension/mapping.h"
 #include "search/cluster.h"
 #include "search/partial.h"
-#include "server/serverApi.h"
+#include "server/errorBoundary.h"
 
 #include <string>
+#include <vector>
 
 namespace qm::extension
 {
@@ -71,11 +73,19 @@ TableOptions readOptions(Oid tableId, Oid userId);
 // Reads those of a column.
 ColumnOptions readColumnOptions(Oid tableId, AttrNumber attribute);
 
+// The options by which a column would tell how the search knows the field. Throws FdwError for what no option
+// takes.
+ColumnOptions columnOptionsFor(const Searchable &searchable);
+
 // Reads those of a foreign server and of the user's mapping or else of the public one.
 search::Cluster readCluster(Oid serverId, Oid userId);
 
 // Checks the options of an object as DDL hands them over: names, values, and that what is required is there.
 // Throws FdwError.
 void validateOptions(List *definitions, Oid catalog);
+
+// What is wrong with the options of an object as the catalogs hold them: names that are not known, of which
+// nothing else takes notice, and all that would make the readers above fail.
+std::vector<server::FdwError> faultsIn(List *definitions, Oid catalog);
 
 } // namespace qm::extension

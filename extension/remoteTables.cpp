@@ -1,7 +1,6 @@
 // What a cluster has that can be imported as a table.
 #include "server/errorBoundary.h"
 
-#include "elasticsearch/jsonRead.h"
 #include "extension/indexPattern.h"
 #include "extension/remoteTables.h"
 #include "search/failure.h"
@@ -11,7 +10,6 @@
 namespace qm::extension
 {
 
-using search::reading;
 using search::readResponse;
 using search::Response;
 using server::FdwError;
@@ -32,9 +30,6 @@ constexpr long StatusWrongMethod = 405;
 constexpr const char *Settings =
     "index.hidden,index.verified_before_close,index.mode,index.mapping.ignore_malformed,"
     "index.mapping.ignore_above";
-
-// What indices of the mode for logs have by themselves.
-constexpr const char *IgnoreAboveOfLogs = "8191";
 
 [[noreturn]] void throwRefusal(const Response &response)
 {
@@ -69,25 +64,6 @@ Response getIfKnown(const Session &session, const std::string &path)
     else if (!response.isOk())
         throwRefusal(response);
     return response;
-}
-
-// Calls take(name of an index, cursor) for the member `wanted` of each index.
-template <typename Take>
-void forEachIndex(JsonCursor &cursor, std::string_view wanted, Take &&take)
-{
-    forEachMember(
-        cursor,
-        [&](std::string_view index) {
-            const std::string name(index);
-            forEachMember(
-                cursor,
-                [&](std::string_view member) {
-                    if (member == wanted)
-                        take(name, cursor);
-                    else
-                        cursor.value();
-                });
-        });
 }
 
 // What an index, an alias or a data stream may be called, unless it is hidden.
@@ -131,83 +107,23 @@ Stream readStream(JsonCursor &cursor)
     return stream;
 }
 
-void apply(const std::string &name, const std::string &value, RemoteIndex &index)
-{
-    const bool isTrue = value == "true";
-    if (name == "index.hidden") {
-        index.isOffered = index.isOffered && !isTrue;
-    } else if (name == "index.verified_before_close") {
-        index.isClosed = isTrue;
-    } else if (name == "index.mapping.ignore_malformed") {
-        index.defaults.ignoresMalformed = isTrue;
-    } else if (name == "index.mapping.ignore_above") {
-        index.defaults.ignoreAbove = value;
-    } else if (name == "index.mode" && value == "logsdb") {
-        index.defaults.ignoresMalformed = true;
-        if (index.defaults.ignoreAbove.empty())
-            index.defaults.ignoreAbove = IgnoreAboveOfLogs;
-    }
-}
-
 } // namespace
 
 RemoteTables::RemoteTables(const std::shared_ptr<search::ClusterSession> &session,
                            const IndexPattern &pattern)
-    : mappings(getMappings(session, pattern))
+    : remote(getMappings(session, pattern))
 {
-    if (!mappings.isOk())
+    if (remote.all().empty())
         return;
-    takeMappings();
-    if (indices.empty())
-        return;
-    takeSettings(getSettings(session, pattern));
+    remote.takeSettings(getSettings(session, pattern));
     takeStreams(getIfKnown(session, "/_data_stream"));
-    for (const auto &[name, index] : indices)
+    for (const auto &[name, index] : remote.all())
         if (pattern.matches(name) && index.isOffered)
             offer(name, name);
     for (const auto &[name, members] : streams)
         if (pattern.matches(name))
             offer(name, name);
     takeAliases(getIfKnown(session, "/_alias/" + pattern.widePathPart()), pattern);
-}
-
-Mapping RemoteTables::mappingOf(const RemoteIndex &index) const
-{
-    Mapping mapping;
-    reading(mappings, index.mapping, [&] { mapping = readMapping(index.mapping, index.defaults); });
-    return mapping;
-}
-
-void RemoteTables::takeMappings()
-{
-    readResponse(
-        mappings,
-        [&](JsonCursor &cursor) {
-            forEachIndex(
-                cursor, "mappings",
-                [&](const std::string &name, JsonCursor &value) { indices[name].mapping = value.value(); });
-        });
-}
-
-void RemoteTables::takeSettings(const Response &response)
-{
-    readResponse(
-        response,
-        [&](JsonCursor &cursor) {
-            forEachIndex(
-                cursor, "settings",
-                [&](const std::string &name, JsonCursor &settings) {
-                    const auto index = indices.find(name);
-                    forEachMember(
-                        settings,
-                        [&](std::string_view setting) {
-                            const std::string known(setting);
-                            const std::string value = takeText(settings);
-                            if (index != indices.end())
-                                apply(known, value, index->second);
-                        });
-                });
-        });
 }
 
 void RemoteTables::takeStreams(const Response &response)
@@ -226,8 +142,7 @@ void RemoteTables::takeStreams(const Response &response)
                     for (bool isFirst = true; cursor.nextElement(isFirst); isFirst = false) {
                         Stream stream = readStream(cursor);
                         for (const std::string &name : stream.indices)
-                            if (const auto index = indices.find(name); index != indices.end())
-                                index->second.isOffered = false;
+                            remote.hide(name);
                         if (!stream.isHidden)
                             streams.emplace(stream.name, std::move(stream.indices));
                     }
@@ -269,8 +184,8 @@ void RemoteTables::offer(const std::string &name, const std::string &member)
     const std::vector<std::string> members =
         stream == streams.end() ? std::vector<std::string>{member} : stream->second;
     for (const std::string &each : members) {
-        const auto index = indices.find(each);
-        if (index != indices.end() && !index->second.isClosed && isNameOfTable(name))
+        const auto index = remote.all().find(each);
+        if (index != remote.all().end() && !index->second.isClosed && isNameOfTable(name))
             found[name].emplace(each, &index->second);
     }
 }

@@ -78,7 +78,18 @@ CREATE FUNCTION veltranesearch_analyze(relation regclass, field text, text text,
 COMMENT ON FUNCTION veltranesearch_analyze(regclass, text, text) IS
     'the terms that a text becomes in a field of the index of a foreign table';
 
+CREATE FUNCTION veltranesearch_check(relation regclass, OUT ok boolean, OUT what text, OUT detail text, OUT hint text)
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000 ROWS 15;
+COMMENT ON FUNCTION veltranesearch_check(regclass) IS
+    'what is as it should be with a foreign table and the cluster that it searches, and what is not';
+
+CREATE FUNCTION veltranesearch_checkserver(server name, OUT ok boolean, OUT what text, OUT detail text, OUT hint text)
+    RETURNS SETOF record AS 'MODULE_PATHNAME' LANGUAGE C STRICT VOLATILE PARALLEL RESTRICTED COST 10000 ROWS 10;
+COMMENT ON FUNCTION veltranesearch_checkserver(name) IS
+    'what is as it should be with a foreign server and its cluster, and what is not';
+
 REVOKE ALL ON FUNCTION veltranesearch_hits(regclass, jsonb), veltranesearch_terms(regclass, text[], jsonb, integer),
     veltranesearch_aggregate(regclass, jsonb, jsonb), veltranesearch_buckets(regclass, jsonb, jsonb, jsonb),
-    veltranesearch_explain(regclass, text, jsonb), veltranesearch_analyze(regclass, text, text)
+    veltranesearch_explain(regclass, text, jsonb), veltranesearch_analyze(regclass, text, text),
+    veltranesearch_check(regclass), veltranesearch_checkserver(name)
     FROM PUBLIC;

@@ -39,7 +39,7 @@ bool isSearchWrapper(Oid wrapper)
     });
 }
 
-SearchedTable searchedTable(Oid relation)
+void lockSearchedTable(Oid relation)
 {
     const std::string name = nameOfForeignTable(relation);
     if (name.empty() || !isOfSearchWrapper(relation))
@@ -49,6 +49,11 @@ SearchedTable searchedTable(Oid relation)
     if (callServer([&] { return pg_class_aclcheck(relation, GetUserId(), ACL_SELECT); }) != ACLCHECK_OK)
         throw FdwError(ERRCODE_INSUFFICIENT_PRIVILEGE, "permission denied for foreign table " + name)
             .hinted("The function needs the privilege SELECT on the whole table.");
+}
+
+SearchedTable searchedTable(Oid relation)
+{
+    lockSearchedTable(relation);
     SearchedTable table;
     table.options = extension::readOptions(relation, GetUserId());
     table.session =

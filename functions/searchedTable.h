@@ -14,6 +14,9 @@ struct SearchedTable {
     std::shared_ptr<search::ClusterSession> session;
 };
 
+// Locks the table, as below, and throws as below.
+void lockSearchedTable(Oid relation);
+
 // Locks the table until the end of the transaction, as a SELECT does. Throws FdwError where the relation is
 // no foreign table of veltranesearch, and where the current user, as whom it is searched, must not read all
 // of it.

@@ -109,6 +109,8 @@ void Exchange::prepare()
     allowHttpOnly(easy.get());
     apply(connections.settings, easy.get());
     prepareBody();
+    if (request.trace)
+        request.trace->begin(easy.get());
     if (headers)
         curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
     if (request.method == Method::Delete)
@@ -165,6 +167,8 @@ const Outcome &Exchange::end(CURLcode code) noexcept
     curl_easy_getinfo(easy.get(), CURLINFO_NUM_CONNECTS, &outcome.openedConnections);
     curl_easy_getinfo(easy.get(), CURLINFO_RETRY_AFTER, &number);
     outcome.retryAfter = number;
+    if (request.trace)
+        request.trace->end(easy.get());
     connections.remove(easy.get());
     easy.reset();
     return outcome;

@@ -3,6 +3,7 @@
 
 #include "http/connections.h"
 #include "http/handles.h"
+#include "http/trace.h"
 
 #include <cstdint>
 #include <curl/curl.h>
@@ -24,6 +25,7 @@ struct Request {
     std::string body;
     Resend resend = Resend::Allowed;
     std::string opaqueId = {}; // by which the other side may tell who asks; empty: none
+    Trace *trace = nullptr;    // where to put what its connection tells; outlives the exchange; null: nowhere
 };
 
 struct Outcome {

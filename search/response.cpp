@@ -13,7 +13,7 @@ namespace
 class Body final : public Receiver
 {
 public:
-    explicit Body(std::string &target) : target(target) {}
+    Body(std::string &target, std::size_t most) : target(target), most(most) {}
 
     void begin() override
     {
@@ -22,7 +22,7 @@ public:
     }
     bool take(const char *data, std::size_t length) override
     {
-        isTooLarge = target.size() + length > MostBytesOfAResponse;
+        isTooLarge = target.size() + length > most;
         if (!isTooLarge)
             target.append(data, length);
         return !isTooLarge;
@@ -32,21 +32,28 @@ public:
 
 private:
     std::string &target;
+    const std::size_t most;
 };
 
 } // namespace
 
-Response ask(const std::shared_ptr<ClusterSession> &session, http::Request request)
+Response attempt(const std::shared_ptr<ClusterSession> &session, http::Request request, const Bounds &bounds)
 {
     Response response;
-    Body body(response.body);
+    Body body(response.body, bounds.bytes);
     Sending sending(session, std::move(request), Purpose::Search, body);
-    response.outcome = sending.finish();
+    response.outcome = sending.finish(bounds.latest);
     response.request = sending.request();
     if (body.isTooLarge)
-        throw server::FdwError(ERRCODE_FDW_ERROR,
-                               "the response of the search cluster is larger than 1023 MiB")
+        throw server::FdwError(ERRCODE_FDW_ERROR, "the response of the search cluster is larger than " +
+                                                      std::to_string(bounds.bytes >> 20) + " MiB")
             .detailed(describe(response.request));
+    return response;
+}
+
+Response ask(const std::shared_ptr<ClusterSession> &session, http::Request request)
+{
+    Response response = attempt(session, std::move(request), {});
     if (response.outcome.code != CURLE_OK)
         throw transferFailure(response.request, response.outcome);
     return response;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "elasticsearch/jsonRead.h"
+#include "http/clock.h"
 #include "http/exchange.h"
 #include "search/clusterSession.h"
 #include "search/failure.h"
@@ -24,9 +25,20 @@ struct Response {
     bool isOk() const { return outcome.status == 200; }
 };
 
-// Sends a request, whose URL is what follows that of a node, as Sending does. The status is for the caller to
-// judge. Throws FdwError where no response comes in full, or one larger than a search's may be, and
-// ServerError for a cancel.
+// How long a response is waited for, where the server's options do not end that sooner, and how large it may
+// be.
+struct Bounds {
+    http::Clock::time_point latest = http::Never;
+    std::size_t bytes = MostBytesOfAResponse;
+};
+
+// Sends a request, whose URL is what follows that of a node, as Sending does. The outcome is for the caller
+// to judge: the body may be a part of one. Throws FdwError for a response that is too large, and ServerError
+// for a cancel.
+Response attempt(const std::shared_ptr<ClusterSession> &session, http::Request request, const Bounds &bounds);
+
+// The same, but no more than the status is left for the caller to judge: throws FdwError where no response
+// comes in full, or one larger than a search's may be, and ServerError for a cancel.
 Response ask(const std::shared_ptr<ClusterSession> &session, http::Request request);
 
 // The same for a GET of the path, which begins with a slash.

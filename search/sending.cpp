@@ -134,11 +134,12 @@ void Sending::look() noexcept
     lastLook = Clock::now();
 }
 
-const http::Outcome &Sending::finish()
+const http::Outcome &Sending::finish(Clock::time_point latest)
 {
     // The time in which nobody waited does not count.
     const Clock::time_point start = Clock::now();
-    const Clock::time_point deadline = http::deadlineOf(session->cluster.settings.timeoutMs);
+    const Clock::time_point deadline =
+        std::min(http::deadlineOf(session->cluster.settings.timeoutMs), latest);
     for (;;) {
         const http::Outcome &outcome = http::finish(*exchange, deadline);
         noteOutcome(outcome);

@@ -45,8 +45,9 @@ public:
     // Works off what can be done without waiting, unless that was done a moment ago. What fails is told by
     // finish.
     void advance() noexcept;
-    // Waits for the response, and tries again where it may. Throws ServerError and std::bad_alloc.
-    const http::Outcome &finish();
+    // Waits for the response, and tries again where it may, until that moment at the latest. Throws
+    // ServerError and std::bad_alloc.
+    const http::Outcome &finish(http::Clock::time_point latest = http::Never);
 
     // Ends the exchange, if it is not done.
     void giveUp() noexcept;

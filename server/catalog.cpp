@@ -24,4 +24,9 @@ List *userMappingOptions(Oid serverId, Oid userId)
     return options;
 }
 
+bool hasUserMapping(Oid serverId, Oid userId)
+{
+    return SearchSysCacheExists2(USERMAPPINGUSERSERVER, ObjectIdGetDatum(userId), ObjectIdGetDatum(serverId));
+}
+
 } // namespace qm::server

@@ -9,4 +9,7 @@ namespace qm::server
 // [server side] The options of the user's mapping or else of the public one; empty without either.
 List *userMappingOptions(Oid serverId, Oid userId);
 
+// [server side] Whether there is a user mapping for exactly this user; InvalidOid: the public one.
+bool hasUserMapping(Oid serverId, Oid userId);
+
 } // namespace qm::server

@@ -2,6 +2,7 @@
 #include "server/encoding.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace qm::server
@@ -60,6 +61,23 @@ const char *serverToUtf8(const char *string)
     if (GetDatabaseEncoding() == PG_SQL_ASCII)
         return string;
     return pg_server_to_any(string, static_cast<int>(std::strlen(string)), PG_UTF8);
+}
+
+void replaceInvalidBytes(char *text)
+{
+    size_t left = std::strlen(text);
+    if (pg_verifymbstr(text, static_cast<int>(std::min<size_t>(left, INT_MAX)), true))
+        return;
+    while (left > 0) {
+        const size_t length = std::min<size_t>(pg_mblen(text), left);
+        if (pg_verifymbstr(text, static_cast<int>(length), true)) {
+            text += length;
+            left -= length;
+        } else {
+            *text++ = '?';
+            --left;
+        }
+    }
 }
 
 Datum utf8ToServer(Datum value)

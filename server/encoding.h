@@ -16,6 +16,11 @@ const char *serverToUtf8(const char *string);
 // in the current memory context.
 const char *utf8ToMessage(const char *text);
 
+// Puts "?" in the place of each byte that is no valid text of the database's encoding: texts of a search
+// cluster may be cut inside a character or be no text at all, and clients must still be able to read a
+// message. Raises nothing.
+void replaceInvalidBytes(char *text);
+
 // [server side] A text datum of UTF-8 bytes in the database's encoding: the same datum where nothing needs
 // conversion, else one in the current memory context. Raises 22021 or 22P05 for bytes that are not valid, NUL
 // among them, or have no equivalent.

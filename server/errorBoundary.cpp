@@ -1,8 +1,8 @@
 // The border between C++ exceptions and the server's errors.
 #include "server/errorBoundary.h"
 
-#include <algorithm>
-#include <climits>
+#include "server/encoding.h"
+
 #include <cstring>
 #include <new>
 
@@ -37,25 +37,6 @@ char *copyWithoutRaising(const char *text) noexcept
     if (copy)
         std::memcpy(copy, text, size);
     return static_cast<char *>(copy);
-}
-
-// Texts of a search server may be cut inside a character or be no text at all; clients must still be able
-// to read the message.
-void replaceInvalidBytes(char *text)
-{
-    size_t left = std::strlen(text);
-    if (pg_verifymbstr(text, static_cast<int>(std::min<size_t>(left, INT_MAX)), true))
-        return;
-    while (left > 0) {
-        const size_t length = std::min<size_t>(pg_mblen(text), left);
-        if (pg_verifymbstr(text, static_cast<int>(length), true)) {
-            text += length;
-            left -= length;
-        } else {
-            *text++ = '?';
-            --left;
-        }
-    }
 }
 
 } // namespace
