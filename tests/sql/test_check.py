@@ -57,6 +57,9 @@ def test_all_is_well(checked):
     assert texts["search"] == "250 documents" and f"version {checked.search.dialect.number}" in texts["version"]
     assert re.search(r"to 127\.0\.0\.1, in \d+\.\d ms", texts["connection"])
     assert [peer.number for peer in checked.near.requests] == [1] * 9 + [2] * 5, "a connection for each node"
+    checked.make(address=f"http://127.0.0.1:{checked.near.port},http://127.0.0.1:{checked.search.port}")
+    assert [row[0] for row in checked.rows()] == OPTIONS + TABLE + NODE * 2 + INDICES + CLUSTER
+    assert len(checked.near.requests) == 9 + 5 + 9, "the first node goes on"
 
 
 # What catalogs may hold, though no CREATE takes it now.
@@ -121,7 +124,8 @@ OTHERS = [
     (HEALTH, response(HEALTHY % "red"), "shards", "without a node: 3"), (HEALTH, BROKEN, "shards", "cannot be read"),
     (HEALTH, response(HEALTHY % "yellow"), None, ""), (STATS, response(LOAD % 400), None, ""),
     (STATS, response(LOAD % 401), CONTEXTS, "401 are open on a node (n1)"),
-    (SETTINGS, response(WINDOW), "page size", "takes 999"), (MAPPINGS, response("", "500 No"), "mapping", "status 500")]
+    (SETTINGS, response(WINDOW), "page size", "takes 999"),
+    (MAPPINGS, response("", "500 No"), "mapping", "status 500")]
 OPEN = [("/", DENIED, "credentials", "monitor"), (STATS, response("{}"), CONTEXTS, "not tell"), *[
     (path, answer, what, text) for answer, text in ((DENIED, "privilege"), (UNKNOWN, "no such path"))
     for path, what in ((HEALTH, "shards"), (STATS, CONTEXTS), (MAPPINGS, "mapping"), (SETTINGS, "page size"))]]
@@ -135,12 +139,14 @@ def test_responses(checked, path, answer, what, text, ok, goes_on):
     checked.path, checked.script = path, answer
     found, told, is_whole = checked.odd()
     assert found == [(what, ok)] * bool(what) and text in told and is_whole == goes_on
+    assert goes_on or len(checked.near.requests) == 1, "nothing is tried again"
 
 
 @pytest.mark.parametrize("place, options, what, text", [
     ("http://n.invalid", {}, "host name", "(libcurl 6)"), ("http://127.0.0.1:1", {}, "connection", "(libcurl 7)"),
     ("http://127.0.0.1:{full}", {"connecttimeout": "300"}, "connection", "(libcurl 28)"),
-    ("http://h", {"proxy": "http://n.invalid"}, "host name", '"proxy"'), ("https://127.0.0.1:{near}", {}, "TLS", "35)")])
+    ("http://h", {"proxy": "http://n.invalid"}, "host name", '"proxy"'),
+    ("https://127.0.0.1:{near}", {}, "TLS", "35)")])
 def test_unreachable(checked, full_port, place, options, what, text):
     """A node that cannot be used; with another one beside it all goes on."""
     place, checked.near.unread = place.format(full=full_port, near=checked.near.port), 9
@@ -220,14 +226,16 @@ def test_privileges_and_cancel(checked):
 
 
 def test_encodings(checked):
-    """Names of columns are in that of the database, what the cluster says is not, whatever bytes it sends."""
-    with new_database(checked.db, "latin", "ENCODING 'LATIN1' LC_COLLATE 'C' LC_CTYPE 'C'") as session:
+    """Names of columns are in that of the database, the cluster's texts and the requests are not."""
+    with new_database(checked.db, "japanese", "ENCODING 'EUC_JP' LC_COLLATE 'C' LC_CTYPE 'C'") as session:
         session.install()
         session.connection.set_client_encoding("UTF8")
         there = Checked(session, checked.search, checked.near)
-        there.make("\"na\u00efve\" text, docname text")
-        there.path, there.script = "/", info("5.0", ',"distribution":"\u00e4\u65e5"')
+        there.make('"\u65e5" text, docname text')
+        there.path, there.script = "/", info("5.0", ',"distribution":"\u65e5\u20ac"')
         found, text, _ = there.odd()
-        assert found == [("version", False), ('column "na\u00efve"', False)] and "field na\u00efve." in text
-        there.script = response(b"\xc3(\xe4", "503 No")
-        assert "of \u00e4? |" in text and ": ?(? |" in there.odd()[1]
+        assert found == [("version", False), ('column "\u65e5"', False)]
+        assert "of \u65e5? |" in text and "field \u65e5." in text
+        there.path, there.script = "/.*", response(b"\xc3(\xe4", "503 No")
+        there.make(address=f"http://127.0.0.1:{checked.near.port}/\u65e5")
+        assert ": ?(? |" in there.odd()[1]
