@@ -121,7 +121,7 @@ def test_refused(docs, search):  # noqa: F811
     assert bodies(search) == []
 
 
-@pytest.mark.parametrize("body, size", [(KNN, 100), ('{"collapse": {}}', 100), ('{"retriever": {}}', 100), ('{"from": 9950}', 50)])
+@pytest.mark.parametrize("body, size", [(KNN, 101), ('{"collapse": {}}', 101), ('{"retriever": {}}', 101), ('{"from": 9950}', 50)])
 def test_unpageable(docs, scripted, body, size):  # noqa: F811
     docs.make_documents(scripted.port)
     docs.make(batchsize=100)
@@ -131,6 +131,14 @@ def test_unpageable(docs, scripted, body, size):  # noqa: F811
         outcome = docs.outcome("SELECT * FROM veltranesearch_hits('docs', %s)", (body,))
         assert outcome[:1] == ("22023",) if total > begin + size else len(outcome) == count
         assert '"size":%d}' % size in scripted.requests[-1].body.decode() and "scroll" not in scripted.requests[-1].path
+
+
+def test_as_many_groups_as_fit(docs, scripted):  # noqa: F811
+    """The total counts documents: that there is no further group is known by asking for one more."""
+    docs.make_documents(scripted.port)
+    docs.make(batchsize=100)
+    scripted.script = response(hits(*named(*map(str, range(100))), total=900))
+    assert docs.value("SELECT count(*) FROM veltranesearch_hits('docs', '{\"collapse\": {}}')") == 100
 
 
 def test_injection(docs, scripted):  # noqa: F811
